@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Builds and runs every test three ways: a normal build, an ASan+UBSan build,
+# and a TSan build of the concurrency tests; then the fuzz targets for a
+# bounded time. Exits non-zero on the first failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh test
+
+jobs=$(nproc)
+stage() { printf '\n==== %s ====\n' "$*"; }
+
+configure() {  # dir, extra cmake args...
+  local dir=$1; shift
+  cmake -S . -B "$dir" -G Ninja -DSF_TESTS=ON "$@" >/dev/null
+  cmake --build "$dir" -j "$jobs"
+}
+
+stage "normal build"
+configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSF_BENCH=ON
+ctest --test-dir build -j "$jobs" --output-on-failure --timeout 300
+
+stage "ASan + UBSan build"
+configure build-asan -DCMAKE_BUILD_TYPE=Debug -DSF_SANITIZE=address,undefined
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir build-asan -j "$jobs" --output-on-failure --timeout 600 -LE no-sanitizer
+
+stage "TSan build (concurrency tests)"
+configure build-tsan -DCMAKE_BUILD_TYPE=Debug -DSF_SANITIZE=thread
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp" \
+  ctest --test-dir build-tsan -j "$jobs" --output-on-failure --timeout 600 -L concurrency
+
+if [ -f tests/fuzz/CMakeLists.txt ]; then
+  stage "fuzz targets (clang, ASan + UBSan, bounded)"
+  CC=clang CXX=clang++ configure build-fuzz -DCMAKE_BUILD_TYPE=Debug -DSF_FUZZ=ON \
+    -DSF_SANITIZE=address,undefined
+  ctest --test-dir build-fuzz --output-on-failure --timeout 900 -L fuzz
+fi

@@ -1,0 +1,213 @@
+// The Tcl bridge: one interpreter, one recursive lock.
+#include <tcl.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+
+#include "sf/events.h"
+#include "sf/i_mx.h"
+#include "sf/platform/fs.h"
+#include "sf/sferr.h"
+#include "sf/tcl.h"
+
+namespace sf {
+
+namespace {
+
+Tcl_Interp* g_interp = nullptr;
+Mx* g_tclLock = nullptr;
+std::map<std::string, TclProc>& commandTable() {
+  static std::map<std::string, TclProc> table;
+  return table;
+}
+std::string g_dataDir;
+std::string g_rootDir;
+
+// Every exported command enters here. Exceptions never reach the
+// interpreter: they are logged and the command fails with status 1.
+int dispatch(ClientData clientData, Tcl_Interp*, int argc, const char* argv[]) {
+  TclProc proc = reinterpret_cast<TclProc>(clientData);
+  if (sfi_on(7)) {
+    std::string words;
+    for (int i = 0; i < argc; ++i) words.append(argv[i]).append(" ");
+    SF_LOG(7, "eval %s", words.c_str());
+  }
+  try {
+    return proc(argc, argv);
+  } catch (const X& x) {
+    SF_LOG(3, "tcl:eval caught exception - %s", x.str().c_str());
+  } catch (const char* s) {
+    SF_LOG(1, "tcl:eval caught string exception - %s", s);
+  } catch (...) {
+    SF_LOG(3, "tcl:eval caught unknown exception");
+  }
+  return TCL_ERROR;
+}
+
+// The interpreter may modify the script it is given, so it always gets a
+// private copy: on the stack for short scripts, on the heap otherwise.
+class ScriptCopy {
+ public:
+  explicit ScriptCopy(const char* script) {
+    size_t n = strlen(script);
+    text_ = n < sizeof small_ ? small_ : static_cast<char*>(malloc(n + 1));
+    if (!text_) throw std::bad_alloc();
+    memcpy(text_, script, n + 1);
+  }
+  ~ScriptCopy() {
+    if (text_ != small_) free(text_);
+  }
+  ScriptCopy(const ScriptCopy&) = delete;
+  ScriptCopy& operator=(const ScriptCopy&) = delete;
+  char* get() { return text_; }
+
+ private:
+  char small_[512];
+  char* text_;
+};
+
+bool readable(const std::string& path) {
+  FILE* f = fopen(path.c_str(), "r");
+  if (!f) return false;
+  fclose(f);
+  return true;
+}
+
+}  // namespace
+
+Xtcl::Xtcl() : X(2, 8) {
+  if (!g_interp) return;
+  Tcl_AddErrorInfo(g_interp, "");
+  const char* c = Tcl_GetVar(g_interp, "errorCode", TCL_GLOBAL_ONLY);
+  const char* i = Tcl_GetVar(g_interp, "errorInfo", TCL_GLOBAL_ONLY);
+  errorCode = c ? c : "";
+  errorInfo = i ? i : "";
+}
+
+void sfi_tclCreate() {
+  if (g_interp) return;
+  Tcl_FindExecutable(platform::executable_path().c_str());
+  g_interp = Tcl_CreateInterp();
+  g_tclLock = new Mx(true);
+}
+
+bool sfi_tclInitLibrary() {
+  MxLock guard(*g_tclLock);
+  return Tcl_Init(g_interp) == TCL_OK;
+}
+
+bool sfi_tclReady() { return g_interp != nullptr; }
+
+Mx& sfi_tclLock() { return *g_tclLock; }
+
+void sfi_setDirectories(const std::string& datadir, const std::string& rootdir) {
+  g_dataDir = datadir;
+  g_rootDir = rootdir;
+}
+
+const std::string& sfi_dataDir() { return g_dataDir; }
+const std::string& sfi_rootDir() { return g_rootDir; }
+
+void exportProc(const char* name, TclProc proc) {
+  commandTable()[name] = proc;
+  Tcl_CreateCommand(g_interp, name, dispatch, reinterpret_cast<ClientData>(proc), nullptr);
+}
+
+TclProc findProc(const char* name) {
+  auto it = commandTable().find(name);
+  return it == commandTable().end() ? nullptr : it->second;
+}
+
+std::string eval(const char* script) {
+  ScriptCopy copy(script);
+  SF_LOG(6, "eval %s", copy.get());
+  MxLock guard(*g_tclLock);
+  int status = Tcl_Eval(g_interp, copy.get());
+  if (status == TCL_OK) {
+    std::string result = Tcl_GetStringResult(g_interp);
+    SF_LOG(3, "eval %s->%s", script, result.c_str());
+    return result;
+  }
+  SF_LOG(3, "eval %s -> error %d", script, status);
+  SF_THROW("eval", Xtcl());
+}
+
+std::string sfi_quietEval(const char* script) {
+  ScriptCopy copy(script);
+  MxLock guard(*g_tclLock);
+  if (Tcl_Eval(g_interp, copy.get()) != TCL_OK) throw "tcl";
+  return Tcl_GetStringResult(g_interp);
+}
+
+void evalFile(const char* name) {
+  MxLock guard(*g_tclLock);
+  std::string chosen;
+  try {
+    chosen = name;
+    if (!readable(chosen)) {
+      chosen = g_dataDir + "/" + name;
+      if (!readable(chosen)) chosen = g_rootDir + "/etc/" + name;
+    }
+  } catch (...) {
+    SF_THROW("eval", Xtcl());
+  }
+  if (Tcl_EvalFile(g_interp, chosen.c_str()) == TCL_OK) return;
+  sfi_reportEvent1("03_sf_eval_s", name);
+  SF_THROW("eval", Xtcl());
+}
+
+void evalScript(int, const char** argv) {
+  for (int i = 1; argv[i]; ++i) {
+    if (argv[i][0] != '-') evalFile(argv[i]);
+  }
+}
+
+void setRes(const char* s) { Tcl_SetResult(g_interp, const_cast<char*>(s), TCL_VOLATILE); }
+
+void appRes(const char* s) { Tcl_AppendResult(g_interp, s, static_cast<char*>(nullptr)); }
+
+void appResElem(const char* s) { Tcl_AppendElement(g_interp, s); }
+
+int getVarInt(const char* name, int dflt) {
+  if (!g_interp) return dflt;
+  MxLock guard(*g_tclLock);
+  Tcl_Obj* value = Tcl_GetVar2Ex(g_interp, name, nullptr, TCL_GLOBAL_ONLY);
+  if (!value) return dflt;
+  int result;
+  if (Tcl_GetIntFromObj(g_interp, value, &result) != TCL_OK) SF_THROW("getVarInt", Xtcl());
+  return result;
+}
+
+std::string getVarStr(const char* name, const char* dflt) {
+  if (!g_interp) return dflt;
+  MxLock guard(*g_tclLock);
+  const char* value = Tcl_GetVar(g_interp, name, TCL_GLOBAL_ONLY);
+  return value ? value : dflt;
+}
+
+void setVarInt(const char* name, int v) {
+  char text[16];
+  snprintf(text, sizeof text, "%d", v);
+  setVarStr(name, text);
+}
+
+void setVarStr(const char* name, const char* v) {
+  MxLock guard(*g_tclLock);
+  // The interpreter copies the value; our copy is released at once.
+  std::string copy(v);
+  Tcl_SetVar(g_interp, name, copy.c_str(), TCL_GLOBAL_ONLY);
+}
+
+void tclsplit(const char* list, std::list<std::string>& out) {
+  MxLock guard(*g_tclLock);
+  int argc = 0;
+  const char** argv = nullptr;
+  if (Tcl_SplitList(g_interp, list, &argc, &argv) != TCL_OK) SF_THROW("tclsplit", Xtcl());
+  for (int i = 0; i < argc; ++i) out.push_back(argv[i]);
+  Tcl_Free(reinterpret_cast<char*>(argv));
+}
+
+}  // namespace sf

@@ -1,0 +1,84 @@
+#include "support/testsupport.h"
+
+#include <atomic>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "sf/sflib.h"
+
+namespace sftest {
+
+void ensureInterp() { sf::sfi_tclCreate(); }
+
+TempDir::TempDir() {
+  static std::atomic<int> counter{0};
+  std::random_device rd;
+  path_ = std::filesystem::temp_directory_path() /
+          ("sftest-" + std::to_string(rd()) + "-" + std::to_string(counter++));
+  std::filesystem::create_directories(path_);
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+std::string readFile(const std::filesystem::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+void writeFile(const std::filesystem::path& p, const std::string& text) {
+  std::ofstream out(p, std::ios::binary);
+  out << text;
+}
+
+namespace {
+std::mutex g_lock;
+std::vector<Record> g_records;
+
+void keep(std::uint32_t, std::uint32_t, std::uint32_t level, const char*, std::uint32_t,
+          std::uint32_t, const char* msg, int code, const char* file, int line) {
+  std::lock_guard<std::mutex> guard(g_lock);
+  g_records.push_back({level, msg, code, file ? file : "", line});
+}
+}  // namespace
+
+LogCapture::LogCapture(int level) : previousLevel_(sf::g_logLevel.load()) {
+  clear();
+  sf::setlog(keep);
+  sf::g_logLevel.store(level);
+}
+
+LogCapture::~LogCapture() {
+  sf::setlog(nullptr);
+  sf::g_logLevel.store(previousLevel_);
+}
+
+std::vector<Record> LogCapture::records() const {
+  std::lock_guard<std::mutex> guard(g_lock);
+  return g_records;
+}
+
+std::vector<std::string> LogCapture::messages(unsigned level) const {
+  std::vector<std::string> out;
+  for (const Record& r : records())
+    if (r.level == level) out.push_back(r.msg);
+  return out;
+}
+
+bool LogCapture::contains(const std::string& text) const {
+  for (const Record& r : records())
+    if (r.msg.find(text) != std::string::npos) return true;
+  return false;
+}
+
+void LogCapture::clear() {
+  std::lock_guard<std::mutex> guard(g_lock);
+  g_records.clear();
+}
+
+}  // namespace sftest

@@ -1,0 +1,55 @@
+// Helpers shared by the unit tests.
+#pragma once
+
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace sftest {
+
+// Creates the process's interpreter once (without the site script).
+void ensureInterp();
+
+// A fresh directory under the system's temporary directory, removed with
+// everything in it when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  const std::filesystem::path& path() const { return path_; }
+  std::string str() const { return path_.string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+std::string readFile(const std::filesystem::path& p);
+void writeFile(const std::filesystem::path& p, const std::string& text);
+
+// One record as the log callback saw it.
+struct Record {
+  unsigned level;
+  std::string msg;
+  int code;
+  std::string file;
+  int line;
+};
+
+// Installs a log callback that keeps every record, at the given level, for
+// the lifetime of the object; restores the previous level afterwards.
+class LogCapture {
+ public:
+  explicit LogCapture(int level);
+  ~LogCapture();
+  std::vector<Record> records() const;
+  // Messages of records at exactly this level.
+  std::vector<std::string> messages(unsigned level) const;
+  bool contains(const std::string& text) const;
+  void clear();
+
+ private:
+  int previousLevel_;
+};
+
+}  // namespace sftest
