@@ -1,0 +1,27 @@
+// The order in which initTcl registers the library's script commands. Hosts
+// and scripts may rely on it, so keep it:
+//   bind, spinThread, mkQ, enQ, sfenv, dummyWorker, sf_dumpMsg, sf_echo,
+//   sfi_pipeEnv, sfload, sf_quiesce, sf_ping, sf_dump, sfThreadId, sf_event,
+//   sf_log, status
+// Each module adds its commands here, in their place, when it lands.
+#include "sf/detail/commands.h"
+#include "sf/tcl.h"
+
+namespace sf {
+
+namespace {
+struct Command {
+  const char* name;
+  TclProc proc;
+};
+
+const Command kCommands[] = {
+    {nullptr, nullptr},  // end of table
+};
+}  // namespace
+
+void sfi_registerCommands() {
+  for (const Command* c = kCommands; c->name; ++c) exportProc(c->name, c->proc);
+}
+
+}  // namespace sf
