@@ -94,3 +94,8 @@ inline const char* Buffer::getROPtr(size_t offset) const {
 #include "sf/i_mx.h"
 #include "sf/runtime.h"
 #include "sf/tcl.h"
+#include "sf/message.h"
+#include "sf/msgq.h"
+#include "sf/timer.h"
+#include "sf/watchdog.h"
+#include "sf/worker.h"
