@@ -5,6 +5,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -124,8 +126,17 @@ TEST(ScriptThreads, DummyWorkerRunsItsScriptWithTheMessageInContext) {
 
 TEST(ScriptThreads, UnknownProcedureEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // The fatal exit writes a dump file in the working directory: the parent
+  // makes a directory for it and the child (which runs this test again)
+  // finds it in the environment.
+  std::unique_ptr<sftest::TempDir> dir;
+  if (!std::getenv("SF_TEST_DUMP_DIR")) {
+    dir = std::make_unique<sftest::TempDir>();
+    setenv("SF_TEST_DUMP_DIR", dir->str().c_str(), 1);
+  }
   EXPECT_EXIT(
       {
+        std::filesystem::current_path(std::getenv("SF_TEST_DUMP_DIR"));
         setUp();
         sf::sfi_logToStderr();
         sf::sfi_setLogLevel(1);
@@ -134,6 +145,12 @@ TEST(ScriptThreads, UnknownProcedureEndsTheProcess) {
         std::_Exit(0);
       },
       ::testing::ExitedWithCode(3), "exported thread proc not found: \\{noSuchProc\\} \\{x\\}");
+  unsetenv("SF_TEST_DUMP_DIR");
+  bool dumped = false;
+  for (const auto& entry : std::filesystem::directory_iterator(dir->path()))
+    dumped = sftest::readFile(entry.path()).find("thread exiting, out of configuration") !=
+             std::string::npos;
+  EXPECT_TRUE(dumped);
 }
 
 }  // namespace
