@@ -77,7 +77,9 @@ TimeoutId mkTimeout_gen(unsigned seconds, unsigned microseconds, MessageQ* q, Me
   {
     MxLock guard(t.mx);
     id = ++t.counter;
-    if (m) m->isTimeout = true;
+    // Written only when it changes: a periodic message is being re-armed
+    // while a worker may still be reading the copy posted last time.
+    if (m && !m->isTimeout) m->isTimeout = true;
     Entry e;
     e.id = TimeoutId(id);
     e.period = periodic ? TimeVal{seconds, microseconds} : TimeVal{0, 0};
@@ -163,7 +165,7 @@ void timerThread(void*) {
     t.mx.unlock();
     SF_LOG(4, "timer %d due, popping front of queue", static_cast<int>(e.id.id));
     if (e.period.sec != 0 || e.period.usec != 0) {
-      if (e.message) e.message->keep = true;
+      if (e.message && !e.message->keep) e.message->keep = true;
       mkTimeout_gen(e.period.sec, e.period.usec, e.queue, e.message, true);
     }
     post(e);

@@ -6,7 +6,9 @@
 // object once per interval: at each firing it sets the message's keep flag
 // (so workers do not delete it) and re-arms itself under a new id, measured
 // from the firing, so rmTimeout with the first id cancels it only before its
-// first firing.
+// first firing. Because the same object is posted again while a worker may
+// still hold it, a periodic message must be treated as read-only by workers
+// (enQ and deQ stamp its times).
 //
 // Times are (seconds, microseconds) of the monotonic uptime clock. Delays are
 // added field by field with no carry of microseconds into seconds; the
