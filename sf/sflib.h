@@ -93,4 +93,5 @@ inline const char* Buffer::getROPtr(size_t offset) const {
 #include "sf/events.h"
 #include "sf/i_mx.h"
 #include "sf/runtime.h"
+#include "sf/stats.h"
 #include "sf/tcl.h"
