@@ -22,7 +22,10 @@ const Command kCommands[] = {
     {"sfenv", sfi_cmd_sfenv},
     {"dummyWorker", sfi_cmd_dummyWorker},
     {"sf_dumpMsg", sfi_cmd_sf_dumpMsg},
+    {"sf_dump", sfi_cmdDump},
     {"sfThreadId", sfi_cmd_sfThreadId},
+    {"sf_event", sfi_cmdEvent},
+    {"sf_log", sfi_cmdLog},
     {"status", sfi_cmd_status},
     {nullptr, nullptr},  // end of table
 };

@@ -18,4 +18,9 @@ int sfi_cmd_sf_dumpMsg(int argc, const char** argv);
 int sfi_cmd_sfThreadId(int argc, const char** argv);
 int sfi_cmd_status(int argc, const char** argv);
 
+// Runtime commands (runtimecommands.cpp).
+int sfi_cmdDump(int argc, const char** argv);
+int sfi_cmdEvent(int argc, const char** argv);
+int sfi_cmdLog(int argc, const char** argv);
+
 }  // namespace sf
