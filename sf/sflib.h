@@ -94,3 +94,8 @@ inline const char* Buffer::getROPtr(size_t offset) const {
 #include "sf/i_mx.h"
 #include "sf/runtime.h"
 #include "sf/tcl.h"
+#include "sf/port.h"
+#include "sf/connection.h"
+#include "sf/adaptor.h"
+#include "sf/reader.h"
+
