@@ -27,12 +27,8 @@
 
 #include "sf/sflib.h"
 
-#if __has_include("sf/adaptor.h")
 #include "sf/adaptor.h"
 #include "sf/connection.h"
-#else
-#include "sf/http/provisional_net.h"
-#endif
 
 namespace sf {
 

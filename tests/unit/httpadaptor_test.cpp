@@ -6,7 +6,14 @@
 #include <deque>
 #include <string>
 
+#include "sf/detail/net.h"
 #include "sf/http/httpadaptor.h"
+#if __has_include("sf/message.h")
+#include "sf/message.h"
+#else
+#include "sf/http/provisional_msg.h"
+#endif
+#include "sf/platform/socket.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
 
@@ -50,24 +57,23 @@ std::string str(const Buffer& b) {
   return std::string(b.data ? b.data : "", b.size());
 }
 
-// A connection with no socket, carrying MemAdaptor below an HttpAdaptor.
+// A connection over an unconnected socket (so that closing it shows),
+// carrying MemAdaptor below an HttpAdaptor.
 struct Peer {
-  sf::i_Connection* record;
   sf::Connection conn;
   MemAdaptor* mem;
   HttpAdaptor* http;
 
   explicit Peer(bool client, std::deque<std::string> input = {})
-      : record(new sf::i_Connection), conn(record) {
-    record->fd = 7;
-    record->remote = "127.0.0.1+8080";
+      : conn(new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4()))) {
+    conn.record()->remote = "127.0.0.1+8080";
     mem = new MemAdaptor;
     mem->segments = std::move(input);
     conn.push(mem);
     http = new HttpAdaptor(client);
     conn.push(http);
   }
-  bool closed() const { return record->fd == ~0ull; }
+  bool closed() const { return conn.socketNo() == sf::INVALID_SOCK; }
 
   std::string read() {
     Buffer b;
