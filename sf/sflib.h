@@ -93,6 +93,7 @@ inline const char* Buffer::getROPtr(size_t offset) const {
 #include "sf/events.h"
 #include "sf/i_mx.h"
 #include "sf/runtime.h"
+#include "sf/stats.h"
 #include "sf/tcl.h"
 #include "sf/port.h"
 #include "sf/connection.h"
