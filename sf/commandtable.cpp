@@ -16,6 +16,9 @@ struct Command {
 };
 
 const Command kCommands[] = {
+    {"sf_dump", sfi_cmdDump},
+    {"sf_event", sfi_cmdEvent},
+    {"sf_log", sfi_cmdLog},
     {nullptr, nullptr},  // end of table
 };
 }  // namespace

@@ -93,4 +93,10 @@ inline const char* Buffer::getROPtr(size_t offset) const {
 #include "sf/events.h"
 #include "sf/i_mx.h"
 #include "sf/runtime.h"
+#include "sf/stats.h"
 #include "sf/tcl.h"
+#include "sf/port.h"
+#include "sf/connection.h"
+#include "sf/adaptor.h"
+#include "sf/reader.h"
+

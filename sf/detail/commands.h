@@ -8,4 +8,9 @@ namespace sf {
 // initTcl once the interpreter exists.
 void sfi_registerCommands();
 
+// Runtime commands (runtimecommands.cpp).
+int sfi_cmdDump(int argc, const char** argv);
+int sfi_cmdEvent(int argc, const char** argv);
+int sfi_cmdLog(int argc, const char** argv);
+
 }  // namespace sf
