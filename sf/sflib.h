@@ -94,3 +94,5 @@ inline const char* Buffer::getROPtr(size_t offset) const {
 #include "sf/i_mx.h"
 #include "sf/runtime.h"
 #include "sf/tcl.h"
+#include "sf/ber/sfbercomponent.h"
+#include "sf/ber/sfbercomponentencoder.h"
