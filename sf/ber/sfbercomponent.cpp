@@ -1,7 +1,9 @@
 // sfber::SfBerComponent: validation, navigation and accessors.
 #include "sf/ber/sfbercomponent.h"
 
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -43,6 +45,25 @@ const Settings& processSettings() {
 
 }  // namespace
 
+// Formats and writes one log record. Out of line, so that the checks that
+// log stay small enough to inline into the validation loop.
+__attribute__((noinline, cold, format(printf, 4, 5))) static void berLog(int level,
+                                                                         const char* file, int line,
+                                                                         const char* fmt, ...) {
+  char text[4096];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(text, sizeof text, fmt, ap);
+  va_end(ap);
+  sf::sfi_log(level, 0, text, file, line, 0);
+}
+
+// SF_LOG with the formatting kept out of the caller.
+#define BER_LOG(level, ...)                                                  \
+  do {                                                                       \
+    if (::sf::sfi_on(level)) berLog(level, __FILE__, __LINE__, __VA_ARGS__); \
+  } while (0)
+
 // The record shows the constructing expression as "Xber( Ber::CODE )".
 #define BER_FAIL(site, code) berThrow(site, "Xber( Ber::" #code " )", __FILE__, __LINE__, Ber::code)
 
@@ -52,45 +73,86 @@ static inline bool negativeLength(size_t len) {
   return static_cast<std::int64_t>(len) < 0;
 }
 
+// The readers below are the hot path of validation and navigation: they are
+// file-local so that they inline, and take the data pointer and the end of
+// what may be read, fetched once per loop.
+static inline const unsigned char* dataOf(const Buffer* b) {
+  return reinterpret_cast<const unsigned char*>(b->data);
+}
+
+// The end of the stretch, clipped to the buffer.
+static inline size_t limitOf(const Buffer* b, unsigned start, size_t length) {
+  const size_t size = b ? b->size() : 0;
+  if (start >= size) return start;
+  const size_t rest = size - start;
+  return start + (length < rest ? length : rest);
+}
+
+[[noreturn]] __attribute__((noinline, cold)) static void multiByteTag(int octet, unsigned pos,
+                                                                      int level) {
+  BER_LOG(level, "multi-byte tag found (%d) at offset %d", octet, static_cast<int>(pos));
+  BER_FAIL("taglen", BER_NOT_VALIDATED);
+}
+
+static inline int tagAt(const unsigned char* p, size_t limit, unsigned* pos, int errorLevel) {
+  if (*pos >= limit) BER_FAIL("insufdat", INSUFFICENT_DATA);
+  const int octet = p[*pos];
+  if ((octet & 0x1F) == 0x1F) multiByteTag(octet, *pos, errorLevel);
+  ++*pos;
+  return octet;
+}
+
+static inline size_t lengthAt(const unsigned char* p, size_t limit, unsigned* pos, int maxLength) {
+  if (*pos >= limit) BER_FAIL("insufdat", INSUFFICENT_DATA);
+  const unsigned first = p[(*pos)++];
+  std::int32_t value;
+  if (first < 0x80) {
+    value = static_cast<std::int32_t>(first);
+  } else if (first == 0x80) {
+    value = -1;  // indefinite
+  } else {
+    const unsigned n = first & 0x7F;
+    if (n > 8) BER_FAIL("lenbound", LENGTH_OUT_OF_BOUNDS);
+    // Big-endian into 32 bits; once the value has turned negative the
+    // remaining length octets are left unread.
+    std::uint32_t v = 0;
+    for (unsigned i = 0; i < n; ++i) {
+      if (static_cast<std::int32_t>(v) < 0) break;
+      if (*pos >= limit) BER_FAIL("insufdat", INSUFFICENT_DATA);
+      v = (v << 8) | p[(*pos)++];
+    }
+    value = static_cast<std::int32_t>(v);
+  }
+  // Negative values (indefinite, over-long) pass this bound on purpose; the
+  // validator refuses them where they are used.
+  if (maxLength >= 1 && value > maxLength) BER_FAIL("lenbound", LENGTH_OUT_OF_BOUNDS);
+  return static_cast<size_t>(static_cast<std::int64_t>(value));
+}
+
+// An item's header at `at`, for navigation and accessors: its content must
+// have a definite length and lie inside what may be read.
+static inline int itemAt(const unsigned char* p, size_t limit, unsigned at, unsigned* content,
+                         size_t* len, int errorLevel, int maxLength) {
+  unsigned pos = at;
+  const int ident = tagAt(p, limit, &pos, errorLevel);
+  const size_t l = lengthAt(p, limit, &pos, maxLength);
+  if (negativeLength(l)) BER_FAIL("invlen", INVALID_LENGTH);
+  if (l > limit - pos) BER_FAIL("insufdat", INSUFFICENT_DATA);
+  *content = pos;
+  *len = l;
+  return ident;
+}
+
+#define BER_REQUIRE_VALIDATED()                              \
+  do {                                                       \
+    if (!validated) BER_FAIL("bervalid", BER_NOT_VALIDATED); \
+  } while (0)
+
 // Universal tag numbers of the character and octet string types, whose
 // constructed form is the concatenation of primitive parts.
 static inline bool isStringTag(int tagNo) {
   return tagNo == 4 || tagNo == 7 || tagNo == 12 || (tagNo >= 18 && tagNo <= 30);
 }
-
-const SfBerComponent::Checker SfBerComponent::kTypeTable[31] = {
-    &SfBerComponent::IsValidEndOfContents,    // 0 end-of-contents
-    &SfBerComponent::IsValidInt,              // 1 BOOLEAN
-    &SfBerComponent::IsValidInt,              // 2 INTEGER
-    &SfBerComponent::IsValidBitString,        // 3 BIT STRING
-    &SfBerComponent::IsValidOctetString,      // 4 OCTET STRING
-    &SfBerComponent::IsValidNull,             // 5 NULL
-    &SfBerComponent::IsValidObjectIdent,      // 6 OBJECT IDENTIFIER
-    &SfBerComponent::IsValidAcceptType,       // 7 ObjectDescriptor
-    &SfBerComponent::IsValidConstructedType,  // 8 EXTERNAL
-    &SfBerComponent::IsValidPrimitiveType,    // 9 REAL
-    &SfBerComponent::IsValidInt,              // 10 ENUMERATED
-    &SfBerComponent::IsValidAcceptType,       // 11 EMBEDDED PDV
-    &SfBerComponent::IsValidAcceptType,       // 12 UTF8String
-    &SfBerComponent::IsValidPrimitiveType,    // 13 RELATIVE-OID
-    &SfBerComponent::IsValidAcceptType,       // 14
-    &SfBerComponent::IsValidAcceptType,       // 15
-    &SfBerComponent::IsValidSequence,         // 16 SEQUENCE
-    &SfBerComponent::IsValidSet,              // 17 SET
-    &SfBerComponent::IsValidNumericString,    // 18 NumericString
-    &SfBerComponent::IsValidPrintString,      // 19 PrintableString
-    &SfBerComponent::IsValidT61String,        // 20 TeletexString
-    &SfBerComponent::IsValidAcceptType,       // 21 VideotexString
-    &SfBerComponent::IsValidIA5String,        // 22 IA5String
-    &SfBerComponent::IsValidUTCTime,          // 23 UTCTime
-    &SfBerComponent::IsValidAcceptType,       // 24 GeneralizedTime
-    &SfBerComponent::IsValidAcceptType,       // 25 GraphicString
-    &SfBerComponent::IsValidAcceptType,       // 26 VisibleString
-    &SfBerComponent::IsValidAcceptType,       // 27 GeneralString
-    &SfBerComponent::IsValidAcceptType,       // 28 UniversalString
-    &SfBerComponent::IsValidAcceptType,       // 29 CHARACTER STRING
-    &SfBerComponent::IsValidAcceptType,       // 30 BMPString
-};
 
 // ---------------------------------------------------------------------------
 // Construction and settings
@@ -148,60 +210,25 @@ void SfBerComponent::AssignPDU(Buffer* pdu_, unsigned start_, size_t length_) {
 // Low-level readers
 
 const unsigned char* SfBerComponent::bytes() const {
-  return reinterpret_cast<const unsigned char*>(pdu->data);
+  return dataOf(pdu);
 }
 
 size_t SfBerComponent::readLimit() const {
-  size_t size = pdu ? pdu->size() : 0;
-  if (start >= size) return start;
-  size_t rest = size - start;
-  return start + (length < rest ? length : rest);
+  return limitOf(pdu, start, length);
 }
 
 void SfBerComponent::requireValidated() const {
-  if (!validated) BER_FAIL("bervalid", BER_NOT_VALIDATED);
+  BER_REQUIRE_VALIDATED();
 }
 
 int SfBerComponent::GetValueTag(unsigned* pos) const {
   if (!hasPdu || !pdu) BER_FAIL("noberdef", NO_BER_DEFINED);
-  if (*pos >= readLimit()) BER_FAIL("insufdat", INSUFFICENT_DATA);
-  int octet = bytes()[*pos];
-  if ((octet & 0x1F) == 0x1F) {
-    SF_LOG(logErrorLevel, "multi-byte tag found (%d) at offset %d", octet, static_cast<int>(*pos));
-    BER_FAIL("taglen", BER_NOT_VALIDATED);
-  }
-  ++*pos;
-  return octet;
+  return tagAt(dataOf(pdu), limitOf(pdu, start, length), pos, logErrorLevel);
 }
 
 size_t SfBerComponent::GetValueLength(unsigned* pos) const {
   if (!hasPdu || !pdu) BER_FAIL("noberdef", NO_BER_DEFINED);
-  const size_t limit = readLimit();
-  if (*pos >= limit) BER_FAIL("insufdat", INSUFFICENT_DATA);
-  const unsigned char* p = bytes();
-  unsigned first = p[(*pos)++];
-  std::int32_t value;
-  if (first == 0x80) {
-    value = -1;  // indefinite
-  } else if (first < 0x80) {
-    value = static_cast<std::int32_t>(first);
-  } else {
-    unsigned n = first & 0x7F;
-    if (n > 8) BER_FAIL("lenbound", LENGTH_OUT_OF_BOUNDS);
-    // Big-endian into 32 bits; once the value has turned negative the
-    // remaining length octets are left unread.
-    std::uint32_t v = 0;
-    for (unsigned i = 0; i < n; ++i) {
-      if (static_cast<std::int32_t>(v) < 0) break;
-      if (*pos >= limit) BER_FAIL("insufdat", INSUFFICENT_DATA);
-      v = (v << 8) | p[(*pos)++];
-    }
-    value = static_cast<std::int32_t>(v);
-  }
-  // Negative values (indefinite, over-long) pass this bound on purpose; the
-  // validator refuses them where they are used.
-  if (maxLength >= 1 && value > maxLength) BER_FAIL("lenbound", LENGTH_OUT_OF_BOUNDS);
-  return static_cast<size_t>(static_cast<std::int64_t>(value));
+  return lengthAt(dataOf(pdu), limitOf(pdu, start, length), pos, maxLength);
 }
 
 // ---------------------------------------------------------------------------
@@ -224,9 +251,9 @@ void SfBerComponent::ValidateStructure() {
 bool SfBerComponent::IsValidStructure(unsigned* pos, size_t dataLen, int identifier) {
   ++depth;
   if (depth > maxDepth) {
-    SF_LOG(logErrorLevel,
-           ": HINT: increase sf.ber.maxdepth(%d) to greater than (%d). IsValidStructure", maxDepth,
-           depth);
+    BER_LOG(logErrorLevel,
+            ": HINT: increase sf.ber.maxdepth(%d) to greater than (%d). IsValidStructure", maxDepth,
+            depth);
     SF_THROW("IsValidStructure", Xber(Ber::TOO_DEEP));
   }
   bool ok;
@@ -234,7 +261,7 @@ bool SfBerComponent::IsValidStructure(unsigned* pos, size_t dataLen, int identif
     ok = IsValidStructure_internal(pos, dataLen, identifier);
   } catch (...) {
     // The depth is left raised: AssignPDU and ClearSettings reset it.
-    SF_LOG(3, "IsValidStructure: caught unexpected exception");
+    BER_LOG(3, "IsValidStructure: caught unexpected exception");
     throw;
   }
   --depth;
@@ -245,13 +272,14 @@ bool SfBerComponent::IsValidStructure_internal(unsigned* pos, size_t dataLen, in
   if (dataLen < 2) return false;
   const unsigned pos0 = *pos;
   unsigned cur = pos0;
-  const size_t limit = readLimit();
+  const unsigned char* const data = dataOf(pdu);
+  const size_t limit = limitOf(pdu, start, length);
   const bool acceptAny = identifier == 256 || identifier == 16 || identifier == 17;
   for (;;) {
     if (static_cast<size_t>(cur - pos0) + 2 > dataLen) BER_FAIL("insufdat", INSUFFICENT_DATA);
     errorOffset = cur;
-    const int ident = GetValueTag(&cur);
-    const size_t len = GetValueLength(&cur);
+    const int ident = tagAt(data, limit, &cur, logErrorLevel);
+    const size_t len = lengthAt(data, limit, &cur, maxLength);
     // For a negative length this sum wraps below dataLen: the content check
     // of an indefinite constructed item then runs until it meets the
     // end-of-contents item, which ends it with false.
@@ -278,13 +306,13 @@ bool SfBerComponent::IsValidStructure_internal(unsigned* pos, size_t dataLen, in
     bool valid = true;
     if (universal) {
       const int tagNo = ident & 0x1F;
-      valid = tagNo != 0 && (this->*kTypeTable[tagNo])(&content, len, ident);
+      valid = tagNo != 0 && CheckUniversalType(tagNo, &content, len, ident);
     }
     if (constructed && valid && len != 0) {
       valid = IsValidConstruction(&content, len, ident);
     } else if (negative) {
-      SF_LOG(logErrorLevel,
-             "IsValidStructure_internal found a primitve type with indefinite length, rejecting.");
+      BER_LOG(logErrorLevel,
+              "IsValidStructure_internal found a primitve type with indefinite length, rejecting.");
       valid = false;
     } else if (!constructed && !universal) {
       content = cur + static_cast<unsigned>(len);
@@ -303,14 +331,14 @@ bool SfBerComponent::IsValidStructure_internal(unsigned* pos, size_t dataLen, in
 }
 
 bool SfBerComponent::IsValidConstruction(unsigned* pos, size_t dataLen, int identifier) {
-  SF_LOG(logInfoLevel, "IsValidConstruction - offset %d, dataLen %zd, identifier %d",
-         static_cast<int>(*pos), dataLen, identifier);
+  BER_LOG(logInfoLevel, "IsValidConstruction - offset %d, dataLen %zd, identifier %d",
+          static_cast<int>(*pos), dataLen, identifier);
   if ((identifier & 0xC0) == 0) {
     if ((identifier & 0x20) == 0) return false;
     const int tagNo = identifier & 0x1F;
-    SF_LOG(logInfoLevel,
-           "IsValidConstruction about to check structure to ensure concat'ed parts are of type %d",
-           tagNo);
+    BER_LOG(logInfoLevel,
+            "IsValidConstruction about to check structure to ensure concat'ed parts are of type %d",
+            tagNo);
     return IsValidStructure(pos, dataLen, tagNo);
   }
   return IsValidStructure(pos, dataLen, 256);
@@ -319,12 +347,54 @@ bool SfBerComponent::IsValidConstruction(unsigned* pos, size_t dataLen, int iden
 // ---------------------------------------------------------------------------
 // The type table
 
-#define BER_TRACE(name)                                                                         \
-  SF_LOG(logInfoLevel, name " - offset %d, dataLen %zd, identifier %d", static_cast<int>(*pos), \
-         dataLen, identifier)
-#define BER_REJECT(text)                                                                         \
-  SF_LOG(logErrorLevel, text " - offset %d, dataLen %zd, identifier %d", static_cast<int>(*pos), \
-         dataLen, identifier)
+// The checker of each universal tag number (a switch rather than a table of
+// member pointers, so that the checkers inline into the validation loop).
+bool SfBerComponent::CheckUniversalType(int tagNo, unsigned* pos, size_t dataLen, int identifier) {
+  switch (tagNo) {
+    case 0:
+      return IsValidEndOfContents(pos, dataLen, identifier);
+    case 1:   // BOOLEAN
+    case 2:   // INTEGER
+    case 10:  // ENUMERATED
+      return IsValidInt(pos, dataLen, identifier);
+    case 3:
+      return IsValidBitString(pos, dataLen, identifier);
+    case 4:
+      return IsValidOctetString(pos, dataLen, identifier);
+    case 5:
+      return IsValidNull(pos, dataLen, identifier);
+    case 6:
+      return IsValidObjectIdent(pos, dataLen, identifier);
+    case 8:
+      return IsValidConstructedType(pos, dataLen, identifier);  // EXTERNAL
+    case 9:                                                     // REAL
+    case 13:                                                    // RELATIVE-OID
+      return IsValidPrimitiveType(pos, dataLen, identifier);
+    case 16:
+      return IsValidSequence(pos, dataLen, identifier);
+    case 17:
+      return IsValidSet(pos, dataLen, identifier);
+    case 18:
+      return IsValidNumericString(pos, dataLen, identifier);
+    case 19:
+      return IsValidPrintString(pos, dataLen, identifier);
+    case 20:
+      return IsValidT61String(pos, dataLen, identifier);
+    case 22:
+      return IsValidIA5String(pos, dataLen, identifier);
+    case 23:
+      return IsValidUTCTime(pos, dataLen, identifier);
+    default:  // 7, 11, 12, 14, 15, 21, 24 to 30
+      return IsValidAcceptType(pos, dataLen, identifier);
+  }
+}
+
+#define BER_TRACE(name)                                                                          \
+  BER_LOG(logInfoLevel, name " - offset %d, dataLen %zd, identifier %d", static_cast<int>(*pos), \
+          dataLen, identifier)
+#define BER_REJECT(text)                                                                          \
+  BER_LOG(logErrorLevel, text " - offset %d, dataLen %zd, identifier %d", static_cast<int>(*pos), \
+          dataLen, identifier)
 
 // Moves *pos past a primitive item's content.
 #define BER_SKIP_PRIMITIVE()                                                                      \
@@ -369,19 +439,19 @@ bool SfBerComponent::IsValidBitString(unsigned* pos, size_t dataLen, int identif
   if (identifier & 0x20) return true;        // the parts are checked as a construction
   if (negativeLength(dataLen)) return true;  // refused by the caller
   if (dataLen == 0) {
-    SF_LOG(logErrorLevel, "bit string primitively encoded with a zero length found at offset %d",
-           static_cast<int>(*pos));
+    BER_LOG(logErrorLevel, "bit string primitively encoded with a zero length found at offset %d",
+            static_cast<int>(*pos));
     return false;
   }
-  const int unused = bytes()[*pos];
+  const int unused = dataOf(pdu)[*pos];
   if (unused > 7) {
-    SF_LOG(logErrorLevel, "bit string found with more than 7 extra bits (%d) at offset %d", unused,
-           static_cast<int>(*pos));
+    BER_LOG(logErrorLevel, "bit string found with more than 7 extra bits (%d) at offset %d", unused,
+            static_cast<int>(*pos));
     return false;
   }
   if (dataLen == 1 && unused != 0) {
-    SF_LOG(logErrorLevel, "bit string found with a length of 1 and extra bits (%d) at offset %d",
-           unused, static_cast<int>(*pos));
+    BER_LOG(logErrorLevel, "bit string found with a length of 1 and extra bits (%d) at offset %d",
+            unused, static_cast<int>(*pos));
     return false;
   }
   *pos += static_cast<unsigned>(dataLen);
@@ -421,7 +491,7 @@ bool SfBerComponent::IsValidObjectIdent(unsigned* pos, size_t dataLen, int ident
     BER_REJECT("IsValidObjectIdent found an empty oid, returning false");
     return false;
   }
-  const unsigned char* p = bytes() + *pos;
+  const unsigned char* p = dataOf(pdu) + *pos;
   bool atStart = true;
   for (size_t i = 0; i < dataLen; ++i) {
     if (atStart && p[i] == 0x80) {
@@ -441,10 +511,10 @@ bool SfBerComponent::IsValidObjectIdent(unsigned* pos, size_t dataLen, int ident
 bool SfBerComponent::IsValidConstructedType(unsigned* pos, size_t dataLen, int identifier) {
   BER_TRACE("IsValidConstructedType");
   if (!(identifier & 0x20)) {
-    SF_LOG(logErrorLevel,
-           "IsValidConstructedType called at offset %d on identifier %d - not constructed, "
-           "returning false",
-           static_cast<int>(*pos), identifier);
+    BER_LOG(logErrorLevel,
+            "IsValidConstructedType called at offset %d on identifier %d - not constructed, "
+            "returning false",
+            static_cast<int>(*pos), identifier);
     return false;
   }
   return true;
@@ -518,17 +588,17 @@ size_t firstOutside(const bool* cls, const unsigned char* p, size_t len) {
 
 // The three restricted strings scan a primitive item's content; a
 // constructed one is accepted here and its parts checked as a construction.
-#define BER_SCAN_STRING(name, cls)                                                              \
-  do {                                                                                          \
-    if ((identifier & 0x20) || negativeLength(dataLen)) return true;                            \
-    size_t bad = firstOutside(charClasses().cls, bytes() + *pos, dataLen);                      \
-    if (bad != dataLen) {                                                                       \
-      SF_LOG(logErrorLevel, name " found invalid character (%d) at offset %d, returning false", \
-             bytes()[*pos + bad], static_cast<int>(*pos + bad));                                \
-      return false;                                                                             \
-    }                                                                                           \
-    *pos += static_cast<unsigned>(dataLen);                                                     \
-    return true;                                                                                \
+#define BER_SCAN_STRING(name, cls)                                                               \
+  do {                                                                                           \
+    if ((identifier & 0x20) || negativeLength(dataLen)) return true;                             \
+    size_t bad = firstOutside(charClasses().cls, dataOf(pdu) + *pos, dataLen);                   \
+    if (bad != dataLen) {                                                                        \
+      BER_LOG(logErrorLevel, name " found invalid character (%d) at offset %d, returning false", \
+              dataOf(pdu)[*pos + bad], static_cast<int>(*pos + bad));                            \
+      return false;                                                                              \
+    }                                                                                            \
+    *pos += static_cast<unsigned>(dataLen);                                                      \
+    return true;                                                                                 \
   } while (0)
 
 bool SfBerComponent::IsValidNumericString(unsigned* pos, size_t dataLen, int identifier) {
@@ -573,35 +643,33 @@ bool SfBerComponent::IsValidUnknownType(unsigned* pos, size_t dataLen, int ident
 // Navigation
 
 int SfBerComponent::readItem(unsigned at, unsigned* content, size_t* len) const {
-  unsigned p = at;
-  int ident = GetValueTag(&p);
-  size_t l = GetValueLength(&p);
-  if (negativeLength(l)) BER_FAIL("invlen", INVALID_LENGTH);
-  if (l > readLimit() - p) BER_FAIL("insufdat", INSUFFICENT_DATA);
-  *content = p;
-  *len = l;
-  return ident;
+  if (!hasPdu || !pdu) BER_FAIL("noberdef", NO_BER_DEFINED);
+  return itemAt(dataOf(pdu), limitOf(pdu, start, length), at, content, len, logErrorLevel,
+                maxLength);
 }
 
 int SfBerComponent::NextItem(unsigned k) {
-  requireValidated();
+  BER_REQUIRE_VALIDATED();
+  if (!hasPdu || !pdu) BER_FAIL("noberdef", NO_BER_DEFINED);
   const size_t end = static_cast<size_t>(start) + length;
   if (cursor >= end) return 0;
+  const unsigned char* const data = dataOf(pdu);
+  const size_t limit = limitOf(pdu, start, length);
   for (unsigned i = 0; i < k; ++i) {
     unsigned content;
     size_t len;
-    readItem(cursor, &content, &len);
-    size_t next = static_cast<size_t>(content) + len;
+    itemAt(data, limit, cursor, &content, &len, logErrorLevel, maxLength);
+    const size_t next = static_cast<size_t>(content) + len;
     if (next >= end) return 0;
     cursor = static_cast<unsigned>(next);
     ++itemIndex;
   }
   unsigned p = cursor;
-  return GetValueTag(&p) & ~0x20;
+  return tagAt(data, limit, &p, logErrorLevel) & ~0x20;
 }
 
 int SfBerComponent::SetItem(unsigned n) {
-  requireValidated();
+  BER_REQUIRE_VALIDATED();
   if (n == 0) BER_FAIL("invindex", INVALID_INDEX);
   if (static_cast<long long>(n) < itemIndex) {
     cursor = start;
@@ -613,7 +681,7 @@ int SfBerComponent::SetItem(unsigned n) {
 }
 
 int SfBerComponent::GetItemIdentifier() {
-  requireValidated();
+  BER_REQUIRE_VALIDATED();
   unsigned p = cursor;
   return GetValueTag(&p) & ~0x20;
 }
@@ -661,7 +729,7 @@ size_t SfBerComponent::itemLength() {
 }
 
 size_t SfBerComponent::GetItemLength() {
-  requireValidated();
+  BER_REQUIRE_VALIDATED();
   return itemLength();
 }
 
@@ -692,7 +760,7 @@ size_t SfBerComponent::GetItemLength(unsigned n, bool allowUnvalidated) {
 size_t SfBerComponent::GetLengthAdditionalSize() {
   if (!hasPdu || !pdu) BER_FAIL("noberdat", NO_BER_DEFINED);
   if (pdu->size() < static_cast<size_t>(start) + 2) BER_FAIL("insufdat", INSUFFICENT_DATA);
-  unsigned first = bytes()[start + 1];
+  unsigned first = dataOf(pdu)[start + 1];
   return (first & 0x80) ? (first & 0x7F) : 0;
 }
 
@@ -700,7 +768,7 @@ size_t SfBerComponent::GetLengthAdditionalSize() {
 // Accessors
 
 SfBerComponent SfBerComponent::GetSequence() {
-  requireValidated();
+  BER_REQUIRE_VALIDATED();
   unsigned content;
   size_t len;
   int ident = readItem(cursor, &content, &len);
@@ -729,7 +797,7 @@ SfBerComponent SfBerComponent::GetSet(unsigned n) {
 // INTEGER, ENUMERATED and BOOLEAN, or a primitive item of another class
 // (an implicitly tagged integer).
 int SfBerComponent::GetInteger() {
-  requireValidated();
+  BER_REQUIRE_VALIDATED();
   unsigned content;
   size_t len;
   int ident = readItem(cursor, &content, &len);
@@ -739,7 +807,7 @@ int SfBerComponent::GetInteger() {
   }
   if (len >= 5) BER_FAIL("intbnds", INTEGER_OUT_OF_BOUNDS);
   if (len == 0) BER_FAIL("invlen", INVALID_LENGTH);
-  const unsigned char* p = bytes() + content;
+  const unsigned char* p = dataOf(pdu) + content;
   std::uint32_t v =
       static_cast<std::uint32_t>(static_cast<std::int32_t>(static_cast<signed char>(p[0])));
   for (size_t i = 1; i < len; ++i) v = (v << 8) | p[i];
@@ -763,7 +831,7 @@ void SfBerComponent::copyParts(unsigned content, size_t len, Buffer& out, bool b
     GetValueTag(&p);
     size_t l = GetValueLength(&p);
     if (negativeLength(l) || l > end - p) BER_FAIL("invlen", INVALID_LENGTH);
-    const unsigned char* part = bytes() + p;
+    const unsigned char* part = dataOf(pdu) + p;
     if (bitString) {
       if (l == 0) BER_FAIL("invlen", INVALID_LENGTH);
       if (unused != 0) BER_FAIL("invtype", INVALID_TYPE);
@@ -778,7 +846,7 @@ void SfBerComponent::copyParts(unsigned content, size_t len, Buffer& out, bool b
 }
 
 size_t SfBerComponent::GetOctetString(Buffer& out) {
-  requireValidated();
+  BER_REQUIRE_VALIDATED();
   unsigned content;
   size_t len;
   int ident = readItem(cursor, &content, &len);
@@ -789,7 +857,7 @@ size_t SfBerComponent::GetOctetString(Buffer& out) {
   if (constructed) {
     copyParts(content, len, out, false, nullptr);
   } else if (len) {
-    out.append(bytes() + content, len);
+    out.append(dataOf(pdu) + content, len);
   }
   return out.size();
 }
@@ -806,7 +874,7 @@ std::string SfBerComponent::GetOctetString(unsigned n) {
 }
 
 unsigned SfBerComponent::GetBitString(Buffer& out) {
-  requireValidated();
+  BER_REQUIRE_VALIDATED();
   unsigned content;
   size_t len;
   int ident = readItem(cursor, &content, &len);
@@ -819,8 +887,8 @@ unsigned SfBerComponent::GetBitString(Buffer& out) {
     copyParts(content, len, out, true, &unused);
   } else {
     if (len == 0) BER_FAIL("invlen", INVALID_LENGTH);
-    unused = bytes()[content];
-    if (len > 1) out.append(bytes() + content + 1, len - 1);
+    unused = dataOf(pdu)[content];
+    if (len > 1) out.append(dataOf(pdu) + content + 1, len - 1);
   }
   return unused;
 }
@@ -858,13 +926,13 @@ void appendArc(std::string& out, const unsigned char* p, size_t n) {
 }  // namespace
 
 std::string SfBerComponent::GetObjectIdent() {
-  requireValidated();
+  BER_REQUIRE_VALIDATED();
   unsigned content;
   size_t len;
   int ident = readItem(cursor, &content, &len);
   const bool universal = (ident & 0xC0) == 0;
   if ((ident & 0x20) || (universal && (ident & 0x1F) != 6)) BER_FAIL("invtype", INVALID_TYPE);
-  const unsigned char* p = bytes() + content;
+  const unsigned char* p = dataOf(pdu) + content;
   // The same content rules as validation, for components trusted unchecked.
   if (len == 0 || (p[len - 1] & 0x80)) BER_FAIL("invtype", INVALID_TYPE);
   std::string out;
@@ -898,13 +966,13 @@ std::string SfBerComponent::GetObjectIdent(unsigned n) {
 }
 
 size_t SfBerComponent::GetConstructedData(Buffer& out) {
-  requireValidated();
+  BER_REQUIRE_VALIDATED();
   unsigned content;
   size_t len;
   int ident = readItem(cursor, &content, &len);
   if (!(ident & 0x20)) BER_FAIL("invtype", INVALID_TYPE);
   out.resize(0);
-  if (len) out.append(bytes() + content, len);
+  if (len) out.append(dataOf(pdu) + content, len);
   return len;
 }
 

@@ -124,8 +124,6 @@ class SfBerComponent {
 
  protected:
   friend class SfBerComponentEncoder;
-  typedef bool (SfBerComponent::*Checker)(unsigned* pos, size_t dataLen, int identifier);
-
   bool IsValidStructure(unsigned* pos, size_t dataLen, int identifier);
   bool IsValidStructure_internal(unsigned* pos, size_t dataLen, int identifier);
   bool IsValidConstruction(unsigned* pos, size_t dataLen, int identifier);
@@ -151,7 +149,8 @@ class SfBerComponent {
   bool IsValidAcceptType(unsigned* pos, size_t dataLen, int identifier);
   bool IsValidUnknownType(unsigned* pos, size_t dataLen, int identifier);
 
-  static const Checker kTypeTable[31];
+  // The type table: runs the checker of a universal tag number (1 to 30).
+  bool CheckUniversalType(int tagNo, unsigned* pos, size_t dataLen, int identifier);
 
   // Helpers shared with the encoder.
   void requireValidated() const;
