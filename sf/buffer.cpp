@@ -1,6 +1,7 @@
 // sf::Buffer and sf::ExtBuffer.
 #include "sf/sflib.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -20,12 +21,38 @@ std::uint64_t ceilingOf(int cached) {
   return static_cast<std::uint64_t>(static_cast<std::int64_t>(cached));
 }
 
-int readMaxBuf() { return getVarInt("sf.maxbuf", kDefaultMaxBuf); }
+// One cached reading of sf.maxbuf, taken by the first call that needs it and
+// kept for the life of the process. The variable is read without holding
+// anything: a function-local static would hold its initialisation guard while
+// getVarInt waits for the Tcl lock, and a command procedure that holds the Tcl
+// lock and allocates a Buffer would then wait on that guard for ever. Two
+// threads racing on the first use may both read the variable, but only the
+// first value published is ever used.
+class CeilingCache {
+ public:
+  int get() {
+    std::int64_t v = value_.load(std::memory_order_acquire);
+    if (v != kUnread) return static_cast<int>(v);
+    std::int64_t read = getVarInt("sf.maxbuf", kDefaultMaxBuf);
+    std::int64_t expected = kUnread;
+    if (value_.compare_exchange_strong(expected, read, std::memory_order_acq_rel))
+      return static_cast<int>(read);
+    return static_cast<int>(expected);
+  }
+
+ private:
+  static constexpr std::int64_t kUnread = INT64_MIN;
+  std::atomic<std::int64_t> value_{kUnread};
+};
+
+// The constructor and extend each keep their own cache.
+CeilingCache g_allocCeiling;
+CeilingCache g_extendCeiling;
 
 // The hint is composed and dropped, never written anywhere; operators find
 // the ceiling in the throw-site record instead.
 void composeHint(int ceiling, size_t n, const char* where) {
-  char hint[128];
+  char hint[160];  // the longest text, with two ten-digit numbers, is 85 bytes
   snprintf(hint, sizeof hint, ": HINT: increase sf.maxbuf(%d), to greater than (%d). %s", ceiling,
            static_cast<int>(n), where);
   (void)hint;
@@ -35,7 +62,7 @@ void composeHint(int ceiling, size_t n, const char* where) {
 
 Buffer::Buffer(size_t sz) : data(nullptr), used(0), capacity(sz) {
   if (sz == 0) return;
-  static const int max_alloc = readMaxBuf();
+  const int max_alloc = g_allocCeiling.get();
   if (sz > ceilingOf(max_alloc)) {
     composeHint(max_alloc, sz, "buffer alloc");
     SF_THROW("buffer alloc", Xbounds(max_alloc, static_cast<int>(sz)));
@@ -51,7 +78,7 @@ Buffer::~Buffer() {
 
 void Buffer::extend(size_t ix) {
   if (ix <= capacity) return;
-  static const int max_alloc = readMaxBuf();
+  const int max_alloc = g_extendCeiling.get();
   if (ix > ceilingOf(max_alloc)) {
     composeHint(max_alloc, ix, "extend");
     SF_THROW("extend", Xbounds(max_alloc, static_cast<int>(ix)));
@@ -95,7 +122,10 @@ void Buffer::append(const char* s) { append(s, strlen(s)); }
 void Buffer::insert(size_t index_, const void* p, size_t n) {
   std::uint64_t used_sz = used;
   if (index_ > used_sz) {
+    // The record quotes this expression as written, inner space included.
+    // clang-format off
     SF_THROW("insert", Xbounds(static_cast<int>(used_sz), static_cast<int>(index_) ));
+    // clang-format on
   }
   extend(used_sz + n);
   char* tail = nullptr;
@@ -117,7 +147,10 @@ void Buffer::insert(size_t at, const char* s) { insert(at, s, strlen(s)); }
 void Buffer::remove(size_t index_, size_t n) {
   std::uint64_t used_sz = used;
   if (index_ >= used_sz) {
+    // The record quotes this expression as written, inner space included.
+    // clang-format off
     SF_THROW("remove", Xbounds(static_cast<int>(used_sz), static_cast<int>(index_) ));
+    // clang-format on
   }
   std::uint64_t k = used_sz - index_ < n ? used_sz - index_ : n;
   if (k > 0 && index_ + k < used_sz) memmove(data + index_, data + index_ + k, used_sz - index_ - k);

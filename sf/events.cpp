@@ -22,12 +22,15 @@ bool g_reporting = false;  // only touched under the Tcl lock
 // The reporter proper: translate, number and post one event.
 void report(const char* id, const char* argText) {
   if (getVarInt("sf.log.useevorsyslog", 0) == 0) return;
-  std::string text;
   std::string command = std::string("format [::msgcat::mc ") + id + "] " + argText;
+  std::string text = std::string("no translation for ") + id + " " + argText;
   try {
-    text = eval(command.c_str());
+    // msgcat answers an unknown key with the key itself; an event without a
+    // catalogue entry keeps the untranslated text instead.
+    std::string probe = std::string("::msgcat::mcexists ") + id;
+    if (eval(probe.c_str()) == "1") text = eval(command.c_str());
   } catch (const X&) {
-    text = std::string("no translation for ") + id + " " + argText;
+    // No catalogue, or a format that does not fit the arguments.
   }
   unsigned number = 0;
   sscanf(id, "%u_", &number);
@@ -52,8 +55,12 @@ void report(const char* id, const char* argText) {
 
 }  // namespace
 
-void sfi_setEventSettings(const EventSettings& settings) { g_settings = settings; }
-EventSettings sfi_eventSettings() { return g_settings; }
+void sfi_setEventSettings(const EventSettings& settings) {
+  g_settings = settings;
+}
+EventSettings sfi_eventSettings() {
+  return g_settings;
+}
 
 void sfi_reportEvent(const char* id, const char* argText) {
   if (!sfi_tclReady()) return;

@@ -2,6 +2,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "sf/detail/logfile.h"
@@ -29,6 +30,8 @@ std::atomic<std::int64_t> g_firstStderrTime{0};
 // Set once by sfi_logInit and afterwards read and cleared under the log lock.
 Mx* g_logLock = nullptr;
 std::string g_template;
+// Whether g_template is non-empty, readable without the log lock.
+std::atomic<bool> g_templateSet{false};
 LogFile g_file;
 
 std::string builtInLine(const std::string& stamp, std::uint32_t pid, std::uint32_t tid, int level,
@@ -61,6 +64,7 @@ std::string templateLine(const std::string& stamp, std::uint32_t pid, std::uint3
   if (result.empty() || result == g_template) {
     std::string dropped = g_template;
     g_template.clear();
+    g_templateSet.store(false, std::memory_order_release);
     SF_LOG(1, "ignoring invalid format string %s", dropped.c_str());
     return "";
   }
@@ -74,9 +78,19 @@ void writeToFileSink(const std::string& stamp, std::uint32_t pid, std::uint32_t 
   if (!g_initialised.load(std::memory_order_acquire)) return;
   LogFile::Failure failure;
   {
+    // A template is evaluated by the interpreter, so its record needs the Tcl
+    // lock as well as the log lock. Evaluations and command procedures log
+    // while they hold the Tcl lock, that is they take the log lock inside
+    // it; were a template record to take the Tcl lock inside the log lock,
+    // two threads could each hold one and wait for the other. So the Tcl lock
+    // is taken first here, and the order is the same on every path.
+    std::optional<MxLock> tclGuard;
+    if (g_templateSet.load(std::memory_order_acquire) && sfi_tclReady())
+      tclGuard.emplace(sfi_tclLock());
     MxLock guard(*g_logLock);
     std::string text;
-    if (!g_template.empty()) text = templateLine(stamp, pid, tid, level, secs, code, msg, file, line);
+    if (!g_template.empty() && tclGuard)
+      text = templateLine(stamp, pid, tid, level, secs, code, msg, file, line);
     if (text.empty()) text = builtInLine(stamp, pid, tid, level, secs, code, msg, file, line);
     failure = g_file.write(text);
   }
@@ -161,6 +175,7 @@ void sfi_logInit() {
     MxLock guard(*g_logLock);
     g_file.configure(dir, stem, filemax, numfiles);
     g_template = fmt;
+    g_templateSet.store(!fmt.empty(), std::memory_order_release);
   }
   if (g_logLevel.load() == -1) {
     const char* dbg = getenv("SF_DBG");
@@ -190,7 +205,10 @@ thread_local bool t_inTrace = false;
 void trace(const char* file, int* siteId, int line, const char* tag, const char* text,
            long long value, int a, int b, int c) {
   if (t_inTrace) return;
-  t_inTrace = true;
+  struct Guard {
+    Guard() { t_inTrace = true; }
+    ~Guard() { t_inTrace = false; }
+  } guard;
   auto emit = [&](const char* recordTag, const char* recordText) {
     if (!sfi_on(10)) return;
     char shortTag[8];     // tags are cut to 7 characters
@@ -207,7 +225,6 @@ void trace(const char* file, int* siteId, int line, const char* tag, const char*
     emit("DEF", file);
   }
   emit(tag, text);
-  t_inTrace = false;
 }
 
 }  // namespace sf

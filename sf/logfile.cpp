@@ -13,6 +13,12 @@ std::string braced(const std::string& s) { return "{" + s + "}"; }
 }  // namespace
 
 void LogFile::configure(const std::string& dir, const std::string& stem, int limitKiB, int count) {
+  // A stream kept open by a rotation that found the file already rotated
+  // belongs to the old place.
+  if (stream_) {
+    fclose(stream_);
+    stream_ = nullptr;
+  }
   dir_ = dir;
   stem_ = stem;
   limitKiB_ = limitKiB;

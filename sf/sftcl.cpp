@@ -90,8 +90,10 @@ Xtcl::Xtcl() : X(2, 8) {
 void sfi_tclCreate() {
   if (g_interp) return;
   Tcl_FindExecutable(platform::executable_path().c_str());
-  g_interp = Tcl_CreateInterp();
+  // The lock exists before the interpreter is published: code that finds the
+  // interpreter may take the lock at once.
   g_tclLock = new Mx(true);
+  g_interp = Tcl_CreateInterp();
 }
 
 bool sfi_tclInitLibrary() {
@@ -155,7 +157,16 @@ void evalFile(const char* name) {
     SF_THROW("eval", Xtcl());
   }
   if (Tcl_EvalFile(g_interp, chosen.c_str()) == TCL_OK) return;
-  sfi_reportEvent1("03_sf_eval_s", name);
+  // The event's translation runs scripts of its own; the exception must
+  // still carry this file's errorCode and errorInfo.
+  Tcl_InterpState state = Tcl_SaveInterpState(g_interp, TCL_ERROR);
+  try {
+    sfi_reportEvent1("03_sf_eval_s", name);
+  } catch (...) {
+    Tcl_DiscardInterpState(state);
+    throw;
+  }
+  Tcl_RestoreInterpState(g_interp, state);
   SF_THROW("eval", Xtcl());
 }
 

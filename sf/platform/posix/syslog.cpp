@@ -14,7 +14,7 @@ bool syslog_post(const SyslogTarget& target, const std::string& text) {
   static std::string ident;
   std::lock_guard<std::mutex> guard(lock);
   ident = target.ident;
-  openlog(ident.c_str(), LOG_NDELAY | (target.console ? LOG_CONS : 0), target.facility);
+  openlog(ident.c_str(), LOG_PID | LOG_NDELAY | (target.console ? LOG_CONS : 0), target.facility);
   syslog(LOG_MAKEPRI(target.facility, target.priority & LOG_PRIMASK), "%s", text.c_str());
   closelog();
   return true;

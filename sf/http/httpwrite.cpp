@@ -1,0 +1,407 @@
+// sf::HttpAdaptor, writing: requests, replies, rejections, chunked bodies
+// and the rule that closes a connection after a message.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "sf/http/httpadaptor.h"
+
+namespace sf {
+
+namespace {
+
+const size_t kLineMax = 1024;    // formatted header lines are cut to this
+const size_t kCoalesce = 16384;  // bodies up to this size go out with the headers
+
+const char* methodWord(HttpAdaptor::HttpDataType type) {
+  switch (type) {
+    case HttpAdaptor::GET_REQUEST:
+      return "GET";
+    case HttpAdaptor::POST_REQUEST:
+    case HttpAdaptor::CHUNKED_POST:
+      return "POST";
+    case HttpAdaptor::HEAD_REQUEST:
+      return "HEAD";
+    case HttpAdaptor::CONNECT_REQUEST:
+      return "CONNECT";
+    default:
+      return nullptr;
+  }
+}
+
+bool startsWith(const std::string& s, const char* prefix) {
+  return s.compare(0, strlen(prefix), prefix) == 0;
+}
+
+}  // namespace
+
+void HttpAdaptor::appendVer(Buffer& b, HttpVer v) {
+  b.append("HTTP/");
+  switch (v) {
+    case HTTP_0_9:
+      b.append("0.9");
+      break;
+    case HTTP_1_0:
+      b.append("1.0");
+      break;
+    case HTTP_1_1:
+      b.append("1.1");
+      break;
+    default:
+      break;  // a later version is written as the bare prefix
+  }
+}
+
+void HttpAdaptor::writeLine(Buffer& block, const char* text) {
+  SF_LOG(7, "HTTP - Writing header line: \"%s\"", text);
+  block.append(text);
+  block.append("\r\n", 2);
+}
+
+void HttpAdaptor::writeBody(Connection* c, const Buffer& body) {
+  SF_LOG(8, "HTTP - Writing message body");
+  if (body.size() > 0) next->write(c, body);
+}
+
+bool HttpAdaptor::requestEndsConnection() const {
+  if (isClient) return false;
+  return lastRequest.version == HTTP_0_9 ||
+         (lastRequest.version == HTTP_1_0 && lastRequest.connection != CONN_KEEPALIVE);
+}
+
+bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType type,
+                               HttpHeader* header, Buffer& block) {
+  SF_LOG(7, "HTTP - Writing message headers");
+  if (type < GET_REQUEST || type > CONNECT_REQUEST) {
+    SF_LOG(1, "HTTP - Unknown message type %d", static_cast<int>(type));
+    SF_THROW("badtype", Xinvalid());
+  }
+  bool replyType = type == REPLY || type == CHUNKED_REPLY;
+  if (isClient && replyType) SF_THROW("notsrvr", Xinvalid());
+  if (!isClient && !replyType) SF_THROW("notcli", Xinvalid());
+  if (!isClient && version == HTTP_0_9) {
+    SF_LOG(8, "HTTP - Not writing headers, is a HTTP/0.9 response");
+    return true;
+  }
+
+  char lb[kLineMax];
+  bool result = true;
+  int status = 0;
+  if (isClient) {
+    const std::string& url = header && !header->url.empty() ? header->url : requestURL;
+    std::string ver;
+    if (version > HTTP_0_9) {
+      Buffer v;
+      appendVer(v, version);
+      ver.assign(v.data, v.size());
+    }
+    snprintf(lb, sizeof lb, "%s %s%s%s", methodWord(type), url.c_str(), ver.empty() ? "" : " ",
+             ver.c_str());
+    writeLine(block, lb);
+    if (version == HTTP_0_9) return true;  // the request line is all there is
+    if (!extraHeaderLine.empty()) writeLine(block, extraHeaderLine.c_str());
+  } else {
+    status = header ? header->status : statusResult;
+    const std::string& reason = header ? header->reason : statusReason;
+    // The status line always says HTTP/1.1.
+    snprintf(lb, sizeof lb, "HTTP/1.1 %3.3d %s", status, reason.c_str());
+    writeLine(block, lb);
+    if (status == 204 || status == 205 || status == 304) result = false;
+  }
+  if (type == HEAD_REQUEST) result = false;
+
+  if (version == HTTP_1_1) {
+    std::uint64_t length = body ? body->size() : 0;
+    switch (type) {
+      case POST_REQUEST:
+      case REPLY:
+      case CONNECT_REQUEST:
+        snprintf(lb, sizeof lb, "Content-Length: %d", static_cast<int>(length));
+        writeLine(block, lb);
+        break;
+      case CHUNKED_REPLY:
+      case CHUNKED_POST:
+        writeLine(block, "Transfer-Encoding: chunked");
+        break;
+      default:
+        result = false;  // GET and HEAD carry no body
+        break;
+    }
+    if (!isClient) {
+      if (closeAfter || requestEndsConnection() || (header && getStatusClose(header->status)))
+        writeLine(block, "Connection: Close");
+      else if (lastRequest.version == HTTP_1_0)
+        writeLine(block, "Connection: Keep-Alive");
+    }
+  }
+
+  bool ownType = false, ownHost = false;
+  auto stuff = [&](const std::list<std::string>& lines) {
+    for (const std::string& l : lines) {
+      if (startsWith(l, "Content-Type:")) ownType = true;
+      if (startsWith(l, "Host:")) ownHost = true;
+      writeLine(block, l.c_str());
+    }
+  };
+  stuff(stuffHeaders);
+  if (header) stuff(header->headers);
+
+  if (isClient)
+    snprintf(lb, sizeof lb, "User-Agent: %s", userAgent.c_str());
+  else
+    snprintf(lb, sizeof lb, "Server: %s", serverType.c_str());
+  writeLine(block, lb);
+
+  if (!ownType && type != GET_REQUEST && type != HEAD_REQUEST) {
+    const std::string& ct =
+        header && !header->contentType.empty() ? header->contentType : contentType;
+    snprintf(lb, sizeof lb, "Content-Type: %s", ct.c_str());
+    writeLine(block, lb);
+  }
+
+  if (isClient && version == HTTP_1_1 && !ownHost) {
+    // The peer text is host and port joined by a plus sign.
+    std::string host = c ? c->remoteinfo() : std::string();
+    size_t plus = host.find('+');
+    if (plus != std::string::npos) host[plus] = ':';
+    snprintf(lb, sizeof lb, "Host: %s", host.c_str());
+    writeLine(block, lb);
+  }
+  block.append("\r\n", 2);
+  return result;
+}
+
+bool HttpAdaptor::writeHeaders(Connection* c, const Buffer* body, HttpDataType type,
+                               HttpHeader* header) {
+  Buffer block;
+  bodyAllowed = buildHeaders(c, body, type, header, block);
+  if (block.size() > 0) next->write(c, block);
+  return bodyAllowed;
+}
+
+// Headers and a small body leave in one write.
+void HttpAdaptor::sendMessage(Connection* c, const Buffer& body, HttpDataType type,
+                              HttpHeader* header) {
+  Buffer block;
+  bodyAllowed = buildHeaders(c, &body, type, header, block);
+  // A reply to HEAD announces its body but does not send it.
+  bool sendBody = bodyAllowed && !(type == REPLY && lastMethod == METHOD_HEAD && !isClient);
+  if (sendBody && body.size() > 0 && body.size() <= kCoalesce) {
+    SF_LOG(8, "HTTP - Writing message body");
+    block.append(body.data, body.size());
+    sendBody = false;
+  }
+  if (block.size() > 0) next->write(c, block);
+  if (sendBody) writeBody(c, body);
+}
+
+void HttpAdaptor::writeTransferChunk(Connection* c, const Buffer* data) {
+  if (!bodyAllowed) {
+    SF_LOG(4, "HTTP - Can not write body on request for which only headers are returned.");
+    SF_THROW("writeTransferChunk", makeReject("500"));
+  }
+  Buffer out;
+  if (data) {
+    if (data->size() == 0) return;
+    char hex[40];
+    snprintf(hex, sizeof hex, "%X%s", static_cast<unsigned>(data->size()), "\r\n");
+    SF_LOG(8, "HTTP - Writing a transfer chunk of %d bytes", static_cast<int>(data->size()));
+    out.append(hex);
+    out.append(data->data, data->size());
+    out.append("\r\n", 2);
+  } else {
+    SF_LOG(8, "HTTP - Writing the terminating transfer chunk in response");
+    char last[40];
+    snprintf(last, sizeof last, "0%s%s", "\r\n", "\r\n");
+    out.append(last);
+  }
+  next->write(c, out);
+}
+
+void HttpAdaptor::closeConnection(Connection* c, ConnectionData* cd) {
+  SF_LOG(6, "HTTP - Determining whether connection needs to be closed");
+  bool close = false;
+  if ((version == HTTP_1_0 || version == HTTP_0_9) && cd) close = cd->connection != CONN_KEEPALIVE;
+  if (closeAfter && !isClient) close = true;
+  if (cd && !close) close = cd->connection == CONN_CLOSE || cd->readToEof;
+  if (close) {
+    SF_LOG(2, "HTTP - Closing connection");
+    tcp_close(*c);
+  }
+}
+
+void HttpAdaptor::closeAfterReply(Connection* c) {
+  // A request without framing for a persistent connection (HTTP/0.9, or
+  // HTTP/1.0 without Keep-Alive) ends with its reply.
+  if (requestEndsConnection()) {
+    SF_LOG(2, "HTTP - Closing connection");
+    tcp_close(*c);
+  } else {
+    closeConnection(c, nullptr);
+  }
+}
+
+// --- server role ---
+
+void HttpAdaptor::write(Connection* c, const Buffer& body) {
+  if (isClient) {
+    request(*c, body);
+  } else {
+    reply(*c, body);
+    closeAfterReply(c);
+  }
+}
+
+void HttpAdaptor::reply(Connection& c, const Buffer& body) {
+  SF_LOG(9, "HTTP - Issuing reply to request.");
+  if (version != HTTP_0_9)
+    sendMessage(&c, body, REPLY, nullptr);
+  else
+    writeBody(&c, body);
+}
+
+void HttpAdaptor::replyOk(Connection* c) {
+  Buffer empty;
+  replyGen(c, 200, "OK", nullptr, empty, std::list<std::string>());
+}
+
+void HttpAdaptor::replyOk(Connection* c, const char* type, const Buffer& body) {
+  replyGen(c, 200, "OK", type, body, std::list<std::string>());
+}
+
+void HttpAdaptor::replyGen(Connection* c, int status, const char* reason, const char* type,
+                           const Buffer& body, const std::list<std::string>& headers) {
+  if (isClient) SF_THROW("notserv", Xinvalid());
+  SF_LOG(9, "HTTP - Issuing reply to request.");
+  if (version != HTTP_0_9) {
+    HttpHeader h;
+    if (type) h.contentType = type;
+    h.status = status;
+    h.reason = reason ? reason : getStatusReason(status);
+    h.headers = headers;
+    sendMessage(c, body, REPLY, &h);
+  } else {
+    writeBody(c, body);
+  }
+  if (getStatusClose(status)) {
+    SF_LOG(5, "HTTP - Closing connection because of status result: %d", status);
+    tcp_close(*c);
+  } else if (requestEndsConnection()) {
+    closeAfterReply(c);
+  }
+}
+
+void HttpAdaptor::reject(Connection* c, int status, const char* reason) {
+  if (status == 0) status = rejectStatus;
+  if (!reason) reason = rejectReason.c_str();
+  SF_LOG(3, "HTTP - Rejecting request due to error.  Status = %d", status);
+  size_t n = strlen(reason);
+  // The reason text is the body, sent from where it lies.
+  ExtBuffer text(const_cast<char*>(reason), static_cast<int>(n), static_cast<int>(n));
+  Buffer empty;
+  const Buffer& body = n ? static_cast<const Buffer&>(text) : empty;
+  replyGen(c, status, getStatusReason(status), nullptr, body, std::list<std::string>());
+}
+
+void HttpAdaptor::reject(Connection* c, Buffer& payload) {
+  std::string digits(payload.data ? payload.data : "", payload.size());
+  reject(c, atoi(digits.c_str()), nullptr);
+}
+
+// --- client role ---
+
+void HttpAdaptor::request(Connection& c, const Buffer& body) {
+  if (body.size() > 0)
+    post(c, body);
+  else
+    get(c, body);
+}
+
+void HttpAdaptor::get(Connection& c, const Buffer&) {
+  get(&c, nullptr, std::list<std::string>());
+}
+
+void HttpAdaptor::post(Connection& c, const Buffer& body) {
+  post(&c, nullptr, nullptr, body, std::list<std::string>());
+}
+
+void HttpAdaptor::get(Connection* c, const char* url, const std::list<std::string>& headers) {
+  SF_LOG(7, "HTTP - Issuing users GET request.");
+  requestHeader.headers = headers;
+  requestHeader.url = url ? url : "";
+  requestHeader.method = METHOD_GET;
+  writeHeaders(c, nullptr, GET_REQUEST, &requestHeader);
+}
+
+void HttpAdaptor::head(Connection* c, const char* url, const std::list<std::string>& headers) {
+  SF_LOG(7, "HTTP - Issuing users HEAD request.");
+  requestHeader.headers = headers;
+  requestHeader.url = url ? url : "";
+  requestHeader.method = METHOD_HEAD;
+  writeHeaders(c, nullptr, HEAD_REQUEST, &requestHeader);
+}
+
+void HttpAdaptor::post(Connection* c, const char* url, const char* type, const Buffer& body,
+                       const std::list<std::string>& headers) {
+  SF_LOG(7, "HTTP - Issuing users POST request.");
+  requestHeader.headers = headers;
+  requestHeader.url = url ? url : "";
+  requestHeader.contentType = type ? type : "";
+  requestHeader.method = METHOD_POST;
+  // Kept to be sent again if the server asks for credentials.
+  pending.resize(0);
+  pending.append(body.data, body.size());
+  sendMessage(c, body, POST_REQUEST, &requestHeader);
+}
+
+void HttpAdaptor::httpConnect(Connection& c, const char* target) {
+  version = HTTP_1_0;
+  SF_LOG(4, "HTTP - Issuing CONNECT %s request", target);
+  if (!isClient) SF_THROW("notcli", Xinvalid());
+  work_.resize(0);
+  pending.resize(0);
+  requestHeader.reset();
+  requestHeader.method = METHOD_CONNECT;
+  requestHeader.url = target;
+  requestHeader.headers.push_back("Connection: Keep-Alive");
+  writeHeaders(&c, nullptr, CONNECT_REQUEST, &requestHeader);
+  std::list<std::string> headers;
+  readMessage(&c, work_, &headers);
+  if (lastStatus == 407 && resendWithAuth(&c, headers)) {
+    work_.resize(0);
+    readMessage(&c, work_, &headers);
+  }
+  if (lastStatus >= 200 && lastStatus <= 299) {
+    SF_LOG(4, "http connect successful");
+  } else {
+    SF_LOG(1, "http connect failed, code %d", lastStatus);
+    SF_THROW("http connect failed", Xio());
+  }
+}
+
+// --- fragmented bodies ---
+
+void HttpAdaptor::writePduFirst(Connection* c, const Buffer& frag) {
+  SF_LOG(4, "HTTP - Writing first frag pdu transfer chunk");
+  if (isClient) {
+    requestHeader.method = METHOD_POST;
+    writeHeaders(c, &frag, CHUNKED_POST, &requestHeader);
+  } else {
+    writeHeaders(c, &frag, CHUNKED_REPLY, nullptr);
+  }
+  writeTransferChunk(c, &frag);
+}
+
+void HttpAdaptor::writePduNext(Connection* c, const Buffer& frag) {
+  SF_LOG(4, "HTTP - Writing frag pdu transfer chunk");
+  writeTransferChunk(c, &frag);
+}
+
+void HttpAdaptor::writePduLast(Connection* c, const Buffer& frag) {
+  SF_LOG(4, "HTTP - Writing last frag pdu transfer chunk");
+  writeTransferChunk(c, &frag);
+  writeTransferChunk(c, nullptr);
+  if (!isClient) closeAfterReply(c);
+}
+
+}  // namespace sf

@@ -1,0 +1,234 @@
+// Addresses, listening sockets and the shared-port table.
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "sf/detail/net.h"
+#include "sf/events.h"
+#include "sf/sferr.h"
+#include "sf/sflib.h"
+#include "sf/tcl.h"
+
+namespace sf {
+
+// ---- addresses ----
+
+i_TcpPortAddr::i_TcpPortAddr(const char* nic, const char* port) {
+  int portno = atoi(port ? port : "");
+  if (!platform::make_ipv4_addr(nic, portno, sa_)) {
+    SF_SYSFAIL(-1, "gethostbyname(nic)");
+    SF_THROW("gethostbyname", Xsys("syserr"));
+  }
+}
+
+int i_TcpPortAddr::family() const {
+  return platform::family_ipv4();
+}
+
+i_LocalPortAddr::i_LocalPortAddr(const char*, const char*) {
+  SF_THROW("unimplemented", Xstate());
+}
+
+PortAddr::PortAddr(const char* nic, const char* port)
+    : addr(nullptr),
+      linger(getVarInt("sf.tcp.linger", 0)),
+      backlog(getVarInt("sf.tcp.backlog", 5)),
+      nic_(nic ? nic : ""),
+      port_(port ? port : "") {
+  if (nic && strcmp(nic, "/local") == 0)
+    addr = new i_LocalPortAddr(nic, port);
+  else
+    addr = new i_TcpPortAddr(nic, port);
+}
+
+PortAddr::PortAddr(const PortAddr& o)
+    : addr(o.addr), linger(o.linger), backlog(o.backlog), nic_(o.nic_), port_(o.port_) {}
+
+PortAddr& PortAddr::operator=(const PortAddr& o) {
+  addr = o.addr;
+  linger = o.linger;
+  backlog = o.backlog;
+  nic_ = o.nic_;
+  port_ = o.port_;
+  return *this;
+}
+
+PortAddr::~PortAddr() {
+  delete addr;
+}
+
+std::string PortAddr::str() const {
+  return nic_ + "+" + port_;
+}
+
+// ---- ports ----
+
+i_Port::i_Port(const std::string& name_, socket_t fd_) : name(name_), fd(fd_), idleTimeout_s(-1) {}
+
+i_Port::~i_Port() {
+  socket_t s = fd.exchange(INVALID_SOCK);
+  if (s != INVALID_SOCK) platform::sock_close(s);
+  // connections, the event and the lock go with the members.
+}
+
+void Port::setAcceptAction(const char* script) {
+  MxLock guard(p->lock);
+  p->acceptAction = script ? script : "";
+}
+
+void Port::setIdleTimeout_s(int seconds) {
+  MxLock guard(p->lock);
+  p->idleTimeout_s = seconds;
+}
+
+socket_t Port::socketNo() const {
+  return p ? p->fd.load() : INVALID_SOCK;
+}
+
+std::string Port::name() const {
+  return p ? p->name : std::string();
+}
+
+size_t Port::connectionCount() const {
+  if (!p) return 0;
+  MxLock guard(p->lock);
+  return p->connections.size();
+}
+
+// ---- binding ----
+
+// The socket is bound twice on purpose: the first pass, without address
+// reuse, proves that nobody else holds the port; the socket kept is a second
+// one bound with SO_REUSEADDR, so that a restart finds the port free at once.
+socket_t bindUserSock(const PortAddr& addr) {
+  socket_t s = INVALID_SOCK;
+  for (int pass = 0; pass < 2; ++pass) {
+    if (s != INVALID_SOCK) platform::sock_close(s);
+    s = platform::sock_stream(addr.addr->family());
+    if (s == INVALID_SOCK) SF_THROW("bindUserSock", Xsys("socket"));
+    SF_LOG(4, "binding with SO_REUSEADDR set to %d", pass);
+    int reuseaddr = pass;
+    if (platform::set_reuseaddr(s, reuseaddr) != 0) {
+      SF_SYSFAIL(-1,
+                 "setsockopt(s, SOL_SOCKET, SO_REUSEADDR, (char*)&reuseaddr, sizeof reuseaddr)");
+      platform::sock_close(s);
+      SF_THROW("bindUserSock", Xio());
+    }
+    if (addr.linger > 0 && platform::set_linger(s, 1, addr.linger) != 0) {
+      SF_SYSFAIL(-1, "setsockopt(s, SOL_SOCKET, SO_LINGER, (char*)&ling, sizeof(ling))");
+      platform::sock_close(s);
+      SF_THROW("bindUserSock", Xio());
+    }
+    if (addr.nic().compare(0, 6, "/local") != 0 && platform::set_nodelay(s, 1) != 0) {
+      SF_SYSFAIL(-1, "setsockopt(s,6,TCP_NODELAY,(char*)&status, sizeof status)");
+      platform::sock_close(s);
+      SF_THROW("bindUserSock", Xio());
+    }
+    if (platform::sock_bind(s, addr.addr->addr(), addr.addr->addrlen()) != 0) {
+      SF_SYSFAIL(-1, "bind(s, addr.addr->addr(), addr.addr->addrlen())");
+      platform::sock_close(s);
+      SF_THROW("bindUserSock", Xio());
+    }
+    int sndbuf = getVarInt("sf.socksndbufsize", -1);
+    if (sndbuf != -1) {
+      SF_LOG(4, "setting socket sndbuf to %d", sndbuf);
+      platform::set_sndbuf(s, sndbuf);
+      int got = -1;
+      platform::get_sndbuf(s, &got);
+      if (got != sndbuf)
+        SF_LOG(
+            4,
+            "setsockopt for SO_SNDBUF did not succeed - value is still %d and not %d as requested",
+            got, sndbuf);
+    }
+  }
+  return s;
+}
+
+socket_t bindsock_tcp(const PortAddr& addr) {
+  socket_t s;
+  try {
+    s = bindUserSock(addr);
+  } catch (...) {
+    logandreport("02_sf_bind_s", addr.str().c_str(), __FILE__, __LINE__);
+    throw;
+  }
+  SF_LOG(1, "binding socket fd=%llu to address %s", static_cast<unsigned long long>(s),
+         addr.str().c_str());
+  if (platform::sock_listen(s, addr.backlog) != 0) {
+    SF_SYSFAIL(-1, "listen(s,addr.backlog)");
+    platform::sock_close(s);
+    SF_THROW("bindsock_tcp", Xsys("listen"));
+  }
+  unsigned timeout_ms = static_cast<unsigned>(getVarInt("sf.readtimeout", 0)) * 1000u;
+  platform::set_rcvtimeo_ms(s, timeout_ms);
+  return s;
+}
+
+Port bindPort(const PortAddr& addr) {
+  socket_t s = bindsock_tcp(addr);
+  return Port(new i_Port(addr.str(), s));
+}
+
+// ---- the shared-port table ----
+//
+// Filled at start-up and hand-over and read by the configuration's `bind`,
+// all on the start-up thread, and swept at shutdown: no lock of its own.
+
+namespace {
+struct Share {
+  i_Port* port;
+  std::uint32_t uses;
+};
+std::map<std::string, Share>& shares() {
+  // Never destroyed: the ports in it live until the process ends.
+  static auto* table = new std::map<std::string, Share>;
+  return *table;
+}
+}  // namespace
+
+void setSharedPort(const PortAddr& addr, const Port& port) {
+  shares()[addr.str()] = Share{port.p, 0};
+}
+
+void setSharedPort(const PortAddr& addr, socket_t s) {
+  shares()[addr.str()] = Share{new i_Port(addr.str(), s), 0};
+}
+
+Port bindSharedPort(const PortAddr& addr) {
+  std::string key = addr.str();
+  auto it = shares().find(key);
+  if (it == shares().end()) {
+    SF_LOG(2, "bind %s -> not found in shared list", key.c_str());
+    SF_THROW("bindShared", Xio());
+  }
+  it->second.uses++;
+  SF_LOG(2, "bind shared port %s -> %llu", key.c_str(),
+         static_cast<unsigned long long>(it->second.port->fd.load()));
+  return Port(it->second.port);
+}
+
+int sfi_sharedPortUses(const std::string& key) {
+  auto it = shares().find(key);
+  return it == shares().end() ? -1 : static_cast<int>(it->second.uses);
+}
+
+void sfi_closeUnusedSharedPorts() {
+  for (;;) {
+    auto& table = shares();
+    auto it = table.begin();
+    while (it != table.end() && it->second.uses != 0) ++it;
+    if (it == table.end()) return;
+    SF_LOG(2, "closing unused share port %llu",
+           static_cast<unsigned long long>(it->second.port->fd.load()));
+    delete it->second.port;
+    table.erase(it);
+  }
+}
+
+// Used by shutdown and hand-over.
+void sfi_forEachSharedPort(void (*fn)(const std::string& key, i_Port* port, void* arg), void* arg) {
+  for (auto& e : shares()) fn(e.first, e.second.port, arg);
+}
+
+}  // namespace sf

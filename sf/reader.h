@@ -1,0 +1,52 @@
+// The reader loop: one thread per listening port.
+//
+// Reader::run waits on the listening socket and on every open, unreserved
+// connection of its port, accepts new clients, reads one PDU at a time from a
+// ready connection through its adaptor chain, wraps it in a Message and hands
+// it to validate(), which subclasses use to deliver it (normally onto a named
+// queue). Readiness is waited for with poll, so there is no limit on the
+// number or size of descriptors; a worker that gives a connection back, or
+// closes one, wakes the reader at once. A pass still ends after 10 seconds
+// without activity, which is when an idle reader notices a stop request that
+// came without a wake-up.
+#pragma once
+
+#include <string>
+
+#include "sf/connection.h"
+#include "sf/port.h"
+
+namespace sf {
+
+struct Message;
+
+class Reader {
+ public:
+  Reader() = default;
+  // A new plain Message.
+  virtual Message* mkMsg();
+  // Delivers msg; the base delivers nothing.
+  virtual void validate(Message* msg, const void* target);
+  // Called for each accepted connection after the accept action.
+  virtual void acceptHook(Connection& c);
+  virtual bool handleReject();
+  virtual ~Reader();
+
+  // Serves port until shutdown is requested and no connection has buffered
+  // data; then closes the listening socket and notifies the port's closed
+  // event. target is handed to every validate(); extra is ignored.
+  void run(Port port, const char* target, const char* extra);
+};
+
+// A Reader whose validate evaluates a Tcl script with the message as the
+// thread's current message (so the script can enQ it). With TcpAdaptor only,
+// a PDU is whatever arrives; it serves raw TCP protocols from a configuration.
+class TclReader : public Reader {
+ public:
+  void validate(Message* msg, const void* target) override;
+};
+
+// Wakes the reader of the port whose connection this is (internal).
+void sfi_wakeReaderOf(Connection& c);
+
+}  // namespace sf

@@ -1,0 +1,124 @@
+// sf_httpclient: drives HttpAdaptor's client role from the command line, so
+// that the integration tests can point it at real servers and proxies.
+//
+//   sf_httpclient [-m GET|POST|HEAD|CHUNKED] [-d data] [-H "Name: value"]...
+//                 [-n count] [-p proxyhost proxyport] host port url
+//
+// -m CHUNKED posts data as a chunked body (three fragments). -n repeats the
+// request on the same connection. -p opens a CONNECT tunnel through the
+// proxy first. For each response it prints "status CODE", "length N", then
+// the N body bytes and a newline. A failure prints "error TEXT" and exits 1.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <list>
+#include <string>
+
+#include "sf/http/httpadaptor.h"
+#include "sf/sflib.h"
+
+namespace {
+
+void usage() {
+  fprintf(stderr,
+          "usage: sf_httpclient [-m GET|POST|HEAD|CHUNKED] [-d data] [-H header]... [-n count]\n"
+          "                     [-p proxyhost proxyport] host port url\n");
+  exit(2);
+}
+
+void request(sf::Connection& c, sf::HttpAdaptor* http, const std::string& method,
+             const std::string& url, const std::string& data,
+             const std::list<std::string>& headers) {
+  sf::Buffer body;
+  body.append(data.data(), data.size());
+  if (method == "GET") {
+    http->get(&c, url.c_str(), headers);
+  } else if (method == "HEAD") {
+    http->head(&c, url.c_str(), headers);
+  } else if (method == "POST") {
+    http->post(&c, url.c_str(), "text/plain", body, headers);
+  } else if (method == "CHUNKED") {
+    http->requestHeader.reset();
+    http->requestHeader.url = url;
+    http->requestHeader.headers = headers;
+    size_t third = data.size() / 3;
+    sf::Buffer a, b, rest;
+    a.append(data.data(), third);
+    b.append(data.data() + third, third);
+    rest.append(data.data() + 2 * third, data.size() - 2 * third);
+    http->writePduFirst(&c, a);
+    http->writePduNext(&c, b);
+    http->writePduLast(&c, rest);
+  } else {
+    usage();
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string method = "GET", data, proxyHost, proxyPort;
+  std::list<std::string> headers;
+  int count = 1;
+  int i = 1;
+  for (; i < argc && argv[i][0] == '-'; ++i) {
+    std::string o = argv[i];
+    if (o == "-m" && i + 1 < argc) {
+      method = argv[++i];
+    } else if (o == "-d" && i + 1 < argc) {
+      data = argv[++i];
+    } else if (o == "-H" && i + 1 < argc) {
+      headers.push_back(argv[++i]);
+    } else if (o == "-n" && i + 1 < argc) {
+      count = atoi(argv[++i]);
+    } else if (o == "-p" && i + 2 < argc) {
+      proxyHost = argv[++i];
+      proxyPort = argv[++i];
+    } else {
+      usage();
+    }
+  }
+  if (argc - i != 3) usage();
+  std::string host = argv[i], port = argv[i + 1], url = argv[i + 2];
+
+  sf::sfi_tclCreate();
+  if (const char* level = getenv("SF_HTTPCLIENT_LOG")) {
+    sf::sfi_logToStderr();
+    sf::sfi_setLogLevel(atoi(level));
+    sf::g_logLevel.store(atoi(level));
+  }
+  try {
+    sf::Connection c;
+    sf::HttpAdaptor* http = new sf::HttpAdaptor(true);
+    if (proxyHost.empty()) {
+      sf::PortAddr addr(host.c_str(), port.c_str());
+      c = sf::tcp_connect(addr);
+      c.push(new sf::TcpAdaptor);
+      c.push(http);
+    } else {
+      sf::PortAddr addr(proxyHost.c_str(), proxyPort.c_str());
+      c = sf::tcp_connect(addr);
+      c.push(new sf::TcpAdaptor);
+      c.push(http);
+      http->httpConnect(c, (host + ":" + port).c_str());
+      // The tunnel is open: the same adaptor speaks HTTP/1.1 through it, and
+      // names the tunnel's far end as the host.
+      http->version = sf::HttpAdaptor::HTTP_1_1;
+      headers.push_back("Host: " + host + ":" + port);
+    }
+    for (int n = 0; n < count; ++n) {
+      request(c, http, method, url, data, headers);
+      sf::Buffer answer;
+      std::list<std::string> responseHeaders;
+      http->readMessage(&c, answer, &responseHeaders);
+      printf("status %d\nlength %zu\n", http->lastStatus, answer.size());
+      fwrite(answer.data ? answer.data : "", 1, answer.size(), stdout);
+      printf("\n");
+      fflush(stdout);
+    }
+  } catch (sf::X& x) {
+    printf("error %s\n", x.str().c_str());
+    return 1;
+  }
+  return 0;
+}

@@ -1,0 +1,179 @@
+// TCP receive modes, the adaptor chain's strict defaults and the pushback
+// layer, over real loopback connections.
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <string>
+
+#include "sf/detail/net.h"
+#include "sf/platform/socket.h"
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace pf = sf::platform;
+
+namespace {
+
+std::string text(const sf::Buffer& b) {
+  return std::string(b.data ? b.data : "", b.size());
+}
+
+// A connected pair: a raw client socket and the accepted Connection with a
+// TcpAdaptor pushed.
+struct Pair {
+  sf::Port port;
+  pf::sock_t client = pf::kNoSock;
+  sf::Connection conn;
+  Pair() {
+    sftest::ensureInterp();
+    sf::PortAddr a("127.0.0.1", "0");
+    port = sf::bindPort(a);
+    char addr[pf::kIpv4AddrLen];
+    pf::make_ipv4_addr("127.0.0.1", pf::bound_port(port.socketNo()), addr);
+    client = pf::sock_stream(pf::family_ipv4());
+    EXPECT_EQ(pf::sock_connect(client, addr, pf::kIpv4AddrLen), 0);
+    conn = sf::tcp_accept(port);
+    conn.push(new sf::TcpAdaptor);
+  }
+  ~Pair() {
+    if (client != pf::kNoSock) pf::sock_close(client);
+    conn = sf::Connection();
+    delete port.p;
+  }
+  void send(const std::string& t) {
+    ASSERT_EQ(pf::sock_send(client, t.data(), t.size()), static_cast<long>(t.size()));
+  }
+  void closeClient() {
+    pf::sock_close(client);
+    client = pf::kNoSock;
+  }
+};
+
+// A lower layer that delivers scripted PDUs, for the pushback layer.
+class Script : public sf::Adaptor {
+ public:
+  std::deque<std::string> pdus;
+  void readPdu(sf::Connection*, sf::Buffer& buf) override {
+    if (pdus.empty()) SF_THROW("script", sf::Xclosed());
+    buf.append(pdus.front().data(), pdus.front().size());
+    pdus.pop_front();
+  }
+};
+
+}  // namespace
+
+TEST(TcpRecv, ThreeModes) {
+  {
+    Pair p;
+    p.send("abcd");
+    p.closeClient();
+    sf::Buffer b(0);
+    EXPECT_THROW(sf::tcp_recv(p.conn, b, sf::RecvExact, 10), sf::Xclosed);
+    EXPECT_EQ(text(b), "abcd");
+  }
+  {
+    Pair p;
+    sf::Buffer b(0);
+    b.append("x", 1);
+    p.send("hello");
+    sf::tcp_recv(p.conn, b, sf::RecvUptoNB, 100);
+    EXPECT_EQ(text(b), "xhello");  // earlier contents kept, one chunk only
+    EXPECT_THROW(sf::tcp_recv(p.conn, b, sf::RecvUptoNB, 0), sf::Xio);
+  }
+  {
+    Pair p;
+    std::string big(20000, 'z');
+    p.send(big);
+    p.send("end");
+    p.closeClient();
+    sf::Buffer b(0);
+    sf::tcp_recv(p.conn, b, sf::RecvTillEof, 0);
+    EXPECT_EQ(b.size(), big.size() + 3);
+  }
+}
+
+TEST(TcpRecv, SilentPeerTimesOutWithEvent) {
+  Pair p;
+  p.conn.setReadTimeout_s(1);
+  sftest::LogCapture log(3);
+  sf::Buffer b(0);
+  EXPECT_THROW(sf::tcp_recv(p.conn, b, sf::RecvExact, 4), sf::Xiotimeout);
+  EXPECT_TRUE(log.contains("09_sf_readtimeout_s_s_d"));
+  EXPECT_TRUE(log.contains("read timeout"));
+  // The socket is blocking again and still usable.
+  p.send("ping");
+  sf::tcp_recv(p.conn, b, sf::RecvExact, 4);
+  EXPECT_EQ(text(b), "ping");
+}
+
+TEST(Adaptor, StrictDefaultsAndTcpBottom) {
+  Pair p;
+  sf::Adaptor bare;
+  sf::Buffer b(0);
+  EXPECT_THROW(bare.readPdu(&p.conn, b), sf::Xstate);
+  EXPECT_THROW(bare.readPduNext(&p.conn, b), sf::Xstate);
+  EXPECT_THROW(bare.write(&p.conn, b), sf::Xstate);
+  EXPECT_THROW(bare.pushback("x", 1), sf::Xstate);
+  EXPECT_FALSE(bare.hasBufferedData());
+  EXPECT_THROW(p.conn.getAdaptor()->pushback("x", 1), sf::Xstate);  // bare TcpAdaptor
+
+  std::string big(10000, 'q');
+  p.send(big);
+  b.append("keep", 4);
+  // A raw PDU is at most 4096 bytes, appended to what the buffer held.
+  p.conn.read(b);
+  EXPECT_LE(b.size(), 4u + 4096u);
+  EXPECT_EQ(text(b).substr(0, 5), "keepq");
+
+  sf::Buffer out(0);
+  out.append("reply", 5);
+  p.conn.write(out);
+  char got[8] = {};
+  EXPECT_EQ(pf::sock_recv(p.client, got, sizeof got), 5);
+  EXPECT_STREQ(got, "reply");
+  // The base reject(conn, code, text) closes.
+  p.conn.getAdaptor()->reject(&p.conn, 0, nullptr);
+  EXPECT_EQ(p.conn.socketNo(), sf::INVALID_SOCK);
+}
+
+TEST(PushbackSandwich, ServesPushedBytesFirstAndReusesSpace) {
+  sftest::ensureInterp();
+  Script* lower = new Script;
+  sf::PushbackSandwich pb(lower);
+  sf::Connection none;
+  lower->pdus = {"socket"};
+  pb.pushback("AAAAA", 5);
+  pb.pushback("BBB", 3);
+  EXPECT_TRUE(pb.hasBufferedData());
+  sf::Buffer b(0);
+  pb.readUptoNB(&none, b, 4);  // last pushed first, across runs
+  EXPECT_EQ(text(b), "BBBA");
+  pb.readUptoNB(&none, b, 100);
+  EXPECT_EQ(text(b), "BBBAAAAA");
+  EXPECT_FALSE(pb.hasBufferedData());
+  pb.readUptoNB(&none, b, 3);  // from below; the excess is pushed back
+  EXPECT_EQ(text(b), "BBBAAAAAsoc");
+  EXPECT_EQ(pb.pending(), 3u);
+
+  // Exact reads across PDUs keep the remainder.
+  sf::Buffer e(0);
+  lower->pdus = {"123456", "abcdefgh"};
+  pb.init(&none);  // discards "ket"
+  pb.read(&none, e, 10);
+  EXPECT_EQ(text(e), "123456abcd");
+  EXPECT_EQ(pb.pending(), 4u);
+
+  // Pushing back into served space does not allocate a node: the bytes
+  // come out before the rest of that node.
+  sf::Buffer one(0);
+  pb.readUptoNB(&none, one, 3);  // "efg" served, offset 3 in "efgh" node
+  pb.pushback("XY", 2);
+  sf::Buffer rest(0);
+  pb.readUptoNB(&none, rest, 100);
+  EXPECT_EQ(text(rest), "XYh");
+
+  // readTillEof leaves pushed-back bytes queued.
+  pb.pushback("Q", 1);
+  EXPECT_THROW(pb.readTillEof(&none, rest, 0), sf::Xstate);  // Script has no readTillEof
+  EXPECT_EQ(pb.pending(), 1u);
+}

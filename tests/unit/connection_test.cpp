@@ -1,0 +1,142 @@
+// Ports, connections and TCP I/O against real loopback sockets.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "sf/detail/net.h"
+#include "sf/platform/socket.h"
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace pf = sf::platform;
+
+namespace {
+
+struct Listener {
+  sf::Port port;
+  int portno;
+  std::string text;
+  Listener() {
+    sftest::ensureInterp();
+    sf::PortAddr a("127.0.0.1", "0");
+    port = sf::bindPort(a);
+    portno = pf::bound_port(port.socketNo());
+    text = std::to_string(portno);
+  }
+  ~Listener() {
+    // The record normally lives until process end; tests free theirs.
+    delete port.p;
+  }
+};
+
+// A raw client socket connected to port.
+pf::sock_t rawClient(int port) {
+  char addr[pf::kIpv4AddrLen];
+  pf::make_ipv4_addr("127.0.0.1", port, addr);
+  pf::sock_t s = pf::sock_stream(pf::family_ipv4());
+  EXPECT_EQ(pf::sock_connect(s, addr, pf::kIpv4AddrLen), 0);
+  return s;
+}
+
+}  // namespace
+
+TEST(PortAddr, ResolvesAndRefusesWhatItMust) {
+  sftest::ensureInterp();
+  sf::PortAddr any("", "8080");
+  EXPECT_EQ(any.str(), "+8080");
+  EXPECT_EQ(any.addr->addrlen(), 16);
+  sf::PortAddr named("localhost", "http");  // not a number: port 0
+  EXPECT_EQ(named.str(), "localhost+http");
+  EXPECT_EQ(named.backlog, 5);
+  EXPECT_EQ(named.linger, 0);
+  EXPECT_THROW(sf::PortAddr("/local", "1"), sf::Xstate);
+  EXPECT_THROW(sf::PortAddr("no-such-host.invalid", "1"), sf::Xsys);
+
+  sf::setVarInt("sf.tcp.backlog", 64);
+  sf::PortAddr later("127.0.0.1", "1");
+  EXPECT_EQ(later.backlog, 64);  // read at every construction
+  sf::setVarInt("sf.tcp.backlog", 5);
+}
+
+TEST(Port, ATakenPortIsRefusedAndReported) {
+  Listener l;
+  EXPECT_GT(l.portno, 0);
+  sftest::LogCapture log(4);
+  sf::PortAddr again("127.0.0.1", l.text.c_str());
+  EXPECT_THROW(sf::bindPort(again), sf::Xio);
+  EXPECT_TRUE(log.contains("binding with SO_REUSEADDR set to 0"));
+  EXPECT_FALSE(log.contains("binding with SO_REUSEADDR set to 1"));
+  EXPECT_TRUE(log.contains("bind(s, addr.addr->addr(), addr.addr->addrlen())"));
+  EXPECT_TRUE(log.contains("02_sf_bind_s"));
+}
+
+TEST(Port, SharedTableCountsUsesAndSweepsUnused) {
+  sftest::ensureInterp();
+  sf::PortAddr a("127.0.0.1", "0");
+  sf::Port taken = sf::bindPort(a);
+  sf::setSharedPort(a, taken);
+  sf::PortAddr b("127.0.0.2", "0");
+  sf::Port idle = sf::bindPort(b);
+  sf::setSharedPort(b, idle);
+
+  sf::Port first = sf::bindSharedPort(a);
+  sf::Port second = sf::bindSharedPort(a);
+  EXPECT_EQ(first.p, taken.p);
+  EXPECT_EQ(second.p, taken.p);
+  EXPECT_EQ(sf::sfi_sharedPortUses(a.str()), 2);
+  sf::PortAddr c("127.0.0.3", "0");
+  EXPECT_THROW(sf::bindSharedPort(c), sf::Xio);
+
+  sf::sfi_closeUnusedSharedPorts();
+  EXPECT_EQ(sf::sfi_sharedPortUses(b.str()), -1);
+  EXPECT_EQ(sf::sfi_sharedPortUses(a.str()), 2);
+}
+
+TEST(Connection, IdsReservationAndLastRelease) {
+  Listener l;
+  pf::sock_t client = rawClient(l.portno);
+  size_t before = sf::sfi_connectionCount();
+  int id = 0;
+  try {
+    sf::Connection c = sf::tcp_accept(l.port);
+    id = c.nonce();
+    EXPECT_EQ(c.getSid(), std::to_string(static_cast<unsigned>(id)));
+    EXPECT_EQ(sf::sfi_connectionCount(), before + 1);
+    EXPECT_EQ(c.localinfo(), "127.0.0.1+" + l.text);
+    EXPECT_EQ(c.remoteinfo().rfind("127.0.0.1+", 0), 0u);
+
+    sf::Connection other = sf::tcp_accept(l.port);  // nothing pending: accept fails
+    FAIL() << "accept without a client returned";
+  } catch (const sf::Xio&) {
+  }
+  // The handle went out of scope: record destroyed and socket closed.
+  EXPECT_EQ(sf::sfi_connectionCount(), before);
+  char byte;
+  EXPECT_EQ(pf::sock_recv(client, &byte, 1), 0);
+  pf::sock_close(client);
+
+  client = rawClient(l.portno);
+  sf::Connection c = sf::tcp_accept(l.port);
+  EXPECT_GT(c.nonce(), id);
+  EXPECT_FALSE(c.isReserved());
+  EXPECT_THROW(c.unreserve(false), sf::Xstate);
+  c.reserve();
+  c.reserve();
+  c.unreserve(false);
+  EXPECT_TRUE(c.isReserved());
+  c.unreserve(true);
+  EXPECT_FALSE(c.isReserved());
+
+  sf::Connection copy;
+  copy = c;
+  EXPECT_TRUE(c.check());
+  sf::tcp_close(copy);  // closes for every handle; the record stays
+  EXPECT_EQ(c.socketNo(), sf::INVALID_SOCK);
+  EXPECT_FALSE(c.check());
+  EXPECT_EQ(pf::sock_recv(client, &byte, 1), 0);
+  sf::Buffer buf(0);
+  EXPECT_THROW(sf::tcp_recv(c, buf, sf::RecvUptoNB, 10), sf::Xsys);
+  pf::sock_close(client);
+}

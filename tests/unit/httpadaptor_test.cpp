@@ -1,0 +1,476 @@
+// HttpAdaptor over an in-memory lower adaptor: settings, request and
+// response reading with every reject, and the bytes written for requests,
+// replies, rejections and chunked bodies.
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <string>
+
+#include "sf/detail/net.h"
+#include "sf/http/httpadaptor.h"
+#if __has_include("sf/message.h")
+#include "sf/message.h"
+#else
+#include "sf/http/provisional_msg.h"
+#endif
+#include "sf/platform/socket.h"
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+using sf::Buffer;
+using sf::HttpAdaptor;
+
+namespace {
+
+// The bottom of the chain: each readPdu hands out the next scripted segment
+// (as one TCP read would), end of input is a closed peer, and everything
+// written is kept.
+class MemAdaptor : public sf::Adaptor {
+ public:
+  std::deque<std::string> segments;
+  std::string written;
+  int pduReads = 0;
+  size_t largestRead = 0;
+
+  void readPdu(sf::Connection*, Buffer& b) override {
+    if (segments.empty()) throw sf::Xclosed();
+    ++pduReads;
+    std::string s = segments.front();
+    segments.pop_front();
+    largestRead = std::max(largestRead, s.size());
+    b.append(s.data(), s.size());
+  }
+  void readTillEof(sf::Connection*, Buffer& b, int n) override {
+    size_t total = 0;
+    while (!segments.empty() && (n == 0 || total < size_t(n))) {
+      std::string s = segments.front();
+      segments.pop_front();
+      size_t take = n ? std::min(s.size(), size_t(n) - total) : s.size();
+      b.append(s.data(), take);
+      total += take;
+    }
+  }
+  void write(sf::Connection*, const Buffer& b) override { written.append(b.data, b.size()); }
+};
+
+std::string str(const Buffer& b) {
+  return std::string(b.data ? b.data : "", b.size());
+}
+
+// A connection over an unconnected socket (so that closing it shows),
+// carrying MemAdaptor below an HttpAdaptor.
+struct Peer {
+  sf::Connection conn;
+  MemAdaptor* mem;
+  HttpAdaptor* http;
+
+  explicit Peer(bool client, std::deque<std::string> input = {})
+      : conn(new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4()))) {
+    conn.record()->remote = "127.0.0.1+8080";
+    mem = new MemAdaptor;
+    mem->segments = std::move(input);
+    conn.push(mem);
+    http = new HttpAdaptor(client);
+    conn.push(http);
+  }
+  bool closed() const { return conn.socketNo() == sf::INVALID_SOCK; }
+
+  std::string read() {
+    Buffer b;
+    http->readPdu(&conn, b);
+    return str(b);
+  }
+};
+
+// Installs a current message for the adaptor's environment entries.
+struct CurrentMessage {
+  sf::Message* msg = new sf::Message;
+  CurrentMessage() { sf::getContext()->message = msg; }
+  ~CurrentMessage() { sf::setContext(nullptr); }
+  std::string env(const char* n) { return msg->getenv(n); }
+};
+
+// Runs fn, which must throw Xreject carrying status in its reply.
+template <class F>
+std::string rejectStatus(F fn) {
+  try {
+    fn();
+  } catch (sf::Xreject& x) {
+    std::string s = x.reply ? str(*x.reply) : "";
+    delete x.reply;
+    return s;
+  }
+  return "no reject";
+}
+
+class Http : public ::testing::Test {
+ protected:
+  void SetUp() override { sftest::ensureInterp(); }
+};
+
+}  // namespace
+
+TEST_F(Http, SettingsComeFromConfigurationWithTwoStepLimits) {
+  {
+    HttpAdaptor a(false);
+    EXPECT_EQ(a.requestURL, "Quindel-Tunnel");
+    EXPECT_EQ(a.contentType, "Application/Binary");
+    EXPECT_EQ(a.statusResult, 200);
+    EXPECT_EQ(a.statusReason, "OK");
+    EXPECT_EQ(a.userAgent, "Quindel");
+    EXPECT_EQ(a.serverType, "Quindel");
+    EXPECT_EQ(a.maxHeader, 1024);
+    EXPECT_EQ(a.maxBody, 65535);
+    EXPECT_EQ(a.rejectStatus, 500);
+  }
+  sf::setVarInt("proxy.*.maxlength", 4096);
+  sf::setVarInt("sf.http.statusResult", 404);
+  {
+    HttpAdaptor a(true, nullptr, "text/plain");
+    EXPECT_EQ(a.maxHeader, 4096);
+    EXPECT_EQ(a.maxBody, 4096);
+    EXPECT_EQ(a.statusReason, "Not Found");
+    EXPECT_EQ(a.requestURL, "Quindel-Tunnel");
+    EXPECT_EQ(a.contentType, "text/plain");
+    EXPECT_TRUE(a.isClient);
+  }
+  sf::setVarInt("sf.http.body.maxlength", 100);
+  {
+    HttpAdaptor a(false);
+    EXPECT_EQ(a.maxHeader, 4096);
+    EXPECT_EQ(a.maxBody, 100);
+  }
+  sf::eval("unset sf.http.body.maxlength proxy.*.maxlength sf.http.statusResult");
+
+  HttpAdaptor a(false);
+  sftest::LogCapture log(10);
+  a.setRequestURL(nullptr);
+  EXPECT_EQ(a.requestURL, "Quindel-Tunnel");
+  EXPECT_FALSE(log.contains("request URL"));
+  a.setStatusResponse(503);
+  EXPECT_EQ(a.statusReason, "OK");  // the phrase is the caller's to change
+  std::list<std::string> lines{"X-A: 1"};
+  a.setStuffHeaders(lines);
+  a.setStuffHeaders(a.stuffHeaders);
+  EXPECT_EQ(a.stuffHeaders, lines);
+}
+
+TEST_F(Http, RequestAndStatusLines) {
+  HttpAdaptor a(false);
+  std::string m, u;
+  EXPECT_EQ(a.parseRequest("GET /index.html", m, u), HttpAdaptor::HTTP_0_9);
+  EXPECT_EQ(m + " " + u, "GET /index.html");
+  EXPECT_EQ(a.parseRequest("POST /a b HTTP/1.1", m, u), HttpAdaptor::HTTP_1_1);
+  EXPECT_EQ(m + "|" + u, "POST|/a b");
+  EXPECT_EQ(a.parseRequest("GET / HTTP/1.0", m, u), HttpAdaptor::HTTP_1_0);
+  EXPECT_EQ(a.parseRequest("GET / HTTP/2.0", m, u), HttpAdaptor::HTTP_LATER);
+  sftest::LogCapture log(3);
+  for (const char* bad : {"POST /x", "GET / HTTP/0.9", "GET / HTTP/1.x", "GET / HTTP/11",
+                          "GET / XHTTP/1.1", "GET / HTTP/1.1 "}) {
+    EXPECT_EQ(rejectStatus([&] { a.parseRequest(bad, m, u); }), "400") << bad;
+  }
+  EXPECT_TRUE(log.contains("exception unexpVER:makeReject(\"400\") thrown at"));
+  EXPECT_TRUE(log.contains("exception expVER.:makeReject(\"400\")"));
+
+  std::string code, reason;
+  EXPECT_EQ(a.parseStatus("HTTP/1.1 404 Not Found", code, reason), HttpAdaptor::HTTP_1_1);
+  EXPECT_EQ(code + "|" + reason, "404|Not Found");
+  EXPECT_EQ(a.parseStatus("HTTP/1.0 200", code, reason), HttpAdaptor::HTTP_1_0);
+  EXPECT_EQ(code + "|" + reason, "200|");
+  EXPECT_EQ(a.parseStatus("HTT", code, reason), HttpAdaptor::HTTP_0_9);
+  EXPECT_EQ(code + reason, "nullnull");
+  EXPECT_THROW(a.parseStatus("HTTP/1.1 20 OK", code, reason), sf::Xproto);
+  EXPECT_THROW(a.parseStatus("HTTP/1.1 2x0 OK", code, reason), sf::Xproto);
+  EXPECT_THROW(a.parseStatus("HTTP/0.9 200 OK", code, reason), sf::Xproto);
+  EXPECT_THROW(a.parseStatus("HTTP/1 200 OK", code, reason), sf::Xproto);
+}
+
+TEST_F(Http, HeaderLinesNeedCrLfFoldAndStayWithinTheLimit) {
+  Peer p(false, {"X-A: 1\nstill\r", "\nX-B: one\r\n", "\ttwo\r\n", "\r\n"});
+  Buffer buf;
+  size_t pos = 0;
+  std::string line;
+  EXPECT_FALSE(p.http->GetFullLine(&line, &p.conn, &buf, &pos, false, true));
+  EXPECT_EQ(line, "X-A: 1\nstill");  // a lone LF does not end a line; a split CR LF does
+  EXPECT_FALSE(p.http->GetFullLine(&line, &p.conn, &buf, &pos, false, true));
+  EXPECT_EQ(line, "X-B: one\ttwo");
+  EXPECT_FALSE(p.http->GetFullLine(&line, &p.conn, &buf, &pos, false, true));
+  EXPECT_EQ(line, "");
+
+  // A header block that never ends is refused once it passes the limit, and
+  // what was buffered stays within the limit plus one read.
+  std::deque<std::string> flood(200, std::string(1000, 'a'));
+  flood.push_front("GET / HTTP/1.1\r\nHost: x\r\nX-Long: ");
+  Peer q(false, flood);
+  EXPECT_EQ(rejectStatus([&] { q.read(); }), "413");
+  EXPECT_LE(q.mem->pduReads, 3);
+
+  // A client sees a response without a status line as HTTP/0.9 data.
+  Peer r(true, {"hello"});
+  Buffer rb;
+  size_t rpos = 0;
+  EXPECT_TRUE(r.http->GetFullLine(&line, &r.conn, &rb, &rpos, true, false));
+  EXPECT_EQ(rpos, 0u);
+}
+
+TEST_F(Http, ServerReadsRequestsAndPublishesThem) {
+  CurrentMessage cur;
+  Peer p(false, {"GET /a?b=1 HTTP/1.1\r\nHost: h:1\r\nX-Trace: t1\r\nConnection: keep-alive\r\n"
+                 "Content-Type: text/x\r\n\r\nPOST /up HTTP/1.1\r\nHost: h\r\nContent-Length: 5\r\n"
+                 "\r\nhel",
+                 "lo"});
+  EXPECT_EQ(p.read(), "/a?b=1");  // a GET delivers its URL
+  EXPECT_EQ(cur.env("HttpRequestURL"), "/a?b=1");
+  EXPECT_EQ(cur.env("HttpRequestMethod"), "GET");
+  EXPECT_EQ(cur.env("X-Trace"), "t1");
+  EXPECT_EQ(cur.env("Host"), "h:1");
+  EXPECT_EQ(cur.env("Connection"), "");   // framing headers are not published
+  EXPECT_TRUE(p.conn.hasBufferedData());  // the pipelined POST was pushed back
+  EXPECT_EQ(p.read(), "hello");
+  EXPECT_EQ(cur.env("HttpRequestMethod"), "POST");
+  EXPECT_FALSE(p.closed());
+
+  Peer z(false, {"POST /z HTTP/1.0\r\nContent-Length: 0\r\n\r\n"});
+  EXPECT_EQ(z.read(), "");
+
+  Peer nine(false, {"GET /old\r\n"});
+  EXPECT_EQ(nine.read(), "/old");
+  EXPECT_EQ(nine.http->version, HttpAdaptor::HTTP_0_9);
+}
+
+TEST_F(Http, ServerRejectsMalformedRequests) {
+  struct Case {
+    const char* input;
+    const char* status;
+  } cases[] = {
+      {"PUT / HTTP/1.1\r\nHost: x\r\n\r\n", "501"},
+      {"POST / HTTP/1.1\r\nHost: x\r\n\r\n", "411"},
+      {"GET / HTTP/1.1\r\n\r\n", "400"},
+      {"GET / HTTP/1.1\r\nHost x\r\n\r\n", "400"},
+      {"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 65536\r\n\r\n", "413"},
+      {"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: -1\r\n\r\n", "400"},
+      {"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhelloXX", "400"},
+      {"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n", "400"},
+      // refused on the size line, before anything of that size is held
+      {"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nFFFFFFFFFFFF\r\n", "413"},
+      {"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n10000\r\n", "413"},
+  };
+  sftest::LogCapture log(3);
+  for (const Case& c : cases) {
+    Peer p(false, {c.input});
+    EXPECT_EQ(rejectStatus([&] { p.read(); }), c.status) << c.input;
+  }
+  EXPECT_TRUE(log.contains("exception badmeth:makeReject(\"501\")"));
+  EXPECT_TRUE(log.contains("exception nohost:makeReject(\"400\")"));
+}
+
+TEST_F(Http, ChunkedBodiesWholeAndAsFragments) {
+  const char* req =
+      "POST /c HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: Chunked\r\n\r\n"
+      "5\r\nhello\r\n6;ext=1\r\n world\r\n0\r\nX-Trailer: t\r\n\r\n";
+  Peer whole(false, {req});
+  EXPECT_EQ(whole.read(), "hello world");
+  EXPECT_FALSE(whole.conn.hasBufferedData());
+
+  // One chunk per call; the size line is split across reads.
+  Peer frag(false, {std::string(req).substr(0, 70), std::string(req).substr(70)});
+  Buffer b;
+  frag.http->readPduFirst(&frag.conn, b);
+  EXPECT_EQ(str(b), "hello");
+  EXPECT_TRUE(frag.http->readPduIsMore(&frag.conn));
+  b.resize(0);
+  frag.http->readPduNext(&frag.conn, b);
+  EXPECT_EQ(str(b), " world");
+  EXPECT_TRUE(frag.http->readPduIsMore(&frag.conn));
+  b.resize(0);
+  frag.http->readPduNext(&frag.conn, b);
+  EXPECT_EQ(str(b), "");
+  EXPECT_FALSE(frag.http->readPduIsMore(&frag.conn));
+
+  // The header limit guards each size line, not the data already taken: a
+  // body of many chunks far beyond the header limit is accepted.
+  std::string many = "POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n";
+  std::string expect;
+  for (int i = 0; i < 100; ++i) {
+    std::string data(100, char('a' + i % 26));
+    many += "64\r\n" + data + "\r\n";
+    expect += data;
+  }
+  many += "0\r\n\r\n";
+  Peer big(false, {many});
+  EXPECT_EQ(big.read(), expect);
+
+  // A chunk that would take the body past the limit is refused.
+  Peer over(false, {many});
+  over.http->setMaxBody(5000);
+  EXPECT_EQ(rejectStatus([&] { over.read(); }), "413");
+}
+
+TEST_F(Http, ClientReadsResponses) {
+  CurrentMessage cur;
+  Peer ok(true, {"HTTP/1.1 200 OK\r\nContent-Length: 3\r\nX-Back: b\r\n\r\nabc"});
+  EXPECT_EQ(ok.read(), "abc");
+  EXPECT_EQ(cur.env("HttpResultCode"), "200");
+  EXPECT_EQ(cur.env("HttpResultReason"), "OK");
+  EXPECT_EQ(cur.env("X-Back"), "b");
+  EXPECT_FALSE(ok.closed());
+
+  Peer chunked(true,
+               {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n"});
+  EXPECT_EQ(chunked.read(), "abc");
+
+  // HTTP/1.0 without a length runs to the end of the stream; the bytes that
+  // came with the headers are its start. The connection is closed after it.
+  Peer eof(true, {"HTTP/1.0 200 OK\r\nServer: old\r\n\r\nfirst ", "second"});
+  EXPECT_EQ(eof.read(), "first second");
+  EXPECT_TRUE(eof.closed());
+
+  Peer nine(true, {"raw bytes", " and more"});
+  EXPECT_EQ(nine.read(), "raw bytes and more");
+
+  Peer head(true, {"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n"});
+  head.http->head(&head.conn, "/", {});
+  EXPECT_EQ(head.read(), "");
+
+  Peer nocontent(true, {"HTTP/1.1 204 No Content\r\n\r\n"});
+  Buffer nb;
+  nocontent.http->readMessage(&nocontent.conn, nb, nullptr);
+  EXPECT_EQ(nocontent.http->lastStatus, 204);
+
+  // Only 200 is a successful readPdu; an unanswered challenge fails too.
+  Peer missing(true, {"HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\n\r\nno"});
+  EXPECT_THROW(missing.read(), sf::Xio);
+  Peer challenge(true, {"HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"r\"\r\n"
+                        "Content-Length: 0\r\n\r\n"});
+  EXPECT_THROW(challenge.read(), sf::Xio);
+  EXPECT_EQ(challenge.http->lastStatus, 401);
+}
+
+TEST_F(Http, ConnectOpensATunnel) {
+  Peer p(true, {"HTTP/1.1 200 Connection established\r\n\r\nEARLY"});
+  p.http->httpConnect(p.conn, "example.org:443");
+  EXPECT_EQ(p.mem->written,
+            "CONNECT example.org:443 HTTP/1.0\r\nConnection: Keep-Alive\r\n"
+            "User-Agent: Quindel\r\nContent-Type: Application/Binary\r\n\r\n");
+  EXPECT_FALSE(p.closed());
+  EXPECT_TRUE(p.conn.hasBufferedData());  // tunnel bytes stay for the next reader
+
+  Peer refused(true, {"HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n"});
+  EXPECT_THROW(refused.http->httpConnect(refused.conn, "x:1"), sf::Xio);
+  Peer server(false);
+  EXPECT_THROW(server.http->httpConnect(server.conn, "x:1"), sf::Xinvalid);
+}
+
+TEST_F(Http, RepliesAndRejects) {
+  // A request that asked to close gets "Connection: Close" and a close.
+  Peer p(false,
+         {"POST /p HTTP/1.1\r\nHost: x\r\nConnection: close\r\nContent-Length: 2\r\n\r\nhi"});
+  EXPECT_EQ(p.read(), "hi");
+  Buffer body;
+  body.append("hi back");
+  p.conn.write(body);
+  EXPECT_EQ(p.mem->written,
+            "HTTP/1.1 200 OK\r\nContent-Length: 7\r\nConnection: Close\r\nServer: Quindel\r\n"
+            "Content-Type: Application/Binary\r\n\r\nhi back");
+  EXPECT_TRUE(p.closed());
+
+  // Keep-alive: no close, and HEAD gets the headers alone.
+  Peer k(false, {"HEAD /h HTTP/1.1\r\nHost: x\r\n\r\n"});
+  k.read();
+  k.conn.write(body);
+  EXPECT_EQ(k.mem->written.find("Content-Length: 7\r\n") != std::string::npos, true);
+  EXPECT_EQ(k.mem->written.substr(k.mem->written.size() - 4), "\r\n\r\n");
+  EXPECT_FALSE(k.closed());
+
+  // The configured rejection: status, phrase, the reason text as body.
+  Peer r(false);
+  r.http->setReject(503, "busy");
+  r.http->reject(&r.conn, 0, nullptr);
+  EXPECT_EQ(r.mem->written,
+            "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 4\r\nConnection: Close\r\n"
+            "Server: Quindel\r\nContent-Type: Application/Binary\r\n\r\nbusy");
+  EXPECT_TRUE(r.closed());
+
+  // A reader's reject payload carries the status digits.
+  Peer q(false);
+  Buffer payload;
+  payload.append("413");
+  q.http->reject(&q.conn, payload);
+  EXPECT_EQ(q.mem->written.substr(0, 40), "HTTP/1.1 413 Request Entity Too Large\r\nC");
+  EXPECT_TRUE(q.closed());
+
+  // Stuffed headers: an exact "Content-Type:" replaces the configured type;
+  // another spelling does not.
+  Peer s(false);
+  std::list<std::string> stuff{"Content-Type: text/html", "X-Stuffed: 1"};
+  s.http->setStuffHeaders(stuff);
+  Buffer none;
+  s.http->replyOk(&s.conn);
+  EXPECT_NE(
+      s.mem->written.find("Content-Type: text/html\r\nX-Stuffed: 1\r\nServer: Quindel\r\n\r\n"),
+      std::string::npos);
+  EXPECT_EQ(s.mem->written.find("Application/Binary"), std::string::npos);
+  EXPECT_FALSE(s.closed());
+  Peer l(false);
+  std::list<std::string> lower{"content-type: text/html"};
+  l.http->setStuffHeaders(lower);
+  l.http->replyOk(&l.conn);
+  EXPECT_NE(l.mem->written.find("content-type: text/html\r\n"), std::string::npos);
+  EXPECT_NE(l.mem->written.find("Content-Type: Application/Binary\r\n"), std::string::npos);
+
+  // HTTP/0.9: the body alone, then the connection ends.
+  Peer nine(false, {"GET /x\r\n"});
+  nine.read();
+  nine.conn.write(body);
+  EXPECT_EQ(nine.mem->written, "hi back");
+  EXPECT_TRUE(nine.closed());
+
+  EXPECT_STREQ(HttpAdaptor::getStatusReason(416), "Requested range not satisfiable");
+  EXPECT_THROW(HttpAdaptor::getStatusReason(306), sf::Xinvalid);
+  EXPECT_FALSE(HttpAdaptor::getStatusClose(410));
+  EXPECT_TRUE(HttpAdaptor::getStatusClose(305));
+  EXPECT_TRUE(HttpAdaptor::getStatusClose(599));
+  EXPECT_THROW(s.http->replyGen(&s.conn, 306, nullptr, nullptr, none, {}), sf::Xinvalid);
+  Peer cli(true);
+  EXPECT_THROW(cli.http->replyOk(&cli.conn), sf::Xinvalid);
+}
+
+TEST_F(Http, ClientRequests) {
+  Peer p(true);
+  Buffer empty;
+  p.conn.write(empty);
+  EXPECT_EQ(p.mem->written,
+            "GET Quindel-Tunnel HTTP/1.1\r\nUser-Agent: Quindel\r\nHost: 127.0.0.1:8080\r\n\r\n");
+  p.mem->written.clear();
+  Buffer body;
+  body.append("data");
+  p.http->post(&p.conn, "/in", "text/plain", body, {"Host: named", "X-Y: z"});
+  EXPECT_EQ(p.mem->written,
+            "POST /in HTTP/1.1\r\nContent-Length: 4\r\nHost: named\r\nX-Y: z\r\n"
+            "User-Agent: Quindel\r\nContent-Type: text/plain\r\n\r\ndata");
+  EXPECT_EQ(str(p.http->pending), "data");
+  Peer s(false);
+  EXPECT_THROW(s.http->get(&s.conn, "/", {}), sf::Xinvalid);
+}
+
+TEST_F(Http, ChunkedWritingRoundTripsThroughTheReader) {
+  Peer cli(true);
+  Buffer a, b, c;
+  a.append(std::string(255, 'x').c_str());
+  b.append("tail");
+  cli.http->writePduFirst(&cli.conn, a);
+  cli.http->writePduNext(&cli.conn, c);  // an empty fragment writes nothing
+  cli.http->writePduLast(&cli.conn, b);
+  const std::string& wire = cli.mem->written;
+  EXPECT_NE(wire.find("Transfer-Encoding: chunked\r\n"), std::string::npos);
+  EXPECT_NE(wire.find("\r\n\r\nFF\r\nxxx"), std::string::npos);
+  EXPECT_EQ(wire.substr(wire.size() - 14), "4\r\ntail\r\n0\r\n\r\n");
+
+  Peer srv(false, {wire});
+  EXPECT_EQ(srv.read(), std::string(255, 'x') + "tail");
+
+  // A reply that may not carry a body refuses chunks.
+  Peer nc(false);
+  nc.http->replyGen(&nc.conn, 204, nullptr, nullptr, c, {});
+  EXPECT_EQ(rejectStatus([&] { nc.http->writePduNext(&nc.conn, b); }), "500");
+}

@@ -1,0 +1,408 @@
+// Start-up: option stripping, directory precedence, the fatal exits, a broken
+// site configuration, and the runtime's script commands. Start-up runs once
+// per process, so each start-up case runs in a child process of its own.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+#include <string>
+
+#include "sf/detail/commands.h"
+#include "sf/platform/thread.h"
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace fs = std::filesystem;
+using sftest::readFile;
+using sftest::TempDir;
+using sftest::writeFile;
+
+namespace {
+
+// A site directory: <dir>/etc/config.tcl with the given text.
+void makeSite(const fs::path& dir, const std::string& config) {
+  fs::create_directories(dir / "etc");
+  writeFile(dir / "etc" / "config.tcl", config);
+}
+
+std::string sourceDir() {
+  const char* s = getenv("SF_TEST_SOURCE_DIR");
+  return s ? s : ".";
+}
+
+// Inside a child: a failed check is printed and makes the child exit 1.
+int g_failures = 0;
+void check(bool ok, const std::string& what) {
+  if (!ok) {
+    fprintf(stderr, "CHECK FAILED: %s\n", what.c_str());
+    ++g_failures;
+  }
+}
+[[noreturn]] void finishChild() {
+  std::exit(g_failures ? 1 : 0);
+}
+
+// Each record the library logs, printed as "REC <level> <message>".
+void printRecord(std::uint32_t, std::uint32_t, std::uint32_t level, const char*, std::uint32_t,
+                 std::uint32_t, const char* msg, int, const char*, int) {
+  fprintf(stderr, "REC %u %s\n", level, msg);
+}
+
+// Children are forked from the test (the "fast" death-test style): they see
+// the test's temporary directories, which the parent removes afterwards.
+class Startup : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    for (const char* v : {"SFROOTDIR", "SFDATDIR", "TCL_LIBRARY", "TAVODATDIR"}) unsetenv(v);
+  }
+};
+
+}  // namespace
+
+TEST_F(Startup, LibraryOptionsAreTakenOutOfArgvAndActedOn) {
+  TempDir site;
+  makeSite(site.path(), "set marker site\n");
+  setenv("SFROOTDIR", site.str().c_str(), 1);
+  auto child1 = [&]() {
+    const char* argv[] = {"host", "-datdir", "/d", "-x", "-l", "a.tcl", "-d", "4", nullptr};
+    int argc = 8;
+    sf::initTcl(argc, argv);
+    check(argc == 3, "argc is 3");
+    check(std::string(argv[0]) == "host" && std::string(argv[1]) == "-x" &&
+              std::string(argv[2]) == "a.tcl" && argv[3] == nullptr,
+          "host -x a.tcl null kept in order");
+    check(sf::sfi_dataDir() == "/d" && sf::getVarStr("sf.datdir", "") == "/d", "datdir /d");
+    check(sf::g_logLevel.load() == 4, "-d sets the level");
+    check(sf::getVarStr("marker", "") == "site", "site config.tcl ran");
+    finishChild();
+  };
+  EXPECT_EXIT(child1(), ::testing::ExitedWithCode(0),
+              // -l sends records to standard error in the short format.
+              "explicitly setting log level to 4\n.*sfrootdir=.* datdir = /d");
+
+  // An option without its value is dropped; the directory comes from the
+  // environment as if it were absent.
+  auto child2 = [&]() {
+    const char* argv[] = {"host", "a.tcl", "-rootdir", nullptr};
+    int argc = 3;
+    sf::initTcl(argc, argv);
+    check(argc == 2 && argv[2] == nullptr, "argc is 2");
+    check(sf::sfi_rootDir() == site.str(), "root from SFROOTDIR");
+    finishChild();
+  };
+  EXPECT_EXIT(child2(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Startup, DirectoriesComeFromOptionsThenEnvironmentThenDefaults) {
+  TempDir optRoot, envRoot, optData, envData, cwd;
+  makeSite(optRoot.path(), "set which option\n");
+  makeSite(envRoot.path(), "set which environment\n");
+  setenv("SFROOTDIR", envRoot.str().c_str(), 1);
+  setenv("SFDATDIR", envData.str().c_str(), 1);
+
+  auto child3 = [&]() {
+    std::string r = optRoot.str(), d = optData.str();
+    const char* argv[] = {"host", "-rootdir", r.c_str(), "-datdir", d.c_str(), nullptr};
+    int argc = 5;
+    sf::initTcl(argc, argv);
+    check(argc == 1, "argc is 1");
+    check(sf::getVarStr("which", "") == "option", "config.tcl of -rootdir");
+    check(sf::getVarStr("sf.rootdir", "") == r, "sf.rootdir from -rootdir");
+    check(sf::getVarStr("sf.datdir", "") == d, "sf.datdir from -datdir");
+    finishChild();
+  };
+  EXPECT_EXIT(child3(), ::testing::ExitedWithCode(0), "");
+
+  auto child4 = [&]() {
+    const char* argv[] = {"host", nullptr};
+    int argc = 1;
+    sf::initTcl(argc, argv);
+    check(sf::getVarStr("which", "") == "environment", "config.tcl of SFROOTDIR");
+    check(sf::getVarStr("sf.datdir", "") == envData.str(), "sf.datdir from SFDATDIR");
+    finishChild();
+  };
+  EXPECT_EXIT(child4(), ::testing::ExitedWithCode(0), "");
+
+  // Neither: the root is two levels above the executable (this test program
+  // lives in <build>/bin, whose etc/ holds the default site) and the data
+  // directory is the current one.
+  unsetenv("SFROOTDIR");
+  unsetenv("SFDATDIR");
+  auto child5 = [&]() {
+    fs::current_path(cwd.path());
+    const char* argv[] = {"host", nullptr};
+    int argc = 1;
+    sf::initTcl(argc, argv);
+    fs::path exe = fs::read_symlink("/proc/self/exe");
+    check(sf::getVarStr("sf.rootdir", "") == exe.parent_path().parent_path().string(),
+          "root is bin/.. of the executable");
+    check(sf::getVarStr("sf.datdir", "") == fs::current_path().string(), "data is cwd");
+    check(sf::getVarInt("sf.tcp.backlog", 0) == 128, "default site ran");
+    finishChild();
+  };
+  EXPECT_EXIT(child5(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Startup, TclLibraryThatFailsIsAFatalStartUpError) {
+  TempDir site;
+  makeSite(site.path(), "");
+  setenv("SFROOTDIR", site.str().c_str(), 1);
+  auto child = [&]() {
+    // Tcl_Init runs an existing tclInit procedure instead of its own search.
+    sf::sfi_tclCreate();
+    sf::eval("proc tclInit {} {error {no usable init.tcl}}");
+    const char* argv[] = {"host", nullptr};
+    int argc = 1;
+    sf::init(argc, argv);
+  };
+  EXPECT_EXIT(
+      child(), ::testing::ExitedWithCode(1),
+      "^fatal start up error: error initializing tcl, check TCL_LIBRARY files are setup\n$");
+}
+
+TEST_F(Startup, BrokenSiteConfigurationStopsStartUpWithXtcl) {
+  TempDir site;
+  std::string catalogue = sourceDir() + "/etc/sf_events.msg";
+  fs::path logs = site.path() / "logs";
+  makeSite(site.path(), "package require msgcat\nsource {" + catalogue + "}\n" +
+                            "set sf.log.dir {" + logs.string() + "}\n" +
+                            "set sf.log.useevorsyslog 1\n" + "set broken [oops\n");
+  setenv("SFROOTDIR", site.str().c_str(), 1);
+  setenv("TAVODATDIR", site.str().c_str(), 1);
+  auto child7 = [&]() {
+    sf::setlog(printRecord);
+    const char* argv[] = {"host", "-d", "3", nullptr};
+    int argc = 3;
+    try {
+      sf::init(argc, argv);
+      check(false, "init returned");
+    } catch (const sf::Xtcl& x) {
+      fprintf(stderr, "XTCL %s\n%s\n", x.str().c_str(), x.errorInfo.c_str());
+    }
+    // Nothing after the site script was started.
+    check(!sf::statsAttached(), "statistics block not attached");
+    check(!fs::exists(logs / "sf.log"), "no log file");
+    finishChild();
+  };
+  EXPECT_EXIT(child7(), ::testing::ExitedWithCode(0),
+              "REC 1 \\[3\\] script file failed[^\n]*config.tcl.*XTCL 2-8tcl code: ");
+
+  // A non-integer where an integer key is expected names the key.
+  makeSite(site.path(), "set sf.syslog.prio loud\n");
+  auto child8 = [&]() {
+    const char* argv[] = {"host", nullptr};
+    int argc = 1;
+    try {
+      sf::init(argc, argv);
+    } catch (const sf::Xtcl& x) {
+      fprintf(stderr, "XTCL %s\n", x.errorInfo.c_str());
+      finishChild();
+    }
+    check(false, "init returned");
+    finishChild();
+  };
+  EXPECT_EXIT(child8(), ::testing::ExitedWithCode(0),
+              "expected integer but got \"loud\".*sf.syslog.prio");
+}
+
+namespace {
+// The dump file written in dir: its name's pid and its whole text.
+bool readDump(const fs::path& dir, std::string* pid, std::string* text) {
+  for (const auto& e : fs::directory_iterator(dir)) {
+    std::string name = e.path().filename().string();
+    if (name.rfind("dump_", 0) == 0) {
+      *pid = name.substr(5);
+      *text = readFile(e.path());
+      return true;
+    }
+  }
+  return false;
+}
+
+void hangForEver(std::uint32_t, std::uint32_t, std::uint32_t, const char*, std::uint32_t,
+                 std::uint32_t, const char*, int, const char*, int) {
+  for (;;) sf::platform::sleep_ms(1000);
+}
+
+void fatalAgain(std::uint32_t, std::uint32_t, std::uint32_t, const char*, std::uint32_t,
+                std::uint32_t, const char*, int, const char*, int) {
+  sf::sf_fatal("during the first");
+}
+}  // namespace
+
+TEST_F(Startup, FatalErrorsWriteTheDumpAndExit) {
+  TempDir dir;
+  auto child9 = [&]() {
+    fs::current_path(dir.path());
+    sftest::ensureInterp();
+    // A broken setting makes the event's report throw; the dump and the
+    // exit still happen.
+    sf::setVarStr("sf.log.useevorsyslog", "yes");
+    sf::sf_fatal("queue head lost");
+  };
+  EXPECT_EXIT(child9(), ::testing::ExitedWithCode(3), "");
+  std::string pid, text;
+  ASSERT_TRUE(readDump(dir.path(), &pid, &text));
+  EXPECT_TRUE(std::regex_match(pid, std::regex("[1-9][0-9]*"))) << pid;
+  // ctime's text ends in its own newline, before " Reason".
+  std::regex layout("dump file for process " + pid +
+                    " created at [A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] "
+                    "[0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}\n Reason for dump: queue head lost\n\n");
+  EXPECT_TRUE(std::regex_match(text, layout)) << text;
+
+  // A fatal error raised while handling one ends the process at once, with 1.
+  auto child10 = [&]() {
+    sftest::ensureInterp();
+    sf::setVarInt("sf.log.useevorsyslog", 1);
+    sf::g_logLevel.store(1);
+    sf::setlog(fatalAgain);  // the event's level-1 record re-enters
+    sf::sf_fatal("first");
+  };
+  EXPECT_EXIT(child10(), ::testing::ExitedWithCode(1), "");
+
+  // A fatal path that hangs is cut short by the deadline, which exits with 0.
+  auto child11 = [&]() {
+    fs::current_path(dir.path());
+    sftest::ensureInterp();
+    sf::setVarInt("sf.log.useevorsyslog", 1);
+    sf::g_logLevel.store(1);
+    sf::setlog(hangForEver);
+    sf::sf_fatal("hangs");
+  };
+  EXPECT_EXIT(child11(), ::testing::ExitedWithCode(0), "");
+}
+
+// --- in this process: events and the runtime's commands ---
+
+namespace {
+void prepareInterp() {
+  static bool done = false;
+  if (done) return;
+  done = true;
+  sftest::ensureInterp();
+  ASSERT_TRUE(sf::sfi_tclInitLibrary());
+  sf::sfi_registerCommands();
+  sf::eval("package require msgcat");
+  std::string catalogue = sourceDir() + "/etc/sf_events.msg";
+  sf::eval(("source {" + catalogue + "}").c_str());
+}
+
+int countWith(const std::vector<std::string>& v, const std::string& text) {
+  int n = 0;
+  for (const auto& s : v) n += s.find(text) != std::string::npos;
+  return n;
+}
+}  // namespace
+
+TEST(Events, LogLineAlwaysAndTranslatedTextWhenPosting) {
+  prepareInterp();
+  sftest::LogCapture capture(3);
+  sf::setVarInt("sf.log.useevorsyslog", 0);
+  sf::logandreport("02_sf_bind_s", "1.2.3.4:80", "f.cpp", 12);
+  auto zero = capture.messages(0);
+  ASSERT_EQ(zero.size(), 1u);
+  EXPECT_EQ(zero[0], "02_sf_bind_s { 1.2.3.4:80 } ");
+  EXPECT_EQ(capture.records()[0].file, "f.cpp");
+  EXPECT_TRUE(capture.messages(1).empty()) << "nothing posted with useevorsyslog 0";
+
+  capture.clear();
+  sf::logandreport2("10_sf_idletimeout_s_s", "1.1.1.1:80", "2.2.2.2:9", __FILE__, __LINE__);
+  sf::logandreport3("09_sf_readtimeout_s_s_d", "a", "b", "5", __FILE__, __LINE__);
+  zero = capture.messages(0);
+  ASSERT_EQ(zero.size(), 2u);
+  EXPECT_EQ(zero[0], "10_sf_idletimeout_s_s { 1.1.1.1:80 }  { 2.2.2.2:9 }");
+  EXPECT_EQ(zero[1], "09_sf_readtimeout_s_s_d { a }  { b } { 5 }");
+
+  // Posting: translated through the catalogue, numbered, prefixed with the
+  // service name when one is set.
+  sf::setVarInt("sf.log.useevorsyslog", 1);
+  capture.clear();
+  sf::logandreport("02_sf_bind_s", "1.2.3.4:80", __FILE__, __LINE__);
+  sf::logandreport2("10_sf_idletimeout_s_s", "1.1.1.1:80", "2.2.2.2:9", __FILE__, __LINE__);
+  sf::setVarStr("sf.servicename", "proxyA");
+  sf::sfi_reportEvent1("16_sf_internalError_s", "lost");
+  sf::setVarStr("sf.servicename", "");
+  auto posted = capture.messages(1);
+  ASSERT_EQ(posted.size(), 3u);
+  EXPECT_EQ(posted[0], "[2] cannot bind listening address: 1.2.3.4:80 ");
+  EXPECT_EQ(posted[1], "[10] idle connection closed: local 1.1.1.1:80  remote 2.2.2.2:9 ");
+  EXPECT_EQ(posted[2], "proxyA: [16] internal error, the process is ending: lost ");
+
+  // No catalogue entry, or no number in the identifier.
+  capture.clear();
+  sf::logandreport("99_sf_unknown_s", "x", __FILE__, __LINE__);
+  sf::sfi_reportEvent("data directory not found/readable", "");
+  posted = capture.messages(1);
+  ASSERT_EQ(posted.size(), 2u);
+  EXPECT_EQ(posted[0], "[99] no translation for 99_sf_unknown_s { x } ");
+  EXPECT_EQ(posted[1], "[0] no translation for data directory not found/readable ");
+  sf::setVarInt("sf.log.useevorsyslog", 0);
+}
+
+TEST(Events, EventRaisedWhileReportingIsDropped) {
+  prepareInterp();
+  sftest::LogCapture capture(1);
+  sf::setVarInt("sf.log.useevorsyslog", 1);
+  // A catalogue lookup that itself raises an event.
+  sf::eval(
+      "rename ::msgcat::mcexists ::msgcat::sftest_mcexists\n"
+      "proc ::msgcat::mcexists {args} {sf_event 17_sf_logError_s nested; "
+      "uplevel 1 [list ::msgcat::sftest_mcexists {*}$args]}");
+  sf::sfi_reportEvent1("01_sf_connect_s", "10.0.0.1:25");
+  sf::eval("rename ::msgcat::mcexists {}; rename ::msgcat::sftest_mcexists ::msgcat::mcexists");
+  sf::setVarInt("sf.log.useevorsyslog", 0);
+  auto posted = capture.messages(1);
+  EXPECT_EQ(countWith(posted, "[1] outgoing connection failed: 10.0.0.1:25"), 1);
+  EXPECT_EQ(countWith(posted, "[17]"), 0) << "the nested event was posted";
+
+  // The guard is cleared again: the next event is reported.
+  sf::setVarInt("sf.log.useevorsyslog", 1);
+  capture.clear();
+  sf::eval("sf_event 17_sf_logError_s disk full");
+  sf::setVarInt("sf.log.useevorsyslog", 0);
+  EXPECT_EQ(countWith(capture.messages(1), "[17] log error: disk "), 1);
+}
+
+TEST(Events, CatalogueHasATextForEveryIdentifier) {
+  prepareInterp();
+  for (const char* id :
+       {"01_sf_connect_s", "02_sf_bind_s", "03_sf_eval_s", "06_sf_watchdog_s", "08_sf_openlog_s",
+        "09_sf_readtimeout_s_s_d", "10_sf_idletimeout_s_s", "14_sf_renamelog_s_s",
+        "15_sf_removelog_s", "16_sf_internalError_s", "17_sf_logError_s"}) {
+    EXPECT_EQ(sf::eval((std::string("::msgcat::mcexists ") + id).c_str()), "1") << id;
+  }
+}
+
+TEST(RuntimeCommands, LogEventAndDumpFromScripts) {
+  prepareInterp();
+  sftest::LogCapture capture(3);
+  EXPECT_EQ(sf::eval("sf_log 3 hello"), "");
+  EXPECT_EQ(sf::eval("sf_log 4 quiet"), "");
+  int hello = 0;
+  for (const auto& r : capture.records()) {
+    EXPECT_NE(r.msg, "quiet") << "level 4 is off";
+    if (r.msg != "hello") continue;
+    ++hello;
+    EXPECT_EQ(r.level, 3u);
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.file, "");
+    EXPECT_EQ(r.line, 0);
+  }
+  EXPECT_EQ(hello, 1);
+
+  // Wrong word counts give the status -1.
+  EXPECT_EQ(sf::eval("catch {sf_log 3}"), "-1");
+  EXPECT_EQ(sf::eval("catch {sf_log 3 a b}"), "-1");
+  EXPECT_EQ(sf::eval("catch {sf_event}"), "-1");
+  EXPECT_EQ(sf::eval("catch {sf_event 02_sf_bind_s}"), "0");
+
+  TempDir dir;
+  fs::path before = fs::current_path();
+  fs::current_path(dir.path());
+  EXPECT_EQ(sf::eval("catch {sf_dump}"), "0");
+  fs::current_path(before);
+  std::string pid, text;
+  ASSERT_TRUE(readDump(dir.path(), &pid, &text));
+  EXPECT_NE(text.find(" Reason for dump: dump requested\n\n"), std::string::npos) << text;
+}
