@@ -26,22 +26,20 @@ int failsPlainly(int, const char**) {
   sf::setRes("plain failure");
   return 1;
 }
-// Builds its result from its words: "n=<count>" then each word as an element.
+// "n=<count>" then each word as one more list element.
 int echoWords(int argc, const char** argv) {
   sf::setRes("n=");
   sf::appRes(std::to_string(argc).c_str());
   for (int i = 1; i < argc; ++i) sf::appResElem(argv[i]);
   return 0;
 }
-// Reads the global "shadow" while the calling proc has a local of that name.
 int readGlobal(int, const char**) {
   sf::setRes(sf::getVarStr("shadow", "absent").c_str());
   return 0;
 }
 // Evaluates again under the lock its caller already holds.
-int nested(int argc, const char** argv) {
-  std::string r = sf::eval(argc > 1 ? argv[1] : "");
-  sf::setRes(("nested:" + r).c_str());
+int nested(int, const char** argv) {
+  sf::setRes(("nested:" + sf::eval(argv[1])).c_str());
   return 0;
 }
 
@@ -62,17 +60,13 @@ void registerOnce() {
 }  // namespace
 
 TEST(TclBridge, VariablesAreGlobalWithDefaults) {
-  sftest::ensureInterp();
+  registerOnce();
   EXPECT_EQ(sf::getVarInt("unit.unset", 7), 7);
+  EXPECT_EQ(sf::getVarStr("unit.unset", "fallback"), "fallback");
   sf::setVarInt("unit.int", 9);
   EXPECT_EQ(sf::getVarInt("unit.int", 7), 9);
-  sf::setVarInt("unit.int", -2147483647 - 1);
-  EXPECT_EQ(sf::getVarStr("unit.int", ""), "-2147483648");
-  EXPECT_EQ(sf::getVarStr("unit.unset", "fallback"), "fallback");
   sf::setVarStr("unit.str", "two words");
-  EXPECT_EQ(sf::getVarStr("unit.str", ""), "two words");
-  // A dotted name is one global variable, not a namespace path.
-  EXPECT_EQ(sf::eval("set unit.str"), "two words");
+  EXPECT_EQ(sf::eval("set unit.str"), "two words");  // a dotted name is one global
   sf::eval("set unit.hex 0x10");
   EXPECT_EQ(sf::getVarInt("unit.hex", 0), 16);  // an integer as Tcl reads one
 
@@ -82,22 +76,18 @@ TEST(TclBridge, VariablesAreGlobalWithDefaults) {
     sf::getVarInt("unit.int", 7);
     FAIL() << "no exception";
   } catch (const sf::Xtcl& x) {
-    EXPECT_EQ(x.category, 2);
-    EXPECT_EQ(x.code, 8);
     EXPECT_EQ(x.str().rfind("2-8tcl code: ", 0), 0u) << x.str();
-    EXPECT_NE(x.errorInfo.find("abc"), std::string::npos) << x.errorInfo;
-    EXPECT_NE(x.str().find(" error info: " + x.errorInfo), std::string::npos);
+    EXPECT_NE(x.str().find(" error info: expected integer but got \"abc\""), std::string::npos);
   }
   EXPECT_TRUE(log.contains("exception getVarInt:Xtcl() thrown at "));
 
-  // Commands read globals even when called from inside a proc with a local
-  // of the same name.
-  registerOnce();
+  // Commands read globals even when called from a proc with a local of the
+  // same name.
   sf::setVarStr("shadow", "global value");
   EXPECT_EQ(sf::eval("proc unit_p {} { set shadow local; t_global }; unit_p"), "global value");
 }
 
-TEST(TclBridge, EvalReturnsResultsAndThrowsXtclWithThisError) {
+TEST(TclBridge, EvalLogsAndThrowsXtclWithThisError) {
   sftest::ensureInterp();
   sftest::LogCapture log(6);
   EXPECT_EQ(sf::eval("expr {6 * 7}"), "42");
@@ -106,42 +96,34 @@ TEST(TclBridge, EvalReturnsResultsAndThrowsXtclWithThisError) {
 
   log.clear();
   try {
-    sf::eval("error unit-failure-text {} {UNIT CODE}");
+    sf::eval("error unit-failure {} {UNIT CODE}");
     FAIL() << "no exception";
   } catch (const sf::Xtcl& x) {
-    EXPECT_EQ(x.errorCode, "UNIT CODE");
-    EXPECT_NE(x.errorInfo.find("unit-failure-text"), std::string::npos);
-    EXPECT_EQ(x.str().rfind("2-8tcl code: UNIT CODE error info: unit-failure-text", 0), 0u)
-        << x.str();
+    EXPECT_EQ(x.str().rfind("2-8tcl code: UNIT CODE error info: unit-failure\n", 0), 0u) << x.str();
   }
   std::vector<std::string> errors = log.messages(3);
   ASSERT_EQ(errors.size(), 2u);
-  EXPECT_EQ(errors[0], "eval error unit-failure-text {} {UNIT CODE} -> error 1");
+  EXPECT_EQ(errors[0], "eval error unit-failure {} {UNIT CODE} -> error 1");
   EXPECT_EQ(errors[1].rfind("exception eval:Xtcl() thrown at ", 0), 0u);
-  // The lock was released on the way out.
-  EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);
+  EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);  // released on the way out
 
-  // Scripts of every length around the stack copy's size, unchanged.
+  // Scripts of every length around the 512-byte stack copy.
   for (size_t len : {size_t(0), size_t(495), size_t(496), size_t(497), size_t(9000)}) {
     const std::string script = "string length {" + std::string(len, 'x') + "}";
     EXPECT_EQ(sf::eval(script.c_str()), std::to_string(len)) << script.size();
   }
-}
 
-TEST(TclBridge, QuietEvaluationLogsNothing) {
-  sftest::ensureInterp();
-  {
-    sftest::LogCapture log(255);
-    EXPECT_EQ(sf::sfi_quietEval("format %s-%s a b"), "a-b");
-    try {
-      sf::sfi_quietEval("error quiet");
-      FAIL() << "no exception";
-    } catch (const char* text) {
-      EXPECT_STREQ(text, "tcl");
-    }
-    // Only the lock's own traces: no eval lines, no throw-site record.
-    for (const sftest::Record& r : log.records()) EXPECT_EQ(r.level, 10u) << r.msg;
+  // The quiet evaluation logs nothing of its own and throws a plain "tcl".
+  log.clear();
+  sf::g_logLevel.store(9);
+  EXPECT_EQ(sf::sfi_quietEval("format %s-%s a b"), "a-b");
+  try {
+    sf::sfi_quietEval("error quiet");
+    FAIL() << "no exception";
+  } catch (const char* text) {
+    EXPECT_STREQ(text, "tcl");
   }
+  EXPECT_TRUE(log.records().empty());
   EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);
 }
 
@@ -154,26 +136,21 @@ TEST(TclBridge, EvalFileTriesThreePlaces) {
   sftest::writeFile(data.path() / "unit_cfg.tcl", "set unit.from data");
   sftest::writeFile(root.path() / "etc" / "unit_rootonly.tcl", "set unit.from rootonly");
   sftest::writeFile(data.path() / "given.tcl", "set unit.from given");
-
   sf::evalFile("unit_cfg.tcl");  // not in the current directory: data wins
   EXPECT_EQ(sf::getVarStr("unit.from", ""), "data");
   sf::evalFile("unit_rootonly.tcl");
   EXPECT_EQ(sf::getVarStr("unit.from", ""), "rootonly");
-  sf::evalFile((data.path() / "given.tcl").c_str());  // usable as given
+  sf::evalFile((data.path() / "given.tcl").c_str());
   EXPECT_EQ(sf::getVarStr("unit.from", ""), "given");
 
   // Nowhere: the root candidate is used anyway and fails.
-  sftest::LogCapture log(3);
   try {
     sf::evalFile("unit_nowhere.tcl");
     FAIL() << "no exception";
   } catch (const sf::Xtcl& x) {
     EXPECT_NE(x.errorInfo.find((root.path() / "etc" / "unit_nowhere.tcl").string()),
-              std::string::npos)
-        << x.errorInfo;
+              std::string::npos);
   }
-  EXPECT_TRUE(log.contains("exception eval:Xtcl() thrown at "));
-
   // A failing file keeps its own error in the exception even though the
   // event report evaluates a translation that fails too (no catalogue).
   sf::setVarInt("sf.log.useevorsyslog", 1);
@@ -182,8 +159,7 @@ TEST(TclBridge, EvalFileTriesThreePlaces) {
     sf::evalFile("unit_bad.tcl");
     FAIL() << "no exception";
   } catch (const sf::Xtcl& x) {
-    EXPECT_NE(x.errorInfo.find("unit-bad-file"), std::string::npos) << x.errorInfo;
-    EXPECT_EQ(x.errorInfo.find("msgcat"), std::string::npos) << x.errorInfo;
+    EXPECT_EQ(x.errorInfo.rfind("unit-bad-file\n", 0), 0u) << x.errorInfo;
   }
   sf::setVarInt("sf.log.useevorsyslog", 0);
   EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);
@@ -201,9 +177,6 @@ TEST(TclBridge, SplitAppendsElements) {
   std::list<std::string> out{"kept"};
   sf::tclsplit("a {b c} d", out);
   EXPECT_EQ(out, (std::list<std::string>{"kept", "a", "b c", "d"}));
-  sf::tclsplit("", out);
-  EXPECT_EQ(out.size(), 4u);
-
   sftest::LogCapture log(3);
   EXPECT_THROW(sf::tclsplit("a {b", out), sf::Xtcl);
   EXPECT_EQ(out.size(), 4u);
@@ -217,8 +190,7 @@ TEST(TclBridge, DispatcherKeepsExceptionsOutOfTcl) {
 
   sftest::LogCapture log(7);
   EXPECT_EQ(sf::eval("t_echo a {b c}"), "n=3 a {b c}");
-  // Each word followed by one space.
-  EXPECT_EQ(log.messages(7), std::vector<std::string>{"eval t_echo a b c "});
+  EXPECT_EQ(log.messages(7), std::vector<std::string>{"eval t_echo a b c "});  // word + space
 
   log.clear();
   EXPECT_THROW(sf::eval("t_bounds"), sf::Xtcl);
@@ -228,19 +200,16 @@ TEST(TclBridge, DispatcherKeepsExceptionsOutOfTcl) {
   EXPECT_EQ(errors[1], "eval t_bounds -> error 1");
 
   log.clear();
-  EXPECT_EQ(sf::eval("catch t_text"), "1");  // status 1: an ordinary Tcl error
+  EXPECT_EQ(sf::eval("catch t_text"), "1");  // an ordinary Tcl error
   EXPECT_EQ(log.messages(1),
             std::vector<std::string>{"tcl:eval caught string exception - no queue"});
-
   log.clear();
   EXPECT_EQ(sf::eval("catch t_other"), "1");
-  EXPECT_TRUE(log.contains("tcl:eval caught unknown exception"));
-  EXPECT_EQ(log.messages(3).size(), 2u);  // that line and the eval result line
+  EXPECT_EQ(log.messages(3)[0], "tcl:eval caught unknown exception");
 
-  // A procedure's own error status and result pass through unchanged.
+  // A procedure's own status and result pass through; commands run under
+  // the lock and may evaluate again.
   EXPECT_EQ(sf::eval("list [catch t_fail msg] $msg"), "1 {plain failure}");
-
-  // Commands run under the lock and may evaluate again.
   EXPECT_EQ(sf::eval("t_nested {t_nested {expr 1+1}}"), "nested:nested:2");
   EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);
 }
