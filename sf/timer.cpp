@@ -149,6 +149,9 @@ void timerThread(void*) {
       else
         ms = (std::uint64_t(next.sec) - n.sec) * 1000 + (next.usec - n.usec) / 1000;
       if (ms > 0xfffffffe) ms = 0xfffffffe;
+      // The clock moves in whole milliseconds: a shorter wait would only
+      // spin until the next tick.
+      if (ms == 0) ms = 1;
       SF_LOG(8, "unlocking and waiting %d", static_cast<int>(ms));
       bool signalled = t.wake.wait_ms(static_cast<std::uint32_t>(ms));
       // 1: woken by a change to the list; 0: the time ran out.
