@@ -52,6 +52,11 @@ std::map<std::string, MessageQ*>& registry() {
 
 int traceEnQ = 0, traceEnQfull = 0, traceDeQ = 0;
 
+// A release that fails means the lock discipline is broken.
+void release(platform::RecursiveMutex* mx) {
+  if (platform::mutex_unlock(mx) != 0) sf_fatal("ReleaseMutex");
+}
+
 inline std::uintptr_t addr(const Message* m) {
   return reinterpret_cast<std::uintptr_t>(m);
 }
@@ -107,7 +112,7 @@ int MessageQ::capacity() const {
 int MessageQ::size() const {
   platform::mutex_lock(q->mx);
   int n = (q->tail.load() - q->head.load() + q->capacity) % q->capacity;
-  platform::mutex_unlock(q->mx);
+  release(q->mx);
   return n;
 }
 
@@ -136,7 +141,7 @@ int MessageQ::enQ(Message* msg) {
     if (!platform::semaphore_release(q->count)) sf_fatal("ReleaseSemaphore");
     q->tail = next;
   }
-  platform::mutex_unlock(q->mx);
+  release(q->mx);
   if (full) SF_THROW("enQ", Xstate());
   return 0;
 }
@@ -149,7 +154,7 @@ Message* MessageQ::deQ() {
   q->head.store(head, std::memory_order_relaxed);
   if (g_quiescing.load() && head == q->tail.load(std::memory_order_relaxed))
     platform::event_notify(q->emptied);
-  platform::mutex_unlock(q->mx);
+  release(q->mx);
   if (msg) msg->dequeuedAt = time(nullptr);
   if (sfi_on(10)) trace(__FILE__, &traceDeQ, __LINE__, "deQ", q->name.c_str(), 0, head, 0, 0);
   SF_LOG(5, "deQ %s %d %" PRIxPTR " ", q->name.c_str(), head, addr(msg));
@@ -173,7 +178,7 @@ void MessageQ::quiesceAll() {
     SF_LOG(2, "quiesce: waiting for queue %s to empty", s->name.c_str());
     platform::mutex_lock(s->mx);
     bool empty = s->head == s->tail;
-    platform::mutex_unlock(s->mx);
+    release(s->mx);
     // The emptying deQ signals the event even if nobody waits yet, so a
     // queue that empties between the check and the wait still releases us.
     if (!empty) platform::event_wait(s->emptied);
