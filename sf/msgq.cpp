@@ -129,12 +129,9 @@ int MessageQ::enQ(Message* msg) {
   if (platform::mutex_lock(q->mx) != 0) SF_THROW("enQ", Xsys("WaitForSingleObject"));
   std::int32_t tail = q->tail.load(std::memory_order_relaxed);
   std::int32_t next = (tail + 1) % q->capacity;
-  bool full = next == q->head.load(std::memory_order_relaxed);
-  if (full) {
-    if (sfi_on(10))
-      trace(__FILE__, &traceEnQfull, __LINE__, "enQfull", q->name.c_str(), 0, q->head, 0, 0);
-    SF_LOG(5, "enQfull %s %d %" PRIxPTR, q->name.c_str(), q->head.load(), addr(msg));
-  } else {
+  std::int32_t head = q->head.load(std::memory_order_relaxed);
+  bool full = next == head;
+  if (!full) {
     q->ring[tail] = msg;
     // The ring holds at most capacity - 1 messages, so the count can never
     // pass its maximum; if it does, the queue's bookkeeping is broken.
@@ -142,7 +139,14 @@ int MessageQ::enQ(Message* msg) {
     q->tail = next;
   }
   release(q->mx);
-  if (full) SF_THROW("enQ", Xstate());
+  if (full) {
+    // Logged once the mutex is released: logging may need the interpreter
+    // lock, which a script command waiting for this mutex may hold.
+    if (sfi_on(10))
+      trace(__FILE__, &traceEnQfull, __LINE__, "enQfull", q->name.c_str(), 0, head, 0, 0);
+    SF_LOG(5, "enQfull %s %d %" PRIxPTR, q->name.c_str(), head, addr(msg));
+    SF_THROW("enQ", Xstate());
+  }
   return 0;
 }
 
