@@ -99,7 +99,8 @@ int main(int argc, const char** argv) {
     leave(1);
   }
 
-  // Timers start here.
+  // The timer thread, and with it sf_mkTmr and sf_rmTmr, for the scripts below.
+  sf::initTimer();
 
   try {
     if (namesScript(argv)) {

@@ -16,9 +16,17 @@ struct Command {
 };
 
 const Command kCommands[] = {
+    {"spinThread", sfi_cmd_spinThread},
+    {"mkQ", sfi_cmd_mkQ},
+    {"enQ", sfi_cmd_enQ},
+    {"sfenv", sfi_cmd_sfenv},
+    {"dummyWorker", sfi_cmd_dummyWorker},
+    {"sf_dumpMsg", sfi_cmd_sf_dumpMsg},
     {"sf_dump", sfi_cmdDump},
+    {"sfThreadId", sfi_cmd_sfThreadId},
     {"sf_event", sfi_cmdEvent},
     {"sf_log", sfi_cmdLog},
+    {"status", sfi_cmd_status},
     {nullptr, nullptr},  // end of table
 };
 }  // namespace

@@ -41,9 +41,20 @@ void sf_fatal(const char* reason) {
   if (g_inFatal) platform::exit_now(1);
   g_inFatal = true;
   platform::start_thread(deadline, nullptr);
-  sfi_reportEvent1("16_sf_internalError_s", reason);
-  sfi_writeDump(reason);
-  shutdown();
+  // Nothing may carry the failing thread back into the code that failed: a
+  // step that throws (a broken setting read by the reporter, say) is skipped.
+  try {
+    sfi_reportEvent1("16_sf_internalError_s", reason);
+  } catch (...) {
+  }
+  try {
+    sfi_writeDump(reason);
+  } catch (...) {
+  }
+  try {
+    shutdown();
+  } catch (...) {
+  }
   platform::exit_now(3);
 }
 

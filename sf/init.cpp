@@ -15,6 +15,7 @@
 #include "sf/sferr.h"
 #include "sf/stats.h"
 #include "sf/tcl.h"
+#include "sf/watchdog.h"
 
 namespace sf {
 
@@ -167,7 +168,7 @@ void init(int& argc, const char** argv) {
 
   // The HTTP script commands are registered here.
 
-  // The watchdog thread is started here.
+  watchdog_init();
 }
 
 }  // namespace sf

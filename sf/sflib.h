@@ -99,4 +99,8 @@ inline const char* Buffer::getROPtr(size_t offset) const {
 #include "sf/connection.h"
 #include "sf/adaptor.h"
 #include "sf/reader.h"
-
+#include "sf/message.h"
+#include "sf/msgq.h"
+#include "sf/timer.h"
+#include "sf/watchdog.h"
+#include "sf/worker.h"

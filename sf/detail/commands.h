@@ -8,6 +8,16 @@ namespace sf {
 // initTcl once the interpreter exists.
 void sfi_registerCommands();
 
+// Queues, messages and script threads (msgcommands.cpp).
+int sfi_cmd_spinThread(int argc, const char** argv);
+int sfi_cmd_mkQ(int argc, const char** argv);
+int sfi_cmd_enQ(int argc, const char** argv);
+int sfi_cmd_sfenv(int argc, const char** argv);
+int sfi_cmd_dummyWorker(int argc, const char** argv);
+int sfi_cmd_sf_dumpMsg(int argc, const char** argv);
+int sfi_cmd_sfThreadId(int argc, const char** argv);
+int sfi_cmd_status(int argc, const char** argv);
+
 // Runtime commands (runtimecommands.cpp).
 int sfi_cmdDump(int argc, const char** argv);
 int sfi_cmdEvent(int argc, const char** argv);

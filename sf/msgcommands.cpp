@@ -1,0 +1,163 @@
+// Script commands for queues, messages and script threads, and the
+// DummyWorker.
+#include <cstdio>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "sf/detail/commands.h"
+#include "sf/i_mx.h"
+#include "sf/log.h"
+#include "sf/message.h"
+#include "sf/msgq.h"
+#include "sf/runtime.h"
+#include "sf/sferr.h"
+#include "sf/sflib.h"
+#include "sf/tcl.h"
+#include "sf/worker.h"
+
+namespace sf {
+
+DummyWorker::DummyWorker(const char* queueName, const char* script_)
+    : Worker(queueName), script(script_) {}
+
+void DummyWorker::processMessage(Message* msg) {
+  SF_LOG(1, "dummy worker dequeued msg");
+  if (script)
+    eval(script);
+  else if (msg->data)
+    msg->data->dump(stderr, 0);
+}
+
+namespace {
+
+// The body of a script thread. words is the thread's argument list in Tcl
+// list form, heap-allocated by spinThread and freed here.
+void scriptThread(void* arg) {
+  std::string list = *static_cast<std::string*>(arg);
+  delete static_cast<std::string*>(arg);
+
+  try {
+    eval(("set sfThreads([sfThreadId]) { " + list + "}").c_str());
+  } catch (const X& x) {
+    SF_LOG(1, "exception %s in thread %s", x.str().c_str(), list.c_str());
+  }
+
+  std::list<std::string> words;
+  TclProc proc = nullptr;
+  try {
+    MxLock guard(sfi_tclLock());
+    tclsplit(list.c_str(), words);
+    if (!words.empty()) proc = findProc(words.front().c_str());
+  } catch (const X& x) {
+    SF_LOG(1, "exception %s in thread %s", x.str().c_str(), list.c_str());
+  }
+
+  if (proc) {
+    std::vector<const char*> argv;
+    for (const std::string& w : words) argv.push_back(w.c_str());
+    argv.push_back(nullptr);
+    try {
+      proc(static_cast<int>(words.size()), argv.data());
+    } catch (const X& x) {
+      SF_LOG(1, "exception %s in thread %s", x.str().c_str(), list.c_str());
+    } catch (...) {
+      SF_LOG(1, "exception %s in thread %s", "(not an sf exception)", list.c_str());
+    }
+  } else {
+    SF_LOG(1, "exported thread proc not found: %s", list.c_str());
+  }
+  {
+    MxLock guard(sfi_tclLock());
+    words.clear();
+  }
+
+  try {
+    eval("unset sfThreads([sfThreadId])");
+  } catch (const X& x) {
+    SF_LOG(1, "exception %s in thread %s", x.str().c_str(), list.c_str());
+  }
+  SF_LOG(1, "thread %s exiting\n", list.c_str());
+  if (sfi_shuttingDown()) return;
+  // Script threads are meant to serve for the life of the process.
+  sf_fatal("thread exiting, out of configuration");
+}
+
+Message* currentMessage() {
+  return getContext()->message;
+}
+
+}  // namespace
+
+int sfi_cmd_spinThread(int argc, const char** argv) {
+  if (argc < 2) return -1;
+  std::string* list = new std::string;
+  for (int i = 1; i < argc; ++i) list->append("{").append(argv[i]).append("} ");
+  startThread(scriptThread, list);
+  return 0;
+}
+
+int sfi_cmd_mkQ(int argc, const char** argv) {
+  if (argc < 2) return -1;
+  mkQ(argv[1]);
+  return 0;
+}
+
+int sfi_cmd_enQ(int argc, const char** argv) {
+  if (argc < 2) return -1;
+  MessageQ* q = getQ(argv[1]);
+  if (!q) return -1;
+  TransactionContext* ctx = getContext();
+  if (!ctx->message) {
+    SF_LOG(3, "enQ: no current message to put on queue %s", argv[1]);
+    return -1;
+  }
+  try {
+    q->enQ(ctx->message);
+  } catch (const Xstate&) {
+    SF_LOG(1, "enQ: queue %s refused the current message; it stays with the caller", argv[1]);
+    throw;
+  }
+  ctx->message = nullptr;  // the queue owns it now
+  return 0;
+}
+
+int sfi_cmd_sfenv(int argc, const char** argv) {
+  if (argc < 2) return -1;
+  Message* msg = currentMessage();
+  if (!msg) return -1;
+  setRes(msg->getenv(argv[1]).c_str());
+  return 0;
+}
+
+int sfi_cmd_dummyWorker(int argc, const char** argv) {
+  if (argc < 2) return -1;
+  DummyWorker worker(argv[1], argc > 2 ? argv[2] : nullptr);
+  // This thread now serves the queue for good. Called from a script it holds
+  // the interpreter lock, which it must not keep for ever.
+  if (sfi_tclReady()) sfi_tclLock().releaseAll();
+  worker.run();
+}
+
+int sfi_cmd_sf_dumpMsg(int, const char**) {
+  Message* msg = currentMessage();
+  if (!msg) return -1;
+  if (msg->data) msg->data->dump(stderr, 0);
+  return 0;
+}
+
+int sfi_cmd_sfThreadId(int, const char**) {
+  setRes(sfi_fmtlog("%d", static_cast<int>(getThreadId())).c_str());
+  return 0;
+}
+
+int sfi_cmd_status(int, const char**) {
+  // Each element reads "{ id argument-list\n} " once evaluated.
+  std::string r = eval(
+      "set r {}; foreach x [array names sfThreads] { append r \"\\{ $x $sfThreads($x)\\n\\} \"; "
+      "}; set r;");
+  setRes(r.c_str());
+  return 0;
+}
+
+}  // namespace sf

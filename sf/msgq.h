@@ -1,0 +1,63 @@
+// Named, bounded message queues between threads.
+//
+// A MessageQ carries Message pointers first in, first out, from any number of
+// producers (the reader, timers, close notices, script commands) to any number
+// of consumers (workers). enQ never blocks: a full queue, or any enQ once the
+// library is quiescing, throws Xstate and leaves the message with the caller.
+// deQ blocks until a message is there.
+//
+// The ring keeps one slot empty, so a queue of capacity N holds at most N - 1
+// messages (sf.qsize 100, the default, gives 99). Capacity 1 accepts nothing.
+//
+// Queues made with mkQ are registered by name for the life of the process and
+// found with getQ. quiesceAll refuses all further enqueueing and waits until
+// every registered queue has been drained by its consumers.
+#pragma once
+
+namespace sf {
+
+struct Message;
+struct QueueState;
+
+class MessageQ {
+ public:
+  // A queue with capacity ring slots. Throws Xinvalid when capacity is below
+  // 1, Xsys when the system cannot make its mutex or semaphore. Not
+  // registered: use mkQ for a named, findable queue.
+  MessageQ(int capacity, const char* name);
+  // Copies are handles to the same queue; only one of them may be destroyed.
+  MessageQ(const MessageQ&) = default;
+  MessageQ& operator=(const MessageQ&) = default;
+  ~MessageQ();
+
+  // Appends msg and returns 0. Throws Xstate, without touching msg, when the
+  // queue is full or the library is quiescing.
+  int enQ(Message* msg);
+  // Waits for a message, removes it and returns it (oldest first).
+  Message* deQ();
+
+  const char* name() const;
+  int capacity() const;
+  // Messages queued at this moment.
+  int size() const;
+
+  // Refuses every later enQ, on every queue, and waits until each registered
+  // queue is empty. Drops the calling thread's hold on the interpreter lock
+  // while it waits, so consumers that evaluate scripts can drain.
+  static void quiesceAll();
+  // True once quiesceAll has begun.
+  static bool quiescing();
+
+ private:
+  QueueState* q;
+};
+
+// Makes and registers a queue of capacity sf.qsize (default 100, read at each
+// call). Throws Xinvalid when name is already registered or the capacity is
+// below 1.
+MessageQ* mkQ(const char* name);
+
+// The registered queue called name, or null (logged at level 2).
+MessageQ* getQ(const char* name);
+
+}  // namespace sf

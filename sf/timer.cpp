@@ -1,0 +1,242 @@
+// The timer list and the timer thread.
+#include "sf/timer.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <list>
+#include <mutex>
+
+#include "sf/i_mx.h"
+#include "sf/log.h"
+#include "sf/message.h"
+#include "sf/msgq.h"
+#include "sf/platform/clock.h"
+#include "sf/sferr.h"
+#include "sf/sflib.h"
+#include "sf/tcl.h"
+#include "sf/worker.h"
+
+namespace sf {
+
+namespace {
+
+struct TimeVal {
+  std::uint32_t sec;
+  std::uint32_t usec;  // may exceed 999999: additions do not carry
+};
+
+// a strictly earlier than b, field by field.
+bool earlier(const TimeVal& a, const TimeVal& b) {
+  return a.sec < b.sec || (a.sec == b.sec && a.usec < b.usec);
+}
+
+struct Entry {
+  TimeoutId id;
+  TimeVal expiry;
+  TimeVal period;  // (0, 0): one-shot
+  MessageQ* queue;
+  Message* message;  // owned until posted
+};
+
+struct TimerState {
+  Mx mx;                      // guards everything below
+  std::list<Entry> pending;   // sorted by expiry; equal expiries in making order
+  std::uint32_t counter = 0;  // last id given out
+  Event wake;
+  // The system tick count is 32 bits of milliseconds and wraps after about
+  // 49.7 days. The timer extends it to 64 bits (the thread looks at it at
+  // least every 10 seconds), so that seconds stay monotonic for far longer
+  // than any process lives and pending timers survive the wrap.
+  std::uint32_t lastTick = 0;
+  std::uint64_t tickHigh = 0;
+};
+
+TimerState* g_timer = nullptr;
+std::once_flag g_timerOnce;
+std::once_flag g_threadOnce;
+
+TimerState& timer() {
+  std::call_once(g_timerOnce, [] { g_timer = new TimerState; });
+  return *g_timer;
+}
+
+// Now, from the tick count. Called with the timer mutex held.
+TimeVal now(TimerState& t) {
+  std::uint32_t tick = platform::tick_count_ms();
+  if (tick < t.lastTick) t.tickHigh += std::uint64_t(1) << 32;
+  t.lastTick = tick;
+  std::uint64_t ms = t.tickHigh + tick;
+  return TimeVal{static_cast<std::uint32_t>(ms / 1000),
+                 static_cast<std::uint32_t>((ms % 1000) * 1000)};
+}
+
+TimeoutId mkTimeout_gen(unsigned seconds, unsigned microseconds, MessageQ* q, Message* m,
+                        bool periodic) {
+  TimerState& t = timer();
+  std::uint32_t id;
+  {
+    MxLock guard(t.mx);
+    id = ++t.counter;
+    // Written only when it changes: a periodic message is being re-armed
+    // while a worker may still be reading the copy posted last time.
+    if (m && !m->isTimeout) m->isTimeout = true;
+    Entry e;
+    e.id = TimeoutId(id);
+    e.period = periodic ? TimeVal{seconds, microseconds} : TimeVal{0, 0};
+    TimeVal n = now(t);
+    e.expiry = TimeVal{n.sec + seconds, n.usec + microseconds};
+    e.queue = q;
+    e.message = m;
+    auto it = t.pending.begin();
+    while (it != t.pending.end() && !earlier(e.expiry, it->expiry)) ++it;
+    if (it != t.pending.end()) {
+      t.pending.insert(it, e);
+      SF_LOG(4, "mkTimeout_gen(): inserted timeout %d into queue", static_cast<int>(id));
+    } else {
+      t.pending.push_back(e);
+      SF_LOG(4, "appended timeout %d to queue", static_cast<int>(id));
+    }
+  }
+  SF_LOG(8, "signalling timeout queue");
+  t.wake.notify();
+  return TimeoutId(id);
+}
+
+// Hands a due message to its queue. A refusal is not the producer's business
+// (nobody waits for a timer's result), so it ends here: logged, and the
+// one-shot message deleted. A periodic message belongs to its re-armed timer.
+void post(const Entry& e) {
+  bool periodic = e.period.sec != 0 || e.period.usec != 0;
+  try {
+    if (!e.queue) {
+      SF_LOG(1, "timer %d has no queue, message dropped", static_cast<int>(e.id.id));
+    } else {
+      e.queue->enQ(e.message);
+      return;
+    }
+  } catch (const X& x) {
+    SF_LOG(1, "timer %d: queue %s refused message - %s", static_cast<int>(e.id.id), e.queue->name(),
+           x.str().c_str());
+  }
+  if (!periodic) delete e.message;
+}
+
+void timerThread(void*) {
+  TimerState& t = timer();
+  for (;;) {
+    SF_LOG(8, "locking timer queue");
+    t.mx.lock();
+    TimeVal n = now(t);
+    TimeVal next;
+    if (!t.pending.empty()) {
+      SF_LOG(8, "pending queue non-empty");
+      next = t.pending.front().expiry;
+    } else {
+      SF_LOG(8, "pending queue empty");
+      next = TimeVal{n.sec + 10, n.usec};
+    }
+    if (earlier(n, next)) {
+      SF_LOG(8, "now %d.%d < next %d.%d, waiting for event/sleeping", static_cast<int>(n.sec),
+             static_cast<int>(n.usec), static_cast<int>(next.sec), static_cast<int>(next.usec));
+      t.mx.unlock();
+      std::uint32_t ms;
+      if (next.usec < n.usec)
+        ms = (next.sec - n.sec - 1) * 1000 + (next.usec + 1000000 - n.usec) / 1000;
+      else
+        ms = (next.sec - n.sec) * 1000 + (next.usec - n.usec) / 1000;
+      SF_LOG(8, "unlocking and waiting %d", static_cast<int>(ms));
+      bool signalled = t.wake.wait_ms(ms);
+      // 1: woken by a change to the list; 0: the time ran out.
+      SF_LOG(8, "wait done status=%d..locking", signalled ? 1 : 0);
+      t.mx.lock();
+    }
+    if (t.pending.empty()) {
+      SF_LOG(8, "pending q empty...looping");
+      t.mx.unlock();
+      continue;
+    }
+    n = now(t);
+    if (!earlier(t.pending.front().expiry, n)) {
+      t.mx.unlock();
+      continue;
+    }
+    Entry e = t.pending.front();
+    t.pending.pop_front();
+    t.mx.unlock();
+    SF_LOG(4, "timer %d due, popping front of queue", static_cast<int>(e.id.id));
+    if (e.period.sec != 0 || e.period.usec != 0) {
+      if (e.message && !e.message->keep) e.message->keep = true;
+      mkTimeout_gen(e.period.sec, e.period.usec, e.queue, e.message, true);
+    }
+    post(e);
+  }
+}
+
+int sf_mkTmr(int argc, const char** argv) {
+  if (argc < 3) return 1;
+  MessageQ* q = getQ(argv[1]);
+  unsigned seconds = static_cast<unsigned>(atoi(argv[2]));
+  unsigned micros = argc == 4 ? static_cast<unsigned>(atoi(argv[3])) : 0;
+  Message* m = new Message;
+  m->data = new Buffer;
+  TimeoutId id = mkTimeout_rel(seconds, micros, q, m);
+  printf("queued timer %d\n", static_cast<int>(id.id));
+  fflush(stdout);
+  return 0;
+}
+
+int sf_rmTmr(int argc, const char** argv) {
+  if (argc < 2) return 1;
+  rmTimeout(TimeoutId(static_cast<std::uint32_t>(atoi(argv[1]))));
+  return 0;
+}
+
+}  // namespace
+
+TimeoutId mkTimeout_rel(unsigned seconds, unsigned microseconds, MessageQ* q, Message* m) {
+  return mkTimeout_gen(seconds, microseconds, q, m, false);
+}
+
+TimeoutId mkTimeout_per(unsigned seconds, unsigned microseconds, MessageQ* q, Message* m) {
+  return mkTimeout_gen(seconds, microseconds, q, m, true);
+}
+
+void rmTimeout(const TimeoutId& id) {
+  TimerState& t = timer();
+  bool found = false;
+  Message* m = nullptr;
+  {
+    MxLock guard(t.mx);
+    for (auto it = t.pending.begin(); it != t.pending.end(); ++it) {
+      if (it->id.id != id.id) continue;
+      m = it->message;
+      t.pending.erase(it);
+      found = true;
+      SF_LOG(4, "removed timeout %d", static_cast<int>(id.id));
+      break;
+    }
+  }
+  // Deleted outside the lock: releasing the message's connection may close
+  // it, and a close posts notices to queues, which the timer lock must never
+  // be held around.
+  if (found) {
+    delete m;
+    t.wake.notify();
+  } else
+    SF_LOG(2, "rmTimeout %d, timeout not found...expired simultaneously?", static_cast<int>(id.id));
+}
+
+void initTimer() {
+  timer();
+  std::call_once(g_threadOnce, [] {
+    startThread(timerThread, nullptr);
+    if (sfi_tclReady()) {
+      exportProc("sf_mkTmr", sf_mkTmr);
+      exportProc("sf_rmTmr", sf_rmTmr);
+    } else {
+      SF_LOG(1, "initTimer: no interpreter, sf_mkTmr and sf_rmTmr not registered");
+    }
+  });
+}
+
+}  // namespace sf

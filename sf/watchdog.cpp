@@ -1,0 +1,88 @@
+// The watchdog thread and the per-thread watchdog timer.
+#include "sf/watchdog.h"
+
+#include <atomic>
+
+#include "sf/events.h"
+#include "sf/log.h"
+#include "sf/message.h"
+#include "sf/msgq.h"
+#include "sf/platform/thread.h"
+#include "sf/runtime.h"
+#include "sf/tcl.h"
+#include "sf/timer.h"
+#include "sf/worker.h"
+
+namespace sf {
+
+namespace {
+
+// Made by watchdog_init; null while the watchdog is off.
+std::atomic<MessageQ*> g_watchdogQ{nullptr};
+
+// How long the dump, shutdown and report may take before the process ends
+// anyway: a hung worker may hold the interpreter or log lock they need.
+const std::uint32_t kFiringDeadlineMs = 5000;
+
+void firingDeadline(void*) {
+  platform::sleep_ms(kFiringDeadlineMs);
+  platform::exit_now(1);
+}
+
+void watchdogThread(void*) {
+  // Only an expired watchdog timer ever posts here.
+  g_watchdogQ.load()->deQ();
+  startThread(firingDeadline, nullptr);
+  sfi_writeDump("watchdog shutdown");
+  shutdown();
+  logandreport("06_sf_watchdog_s", "", __FILE__, __LINE__);
+  platform::exit_now(1);
+}
+
+int timeoutSeconds() {
+  return getVarInt("sf.watchdog", 300);
+}
+
+}  // namespace
+
+void watchdog_init() {
+  if (timeoutSeconds() < 1) {
+    SF_LOG(5, "not starting watchdog thread, timeout is 0.");
+    return;
+  }
+  SF_LOG(5, "starting watchdog thread.");
+  if (g_watchdogQ.load()) return;  // already running
+  g_watchdogQ.store(new MessageQ(10, "watchdog"));
+  startThread(watchdogThread, nullptr);
+}
+
+void watchdog_set() {
+  int timeout = timeoutSeconds();
+  TransactionContext* ctx = getContext();
+  // A queue that was never made means the watchdog was off at start-up: a
+  // later positive sf.watchdog does not turn it on.
+  MessageQ* q = g_watchdogQ.load();
+  if (timeout < 1 || !q) return;
+  if (ctx->watchdog) {
+    sfi_log(0, 1, "attempted to set watchdog when already set", __FILE__, __LINE__, 0);
+    return;
+  }
+  ctx->watchdog = new TimeoutId(mkTimeout_rel(static_cast<unsigned>(timeout), 0, q, new Message));
+  SF_LOG(8, "watchdog set");
+}
+
+void watchdog_clr() {
+  TransactionContext* ctx = getContext();
+  if (!ctx->watchdog) return;
+  rmTimeout(*ctx->watchdog);
+  delete ctx->watchdog;
+  ctx->watchdog = nullptr;
+  SF_LOG(8, "watchdog cleared");
+}
+
+void watchdog_ok() {
+  watchdog_clr();
+  watchdog_set();
+}
+
+}  // namespace sf

@@ -1,0 +1,145 @@
+"""Events reach the system log: sfhost runs in a private mount namespace
+whose /dev/log is a datagram socket bound by this test, so syslog(3) posts to
+the test instead of the machine's logger. Needs root (for the namespace)."""
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+import unittest
+
+BUILD = os.environ.get("SF_BUILD_DIR", "build")
+SOURCE = os.environ.get("SF_SOURCE_DIR", ".")
+SFHOST = os.path.join(BUILD, "bin", "sfhost")
+
+# Inside the namespace: a /dev that holds the usual nodes and our socket.
+NAMESPACE_SCRIPT = r"""
+set -e
+dev="$1"; shift
+for n in null zero full random urandom tty; do
+  [ -e /dev/$n ] || continue
+  touch "$dev/$n"; mount --bind /dev/$n "$dev/$n"
+done
+mkdir -p "$dev/shm" "$dev/pts"; mount --bind /dev/shm "$dev/shm"
+ln -sf /proc/self/fd "$dev/fd"
+mount --rbind "$dev" /dev
+exec "$@"
+"""
+
+
+def can_unshare():
+    if os.geteuid() != 0 or not shutil.which("unshare"):
+        return False
+    r = subprocess.run(["unshare", "--mount", "--propagation", "private", "true"],
+                       capture_output=True)
+    return r.returncode == 0
+
+
+@unittest.skipUnless(can_unshare(), "needs root and mount namespaces")
+class EventsToSyslogTest(unittest.TestCase):
+    def setUp(self):
+        self.tmp = tempfile.TemporaryDirectory(prefix="sfevents-")
+        self.addCleanup(self.tmp.cleanup)
+        self.root = self.tmp.name
+        self.dev = os.path.join(self.root, "dev")
+        os.makedirs(self.dev)
+        os.makedirs(os.path.join(self.root, "etc"))
+        shutil.copy(os.path.join(SOURCE, "etc", "sf_events.msg"),
+                    os.path.join(self.root, "etc"))
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind(os.path.join(self.dev, "log"))
+        self.sock.settimeout(60)
+        self.addCleanup(self.sock.close)
+        self.env = {k: v for k, v in os.environ.items()
+                    if not k.startswith(("SF", "TAVO", "ESTAT"))}
+        self.env.update(SFROOTDIR=self.root, SFDATDIR=self.root, TAVODATDIR=self.root)
+        self.addCleanup(self.remove_shm)
+
+    def remove_shm(self):
+        base = "estat" + "".join("_" if c in "/:\\" else c for c in self.root)
+        for suffix in ("_shm", "_mx"):
+            try:
+                os.unlink("/dev/shm/" + base + suffix)
+            except FileNotFoundError:
+                pass
+
+    def write(self, rel, text):
+        with open(os.path.join(self.root, rel), "w") as f:
+            f.write(text)
+
+    def config(self, extra):
+        self.write("etc/config.tcl",
+                   "package require msgcat\n"
+                   "source [file join ${sf.rootdir} etc sf_events.msg]\n"
+                   "set sf.log.dir .\nset sf.log.useevorsyslog 1\n" + extra)
+
+    def sfhost(self, *args):
+        return subprocess.Popen(
+            ["unshare", "--mount", "--propagation", "private", "sh", "-c", NAMESPACE_SCRIPT,
+             "sh", self.dev, os.path.realpath(SFHOST), *args],
+            cwd=self.root, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            text=True)
+
+    def receive(self):
+        return self.sock.recv(65536).decode()
+
+    def entry(self, pri, ident, text):
+        # syslog(3): "<PRI>Mmm dd hh:mm:ss IDENT[PID]: TEXT"
+        return re.compile(r"<%d>[A-Z][a-z]{2} [ 0-9][0-9] [0-9:]{8} %s\[[0-9]+\]: %s$"
+                          % (pri, re.escape(ident), re.escape(text)))
+
+    def test_events_from_scripts_and_the_library_are_posted(self):
+        self.config("set sf.servicename proxyA\nset sf.syslog.ident sftest\n")
+        self.write("etc/start.tcl",
+                   "sf_event 02_sf_bind_s 1.2.3.4:80\n"
+                   "sf_event 77_sf_unknown_s x\n"
+                   "sf_log 1 {events sent}\n")
+        p = self.sfhost()
+        try:
+            # Facility 152 (local3) | priority 4 (warning) = 156.
+            self.assertRegex(self.receive(), self.entry(
+                156, "sftest", "proxyA: [2] cannot bind listening address: 1.2.3.4:80 "))
+            self.assertRegex(self.receive(), self.entry(
+                156, "sftest", "proxyA: [77] no translation for 77_sf_unknown_s { x } "))
+        finally:
+            p.send_signal(signal.SIGTERM)
+            out, err = p.communicate(timeout=60)
+        self.assertEqual(p.returncode, 0, err)
+
+    def test_failing_script_posts_its_event_with_the_configured_priority(self):
+        # local0 (128) and error (3).
+        self.config("set sf.syslog.facility 128\nset sf.syslog.prio 3\n")
+        self.write("broken.tcl", "error {no such service}\n")
+        p = self.sfhost("broken.tcl")
+        out, err = p.communicate(timeout=60)
+        self.assertEqual(p.returncode, 2, err)
+        self.assertIn("no such service", err)
+        self.assertRegex(self.receive(), self.entry(
+            131, "qdlsf", "[3] script file failed, see the log for the Tcl error: broken.tcl "))
+
+    def test_nothing_is_posted_when_reporting_is_off(self):
+        self.config("set sf.log.useevorsyslog 0\n")
+        self.write("etc/start.tcl", "sf_event 02_sf_bind_s 1.2.3.4:80\n"
+                                    "sf_log 0 {after the event}\n")
+        p = self.sfhost()
+        log = os.path.join(self.root, "sf.log")
+        try:
+            deadline = time.monotonic() + 60
+            while not (os.path.exists(log) and "after the event" in open(log).read()):
+                self.assertIsNone(p.poll(), "sfhost ended early")
+                self.assertLess(time.monotonic(), deadline, "the start script never ran")
+                time.sleep(0.05)
+            # An event is posted before the script's next line is logged, so
+            # anything posted is already waiting in the socket.
+            self.sock.setblocking(False)
+            with self.assertRaises(BlockingIOError):
+                self.receive()
+        finally:
+            p.send_signal(signal.SIGTERM)
+            p.communicate(timeout=60)
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -1,0 +1,156 @@
+// Script commands for queues, messages and script threads, driven through the
+// interpreter as a configuration script would.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "sf/detail/commands.h"
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace {
+
+void setUp() {
+  static bool done = false;
+  sftest::ensureInterp();
+  if (!done) sf::sfi_registerCommands();
+  done = true;
+}
+
+TEST(QueueCommands, MakeQueueAndForwardTheCurrentMessage) {
+  setUp();
+  sftest::LogCapture log(3);
+  sf::setVarInt("sf.qsize", 3);
+  sf::eval("mkQ cmd-q");
+  sf::MessageQ* q = sf::getQ("cmd-q");
+  ASSERT_NE(q, nullptr);
+  EXPECT_EQ(q->capacity(), 3);
+  EXPECT_THROW(sf::eval("mkQ cmd-q"), sf::Xtcl);
+  EXPECT_TRUE(log.contains("exception mkQ:Xinvalid() thrown at"));
+
+  sf::TransactionContext* ctx = sf::getContext();
+  EXPECT_THROW(sf::eval("enQ cmd-q"), sf::Xtcl);  // no current message
+
+  sf::Message* m = new sf::Message;
+  ctx->message = m;
+  EXPECT_THROW(sf::eval("enQ no-such-queue"), sf::Xtcl);
+  EXPECT_EQ(ctx->message, m);
+  sf::eval("enQ cmd-q");
+  EXPECT_EQ(ctx->message, nullptr);  // the queue owns it now
+
+  // Fill the queue (capacity 3 holds 2): the refused message stays with us.
+  sf::Message* second = new sf::Message;
+  ctx->message = second;
+  sf::eval("enQ cmd-q");
+  sf::Message* third = new sf::Message;
+  ctx->message = third;
+  EXPECT_THROW(sf::eval("enQ cmd-q"), sf::Xtcl);
+  EXPECT_EQ(ctx->message, third);
+  EXPECT_TRUE(log.contains("enQ: queue cmd-q refused the current message"));
+  EXPECT_EQ(q->deQ(), m);
+  EXPECT_EQ(q->deQ(), second);
+  delete m;
+  delete second;
+  sf::setContext(nullptr);  // deletes third with the context
+}
+
+TEST(QueueCommands, EnvironmentDumpAndThreadId) {
+  setUp();
+  sf::setContext(nullptr);
+  EXPECT_THROW(sf::eval("sfenv HttpRequestURL"), sf::Xtcl);  // no current message
+  EXPECT_THROW(sf::eval("sf_dumpMsg"), sf::Xtcl);
+
+  sf::Message* m = new sf::Message;
+  m->setenv("HttpRequestURL", "/index.html");
+  m->data = new sf::Buffer;
+  m->data->append("AB");
+  sf::getContext()->message = m;
+  EXPECT_EQ(sf::eval("sfenv HttpRequestURL"), "/index.html");
+  EXPECT_EQ(sf::eval("sfenv Missing"), "");
+  testing::internal::CaptureStderr();
+  sf::eval("sf_dumpMsg");
+  std::string dumped = testing::internal::GetCapturedStderr();
+  EXPECT_NE(dumped.find("41 42"), std::string::npos) << dumped;
+  sf::setContext(nullptr);
+
+  EXPECT_EQ(sf::eval("sfThreadId"), std::to_string(sf::getThreadId()));
+  EXPECT_EQ(sf::eval("status"), "");
+}
+
+std::atomic<int> g_calls{0};
+std::string g_args;
+
+// A script thread procedure: records how it was called and serves for ever,
+// as thread procedures do.
+int parkedProc(int argc, const char** argv) {
+  for (int i = 0; i < argc; ++i) g_args += std::string(argv[i]) + "|";
+  ++g_calls;
+  for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
+}
+
+TEST(ScriptThreads, SpinThreadCallsTheProcedureAndStatusListsIt) {
+  setUp();
+  sf::exportProc("parkedProc", parkedProc);
+  sf::eval("spinThread parkedProc alpha {two words}");
+  for (int i = 0; i < 1000 && g_calls.load() == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_EQ(g_calls.load(), 1);
+  EXPECT_EQ(g_args, "parkedProc|alpha|two words|");
+  std::string status = sf::eval("status");
+  EXPECT_NE(status.find("{parkedProc} {alpha} {two words}"), std::string::npos) << status;
+  EXPECT_EQ(status.front(), '{');
+}
+
+TEST(ScriptThreads, DummyWorkerRunsItsScriptWithTheMessageInContext) {
+  setUp();
+  sf::setVarInt("sf.qsize", 10);
+  sf::eval("mkQ dummy-q");
+  sf::eval("spinThread dummyWorker dummy-q {set ::seen [sfenv who]}");
+  sf::Message* m = new sf::Message;
+  m->setenv("who", "timer");
+  sf::getQ("dummy-q")->enQ(m);
+  std::string seen;
+  for (int i = 0; i < 1000 && seen.empty(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    seen = sf::getVarStr("seen", "");
+  }
+  EXPECT_EQ(seen, "timer");
+  EXPECT_THROW(sf::eval("dummyWorker no-such-queue"), sf::Xtcl);
+}
+
+TEST(ScriptThreads, UnknownProcedureEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // The fatal exit writes a dump file in the working directory: the parent
+  // makes a directory for it and the child (which runs this test again)
+  // finds it in the environment.
+  std::unique_ptr<sftest::TempDir> dir;
+  if (!std::getenv("SF_TEST_DUMP_DIR")) {
+    dir = std::make_unique<sftest::TempDir>();
+    setenv("SF_TEST_DUMP_DIR", dir->str().c_str(), 1);
+  }
+  EXPECT_EXIT(
+      {
+        std::filesystem::current_path(std::getenv("SF_TEST_DUMP_DIR"));
+        setUp();
+        sf::sfi_logToStderr();
+        sf::sfi_setLogLevel(1);
+        sf::eval("spinThread noSuchProc x");
+        std::this_thread::sleep_for(std::chrono::seconds(30));
+        std::_Exit(0);
+      },
+      ::testing::ExitedWithCode(3), "exported thread proc not found: \\{noSuchProc\\} \\{x\\}");
+  unsetenv("SF_TEST_DUMP_DIR");
+  bool dumped = false;
+  for (const auto& entry : std::filesystem::directory_iterator(dir->path()))
+    dumped = sftest::readFile(entry.path()).find("thread exiting, out of configuration") !=
+             std::string::npos;
+  EXPECT_TRUE(dumped);
+}
+
+}  // namespace

@@ -1,0 +1,216 @@
+// Message queues: the one-empty-slot ring, refusal of a full queue, FIFO order
+// under many producers and consumers, the registry, and quiescing.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace {
+
+// A message that says who made it and in which order.
+sf::Message* tagged(int producer, int seq) {
+  sf::Message* m = new sf::Message;
+  m->createdAt = producer;
+  m->processedAt = seq;
+  return m;
+}
+
+TEST(MessageQ, RingKeepsOneSlotEmptyAndRefusesWhenFull) {
+  sftest::LogCapture log(5);
+  sf::MessageQ q(3, "three");
+  sf::Message a, b, c;
+  EXPECT_EQ(q.enQ(&a), 0);
+  EXPECT_EQ(q.enQ(&b), 0);
+  EXPECT_NE(a.enqueuedAt, 0);
+  EXPECT_THROW(q.enQ(&c), sf::Xstate);
+  EXPECT_TRUE(log.contains("enQfull three"));
+  EXPECT_TRUE(log.contains("exception enQ:Xstate() thrown at"));
+  EXPECT_EQ(q.size(), 2);
+
+  // Order survives the ring wrapping round many times.
+  EXPECT_EQ(q.deQ(), &a);
+  EXPECT_EQ(q.deQ(), &b);
+  sf::Message ms[20];
+  for (int i = 0; i < 20; i += 2) {
+    q.enQ(&ms[i]);
+    q.enQ(&ms[i + 1]);
+    EXPECT_THROW(q.enQ(&c), sf::Xstate);
+    EXPECT_EQ(q.deQ(), &ms[i]);
+    EXPECT_EQ(q.deQ(), &ms[i + 1]);
+  }
+  EXPECT_EQ(q.size(), 0);
+}
+
+TEST(MessageQ, TinyAndUnusableCapacities) {
+  sf::MessageQ one(1, "one");
+  sf::Message m;
+  EXPECT_THROW(one.enQ(&m), sf::Xstate);
+  EXPECT_THROW(one.enQ(&m), sf::Xstate);
+  EXPECT_EQ(one.size(), 0);
+
+  sftest::LogCapture log(3);
+  EXPECT_THROW(sf::MessageQ(0, "zero"), sf::Xinvalid);
+  EXPECT_THROW(sf::MessageQ(-5, "negative"), sf::Xinvalid);
+  EXPECT_TRUE(log.contains("capacity 0 is not usable"));
+}
+
+TEST(MessageQ, DeQWaitsForAMessage) {
+  sf::MessageQ q(4, "wait");
+  std::atomic<sf::Message*> got{nullptr};
+  std::thread consumer([&] { got = q.deQ(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(got.load(), nullptr);  // nothing queued yet: still waiting
+  sf::Message m;
+  q.enQ(&m);
+  consumer.join();
+  EXPECT_EQ(got.load(), &m);
+  EXPECT_NE(m.dequeuedAt, 0);
+}
+
+// Producers retry on a full queue; consumers check that each producer's
+// messages reach them in the order they were made (a FIFO queue cannot
+// reorder two messages of one producer, whoever takes them).
+void runProducersConsumers(int producers, int consumers, int perProducer, int capacity) {
+  sf::MessageQ q(capacity, "load");
+  std::atomic<long> refused{0};
+  std::vector<std::thread> threads;
+  std::vector<std::vector<int>> seen(consumers, std::vector<int>(producers, -1));
+  std::vector<std::vector<int>> received(producers, std::vector<int>(perProducer, 0));
+  std::atomic<bool> orderBroken{false};
+  std::mutex receivedLock;
+
+  for (int c = 0; c < consumers; ++c) {
+    threads.emplace_back([&, c] {
+      for (;;) {
+        sf::Message* m = q.deQ();
+        if (m->createdAt < 0) {  // stop token
+          delete m;
+          return;
+        }
+        int p = static_cast<int>(m->createdAt), s = static_cast<int>(m->processedAt);
+        if (s <= seen[c][p]) orderBroken = true;
+        seen[c][p] = s;
+        {
+          std::lock_guard<std::mutex> g(receivedLock);
+          received[p][s]++;
+        }
+        delete m;
+      }
+    });
+  }
+  std::vector<std::thread> makers;
+  for (int p = 0; p < producers; ++p) {
+    makers.emplace_back([&, p] {
+      for (int s = 0; s < perProducer; ++s) {
+        sf::Message* m = tagged(p, s);
+        for (;;) {
+          try {
+            q.enQ(m);
+            break;
+          } catch (const sf::Xstate&) {
+            ++refused;  // the message stays ours: offer it again
+            std::this_thread::yield();
+          }
+        }
+      }
+    });
+  }
+  for (auto& t : makers) t.join();
+  for (int c = 0; c < consumers; ++c) {
+    sf::Message* stop = tagged(-1, 0);
+    while (true) {
+      try {
+        q.enQ(stop);
+        break;
+      } catch (const sf::Xstate&) {
+        std::this_thread::yield();
+      }
+    }
+  }
+  for (auto& t : threads) t.join();
+
+  EXPECT_FALSE(orderBroken);
+  for (int p = 0; p < producers; ++p)
+    for (int s = 0; s < perProducer; ++s) ASSERT_EQ(received[p][s], 1) << p << "/" << s;
+  EXPECT_EQ(q.size(), 0);
+}
+
+TEST(MessageQ, FifoUnderManyProducersAndConsumers) {
+  runProducersConsumers(1, 1, 20000, 4);
+  runProducersConsumers(4, 1, 5000, 8);
+  runProducersConsumers(4, 4, 5000, 3);
+  runProducersConsumers(3, 5, 3000, 100);
+}
+
+TEST(MessageQ, RegistryMakesQueuesFromConfiguration) {
+  sftest::ensureInterp();
+  sftest::LogCapture log(3);
+  sf::setVarInt("sf.qsize", 5);
+  sf::MessageQ* five = sf::mkQ("reg-five");
+  sf::setVarInt("sf.qsize", 2);
+  sf::MessageQ* two = sf::mkQ("reg-two");
+  EXPECT_EQ(five->capacity(), 5);
+  EXPECT_EQ(two->capacity(), 2);
+  EXPECT_EQ(sf::getQ("reg-five"), five);
+  EXPECT_STREQ(sf::getQ("reg-two")->name(), "reg-two");
+  EXPECT_TRUE(log.contains("mkQ: created queue reg-two"));
+
+  EXPECT_EQ(sf::getQ("reg-none"), nullptr);
+  EXPECT_TRUE(log.contains("getQ: queue reg-none not found"));
+  EXPECT_THROW(sf::mkQ("reg-five"), sf::Xinvalid);
+  EXPECT_EQ(sf::getQ("reg-five"), five);
+
+  sf::setVarInt("sf.qsize", 0);
+  EXPECT_THROW(sf::mkQ("reg-zero"), sf::Xinvalid);
+  EXPECT_EQ(sf::getQ("reg-zero"), nullptr);
+  sf::setVarStr("sf.qsize", "lots");
+  EXPECT_THROW(sf::mkQ("reg-text"), sf::Xtcl);
+  sf::setVarInt("sf.qsize", 100);
+}
+
+// Quiescing is for good, so it runs in a child process. The child exits with
+// the number of the first check that failed, 0 when all passed.
+int quiesceChild() {
+  sftest::ensureInterp();
+  sf::setVarInt("sf.qsize", 50);
+  sf::MessageQ* busy = sf::mkQ("q-busy");
+  sf::mkQ("q-idle");
+  for (int i = 0; i < 40; ++i) busy->enQ(tagged(0, i));
+
+  std::atomic<int> drained{0};
+  std::thread consumer([&] {
+    for (;;) {
+      delete busy->deQ();
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      ++drained;
+    }
+  });
+  consumer.detach();
+  sf::MessageQ::quiesceAll();
+  if (busy->size() != 0) return 1;
+  if (drained.load() < 39) return 2;  // the last deQ may still be finishing
+  if (!sf::MessageQ::quiescing()) return 3;
+
+  sf::Message late;
+  try {
+    sf::getQ("q-idle")->enQ(&late);
+    return 4;
+  } catch (const sf::Xstate&) {
+  }
+  if (late.enqueuedAt != 0) return 5;  // refused before being touched
+  sf::MessageQ::quiesceAll();          // again: nothing left to wait for
+  return 0;
+}
+
+TEST(MessageQ, QuiesceRefusesNewWorkAndWaitsForDrain) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(std::_Exit(quiesceChild()), ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace

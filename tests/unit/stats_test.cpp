@@ -1,0 +1,267 @@
+// The shared statistics block: its names, sharing between real processes,
+// the cross-process lock around the log file, and recovery of a lock whose
+// holder was killed.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <future>
+#include <map>
+#include <regex>
+#include <thread>
+
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace fs = std::filesystem;
+using sftest::TempDir;
+
+namespace {
+
+// Gives this test process a block of its own (named after a fresh temporary
+// directory) and removes the names when the process ends.
+struct OwnBlock {
+  TempDir dir;
+  OwnBlock() {
+    setenv("TAVO_WIN_MEM_GLOBAL", "OFF", 1);
+    setenv("TAVODATDIR", dir.str().c_str(), 1);
+  }
+  ~OwnBlock() {
+    fs::remove("/dev/shm/" + sf::statsBlockName());
+    fs::remove("/dev/shm/" + sf::statsMutexName());
+  }
+};
+
+OwnBlock& ownBlock() {
+  static OwnBlock block;
+  return block;
+}
+
+// Runs fn in a forked child; returns its wait status.
+template <typename Fn>
+pid_t forkChild(Fn fn) {
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    fn();
+    _exit(0);
+  }
+  return pid;
+}
+
+int waitChild(pid_t pid) {
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return status;
+}
+
+// Started by the sharing test as a separate program on the same block (the
+// environment names it): attaches, checks what the first process left,
+// writes one byte and exits before any test runs.
+int secondProcess() {
+  if (sf::sfi_attachStats() != 0 || sf::statsCreatedBlock()) return 1;
+  unsigned char* block = static_cast<unsigned char*>(sf::statsBlock());
+  if (block[0] != 42) return 2;
+  if (strcmp(reinterpret_cast<char*>(block + sf::kStatsSecondRegion), "left by the first") != 0)
+    return 3;
+  block[1] = 7;
+  return 0;
+}
+const bool kRunAsSecondProcess = [] {
+  if (getenv("SF_STATS_SECOND_PROCESS")) _exit(secondProcess());
+  return false;
+}();
+
+}  // namespace
+
+TEST(StatsNames, FollowTheEnvironment) {
+  setenv("TAVO_WIN_MEM_GLOBAL", "OFF", 1);
+  setenv("TAVODATDIR", "C:/data", 1);
+  EXPECT_EQ(sf::statsBlockName(), "estatC__data_shm");
+  EXPECT_EQ(sf::statsMutexName(), "estatC__data_mx");
+
+  setenv("TAVODATDIR", "D:\\tavo\\inst1", 1);
+  setenv("TAVO_WIN_MEM_GLOBAL", "off", 1);  // only exactly OFF leaves the global space
+  EXPECT_EQ(sf::statsBlockName(), "Global\\estatD__tavo_inst1_shm");
+  unsetenv("TAVO_WIN_MEM_GLOBAL");
+  unsetenv("TAVODATDIR");
+  EXPECT_EQ(sf::statsBlockName(), "Global\\estat_shm");
+  EXPECT_EQ(sf::statsMutexName(), "Global\\estat_mx");
+
+  // 255 characters at most, and the two names stay distinct.
+  setenv("TAVODATDIR", std::string(400, 'x').c_str(), 1);
+  std::string block = sf::statsBlockName(), mutex = sf::statsMutexName();
+  EXPECT_EQ(block.size(), 255u);
+  EXPECT_EQ(block.substr(block.size() - 4), "_shm");
+  EXPECT_EQ(mutex.substr(mutex.size() - 3), "_mx");
+  EXPECT_EQ(block.substr(0, 251), mutex.substr(0, 251));
+  unsetenv("TAVODATDIR");
+}
+
+TEST(StatsBlock, CreatorZeroesItAndASecondProcessFindsItAsLeft) {
+  OwnBlock& own = ownBlock();
+  fs::path estat = own.dir.path() / "estat.log";
+  setenv("ESTAT_LOG", estat.c_str(), 1);
+  sf::StatDescriptor early{"host_op", sf::STAT_TIMER, 9, 0, "registered by the host first"};
+  ASSERT_TRUE(sf::registerStatDescriptor(early));
+
+  ASSERT_EQ(sf::sfi_attachStats(), 0);
+  EXPECT_EQ(sf::sfi_attachStats(), 0) << "a second attach returns the first result";
+  ASSERT_TRUE(sf::statsAttached());
+  EXPECT_TRUE(sf::statsCreatedBlock());
+  unsigned char* block = static_cast<unsigned char*>(sf::statsBlock());
+  for (size_t i = 0; i < sf::kStatsBlockSize; ++i) ASSERT_EQ(block[i], 0) << "byte " << i;
+
+  fs::perms perms = fs::status("/dev/shm/" + sf::statsBlockName()).permissions();
+  EXPECT_EQ(perms & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write |
+                                        fs::perms::group_read | fs::perms::group_write);
+  EXPECT_EQ(fs::status("/dev/shm/" + sf::statsMutexName()).permissions() & fs::perms::others_all,
+            fs::perms::none);
+
+  // The host's row stays first; the library's rows follow.
+  int timers = 0, counts = 0;
+  const sf::StatDescriptor* t = sf::statDescriptors(sf::STAT_TIMER, &timers);
+  sf::statDescriptors(sf::STAT_COUNT, &counts);
+  EXPECT_EQ(timers, 1 + 59);
+  EXPECT_EQ(counts, 56);
+  EXPECT_STREQ(t[0].name, "host_op");
+  for (int i = 1; i < timers; ++i) EXPECT_EQ(t[i].kind, sf::STAT_TIMER);
+
+  // Counters written here are seen, and kept, by another process.
+  strcpy(reinterpret_cast<char*>(block + sf::kStatsSecondRegion), "left by the first");
+  block[0] = 42;
+  pid_t child = forkChild([] {
+    // A fresh attachment in the child: its own mapping of the same block.
+    setenv("SF_STATS_SECOND_PROCESS", "1", 1);
+    std::string self = fs::read_symlink("/proc/self/exe").string();
+    execl(self.c_str(), self.c_str(), static_cast<char*>(nullptr));
+    _exit(99);
+  });
+  int status = waitChild(child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "the second process did not see the block as left";
+  EXPECT_EQ(block[1], 7) << "the second process's write is not seen here";
+  EXPECT_EQ(block[0], 42);
+
+  std::string notes = sftest::readFile(estat);
+  EXPECT_NE(notes.find("(created)"), std::string::npos) << notes;
+  EXPECT_NE(notes.find("(existing)"), std::string::npos) << notes;
+  unsetenv("ESTAT_LOG");
+}
+
+TEST(StatsBlock, LockOfAKilledHolderIsTakenOver) {
+  ownBlock();
+  ASSERT_EQ(sf::sfi_attachStats(), 0);
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  pid_t holder = forkChild([&] {
+    sf::lockStats();
+    sf::lockStats();  // recursive, like the named mutex it stands for
+    char c = 'x';
+    (void)!write(ready[1], &c, 1);
+    for (;;) pause();
+  });
+  char c;
+  ASSERT_EQ(read(ready[0], &c, 1), 1);
+
+  std::promise<void> locked;
+  std::thread waiter([&] {
+    sf::lockStats();
+    locked.set_value();
+  });
+  // The holder keeps the lock until it is killed.
+  EXPECT_EQ(locked.get_future().wait_for(std::chrono::milliseconds(200)),
+            std::future_status::timeout);
+  kill(holder, SIGKILL);
+  EXPECT_TRUE(WIFSIGNALED(waitChild(holder)));
+  auto done = std::async(std::launch::async, [&] { waiter.join(); });
+  if (done.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+    ADD_FAILURE() << "the lock of a killed holder was never released";
+    _exit(1);
+  }
+  sf::unlockStats();
+  // And it still serialises: another process gets it after us.
+  sf::lockStats();
+  sf::unlockStats();
+  EXPECT_EQ(WEXITSTATUS(waitChild(forkChild([] {
+              sf::lockStats();
+              sf::unlockStats();
+            }))),
+            0);
+  close(ready[0]);
+  close(ready[1]);
+}
+
+TEST(StatsBlock, TwoProcessesWriteAndRotateOneLogWithoutLosingALine) {
+  OwnBlock& own = ownBlock();
+  fs::path logs = own.dir.path() / "logs";
+  fs::create_directories(logs);
+  sftest::ensureInterp();
+  sf::setVarStr("sf.log.dir", logs.c_str());
+  sf::setVarInt("sf.log.filemax", 4);     // KiB: rotates every ~40 lines
+  sf::setVarInt("sf.log.numfiles", 400);  // keeps every line of this test
+  sf::setVarInt("sf.log.level", 1);
+  unsetenv("SF_DBG");
+  sf::sfi_logInit();
+  ASSERT_EQ(sf::sfi_attachStats(), 0);
+
+  const int kLines = 2000;
+  auto writer = [&](char who) {
+    return [=] {
+      std::string pad(40 + (who - 'A') * 17, who);
+      for (int i = 0; i < kLines; ++i) {
+        std::string msg = sf::sfi_fmtlog("writer %c line %d %s", who, i, pad.c_str());
+        sf::sfi_log(1, 0, msg.c_str(), "w.cpp", i, 0);
+      }
+    };
+  };
+  pid_t a = forkChild(writer('A'));
+  pid_t b = forkChild(writer('B'));
+  EXPECT_EQ(waitChild(a), 0);
+  EXPECT_EQ(waitChild(b), 0);
+
+  std::regex line(
+      "[0-9]{4}-[0-9]{2}-[0-9]{2}\\.[0-9]{2}:[0-9]{2}:[0-9]{2} \\[[0-9]{5,}\\.[0-9]{4,}/1\\]; "
+      "[0-9]+\\.000000 \\(0\\) writer ([AB]) line ([0-9]+) ([AB]+) @ w\\.cpp:([0-9]+)");
+  std::map<std::string, int> seen;
+  int files = 0, torn = 0;
+  for (const auto& e : fs::directory_iterator(logs)) {
+    ++files;
+    std::string text = sftest::readFile(e.path());
+    size_t start = 0;
+    while (start < text.size()) {
+      size_t end = text.find('\n', start);
+      ASSERT_NE(end, std::string::npos) << "unterminated line in " << e.path();
+      std::string l = text.substr(start, end - start);
+      start = end + 1;
+      std::smatch m;
+      if (!std::regex_match(l, m, line) || m[2] != m[4] ||
+          m[3].str() != std::string(40 + (m[1].str()[0] - 'A') * 17, m[1].str()[0])) {
+        ++torn;
+        continue;
+      }
+      ++seen[m[1].str() + m[2].str()];
+    }
+  }
+  EXPECT_EQ(torn, 0);
+  EXPECT_GT(files, 20) << "the log did not rotate";
+  int missing = 0, doubled = 0;
+  for (char who : {'A', 'B'}) {
+    for (int i = 0; i < kLines; ++i) {
+      auto it = seen.find(std::string(1, who) + std::to_string(i));
+      if (it == seen.end()) {
+        ++missing;
+      } else if (it->second != 1) {
+        ++doubled;
+      }
+    }
+  }
+  EXPECT_EQ(missing, 0);
+  EXPECT_EQ(doubled, 0);
+}

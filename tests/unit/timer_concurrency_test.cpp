@@ -1,0 +1,223 @@
+// Timers: firing order, cancellation against firing, periodic re-arming, the
+// script commands, and what happens when a queue refuses a due message.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace {
+
+std::atomic<int> g_destroyed{0};
+
+// Counts its own destruction, so a test can tell cancelled messages (deleted
+// by rmTimeout) from delivered ones.
+struct Counted : sf::Message {
+  int tag;
+  explicit Counted(int t) : tag(t) {}
+  ~Counted() override { ++g_destroyed; }
+};
+
+void setUp() {
+  sftest::ensureInterp();
+  sf::initTimer();
+}
+
+TEST(Timer, TimeoutIdReadsTheWayCallersExpect) {
+  setUp();
+  sf::TimeoutId none;
+  EXPECT_TRUE(none.isNull());
+  EXPECT_FALSE(!none);  // operator! is true only for a live id
+  sf::MessageQ q(4, "tid");
+  sf::TimeoutId id = sf::mkTimeout_rel(3600, 0, &q, new sf::Message);
+  EXPECT_FALSE(id.isNull());
+  EXPECT_TRUE(!id);
+  sf::TimeoutId next = sf::mkTimeout_rel(3600, 0, &q, new sf::Message);
+  EXPECT_EQ(next.id, id.id + 1);
+  sf::rmTimeout(id);
+  sf::rmTimeout(next);
+}
+
+TEST(Timer, FiresInExpiryOrderAndEqualDelaysInMakingOrder) {
+  setUp();
+  sftest::LogCapture log(4);
+  sf::MessageQ q(64, "order");
+  // Made latest-first: the list must sort them by expiry.
+  for (int i = 5; i >= 1; --i) sf::mkTimeout_rel(0, i * 40000, &q, new Counted(100 + i));
+  // Same delay, made one after the other: they fire in making order.
+  for (int i = 0; i < 10; ++i) sf::mkTimeout_rel(0, 300000, &q, new Counted(i));
+  // Zero delay still goes through the timer thread, and fires first.
+  sf::mkTimeout_rel(0, 0, &q, new Counted(-1));
+
+  std::vector<int> order;
+  for (int i = 0; i < 16; ++i) {
+    sf::Message* m = q.deQ();
+    EXPECT_TRUE(m->isTimeout);
+    order.push_back(static_cast<Counted*>(m)->tag);
+    delete m;
+  }
+  std::vector<int> expected{-1, 101, 102, 103, 104, 105, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+  EXPECT_EQ(order, expected);
+  EXPECT_TRUE(log.contains("mkTimeout_gen(): inserted timeout"));
+  EXPECT_TRUE(log.contains("appended timeout"));
+  EXPECT_TRUE(log.contains("due, popping front of queue"));
+}
+
+TEST(Timer, MicrosecondsAreNotCarriedIntoSeconds) {
+  setUp();
+  sf::MessageQ q(8, "carry");
+  // 0 s + 1 500 000 us stays in the current second's field: it compares as
+  // earlier than any later second, so it fires before a timer of 1 s + 0 us
+  // made after it. Carried, it would fire half a second after that one.
+  sf::mkTimeout_rel(0, 1500000, &q, new Counted(1));
+  sf::mkTimeout_rel(1, 0, &q, new Counted(2));
+  sf::Message* a = q.deQ();
+  sf::Message* b = q.deQ();
+  EXPECT_EQ(static_cast<Counted*>(a)->tag, 1);
+  EXPECT_EQ(static_cast<Counted*>(b)->tag, 2);
+  delete a;
+  delete b;
+}
+
+TEST(Timer, CancellingRacesFiringWithoutLosingOrDoublingAMessage) {
+  setUp();
+  g_destroyed = 0;
+  const int threads = 4, perThread = 400;
+  sf::MessageQ q(threads * perThread + 1, "race");
+  std::atomic<int> delivered{0};
+  std::atomic<bool> stop{false};
+  std::thread consumer([&] {
+    while (!stop) {
+      sf::Message* m = q.deQ();
+      if (!m) continue;
+      ++delivered;
+      delete m;
+    }
+  });
+
+  std::vector<std::thread> makers;
+  for (int t = 0; t < threads; ++t) {
+    makers.emplace_back([&, t] {
+      std::vector<sf::TimeoutId> ids;
+      for (int i = 0; i < perThread; ++i) {
+        // Delays from 0 to 3 ms, so that many fire while others are cancelled.
+        ids.push_back(sf::mkTimeout_rel(0, (i % 4) * 1000, &q, new Counted(t * perThread + i)));
+        if (i % 3 == 0) sf::rmTimeout(ids[ids.size() / 2]);
+      }
+      for (size_t i = 0; i < ids.size(); i += 2) sf::rmTimeout(ids[i]);
+    });
+  }
+  for (auto& m : makers) m.join();
+  // Whatever was not cancelled is delivered; wait until every message is
+  // accounted for, one way or the other.
+  const int total = threads * perThread;
+  for (int i = 0; i < 3000 && g_destroyed.load() < total; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  stop = true;
+  q.enQ(nullptr);  // wake the consumer
+  consumer.join();
+  EXPECT_EQ(g_destroyed.load(), total);
+  EXPECT_GT(delivered.load(), 0);
+  EXPECT_LT(delivered.load(), total);
+}
+
+TEST(Timer, RemovingAPendingTimerDeletesItsMessageAndAFiredOneIsLeftAlone) {
+  setUp();
+  g_destroyed = 0;
+  sftest::LogCapture log(4);
+  sf::MessageQ q(4, "rm");
+  sf::TimeoutId pending = sf::mkTimeout_rel(3600, 0, &q, new Counted(1));
+  sf::rmTimeout(pending);
+  EXPECT_EQ(g_destroyed.load(), 1);
+  EXPECT_TRUE(log.contains("removed timeout " + std::to_string(pending.id)));
+
+  sf::TimeoutId fired = sf::mkTimeout_rel(0, 0, &q, new Counted(2));
+  sf::Message* m = q.deQ();
+  sf::rmTimeout(fired);
+  EXPECT_EQ(g_destroyed.load(), 1);  // the queue handed it to us; it is ours
+  EXPECT_TRUE(log.contains("rmTimeout " + std::to_string(fired.id) +
+                           ", timeout not found...expired simultaneously?"));
+  delete m;
+  sf::rmTimeout(sf::TimeoutId(999999));
+  EXPECT_TRUE(log.contains("rmTimeout 999999, timeout not found"));
+}
+
+TEST(Timer, PeriodicTimerPostsTheSameMessageUnderNewIds) {
+  setUp();
+  sftest::LogCapture log(4);
+  sf::MessageQ q(16, "periodic");
+  Counted* msg = new Counted(7);
+  sf::TimeoutId first = sf::mkTimeout_per(0, 100000, &q, msg);
+  for (int i = 0; i < 3; ++i) {
+    sf::Message* m = q.deQ();
+    EXPECT_EQ(m, msg);
+    EXPECT_TRUE(m->keep);
+    EXPECT_TRUE(m->isTimeout);
+  }
+  // Re-armed under a new id at every firing: the first id is gone.
+  sf::rmTimeout(first);
+  EXPECT_TRUE(log.contains("rmTimeout " + std::to_string(first.id) + ", timeout not found"));
+  EXPECT_EQ(q.deQ(), msg);  // and the timer goes on
+
+  // Each firing made the next id, so the live timer has the highest id
+  // given out so far. Cancel it; if it fires first, try the next one.
+  g_destroyed = 0;
+  std::uint32_t id = first.id + 1;
+  for (;; ++id) {
+    log.clear();
+    sf::rmTimeout(sf::TimeoutId(id));
+    if (log.contains("removed timeout " + std::to_string(id))) break;
+    if (!log.contains("not found")) FAIL() << "neither removed nor missing";
+    while (q.size() > 0) q.deQ();  // copies posted meanwhile
+  }
+  EXPECT_EQ(g_destroyed.load(), 1);
+  // Copies posted before the cancel point at the deleted message: drop them.
+  while (q.size() > 0) q.deQ();
+}
+
+TEST(Timer, RefusedDueMessageIsLoggedAndDeleted) {
+  setUp();
+  g_destroyed = 0;
+  sftest::LogCapture log(1);
+  sf::MessageQ full(2, "refusing");
+  sf::Message occupant;
+  full.enQ(&occupant);
+  sf::mkTimeout_rel(0, 0, &full, new Counted(1));
+  sf::mkTimeout_rel(0, 0, nullptr, new Counted(2));
+  for (int i = 0; i < 500 && g_destroyed.load() < 2; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(g_destroyed.load(), 2);
+  EXPECT_TRUE(log.contains("queue refusing refused message"));
+  EXPECT_TRUE(log.contains("has no queue, message dropped"));
+  EXPECT_EQ(full.deQ(), &occupant);
+}
+
+TEST(Timer, ScriptCommandsArmAndCancel) {
+  setUp();
+  sftest::LogCapture log(4);
+  sf::setVarInt("sf.qsize", 8);
+  sf::MessageQ* q = sf::mkQ("tmr-script");
+  testing::internal::CaptureStdout();
+  sf::eval("sf_mkTmr tmr-script 0 1000");
+  sf::eval("sf_mkTmr tmr-script 3600");
+  std::string out = testing::internal::GetCapturedStdout();
+  unsigned first = 0, second = 0;
+  ASSERT_EQ(sscanf(out.c_str(), "queued timer %u\nqueued timer %u\n", &first, &second), 2) << out;
+  EXPECT_EQ(second, first + 1);
+  sf::Message* m = q->deQ();
+  ASSERT_NE(m->data, nullptr);
+  EXPECT_EQ(m->data->size(), 0u);
+  delete m;
+  sf::eval(("sf_rmTmr " + std::to_string(second)).c_str());
+  EXPECT_TRUE(log.contains("removed timeout " + std::to_string(second)));
+  EXPECT_THROW(sf::eval("sf_mkTmr tmr-script"), sf::Xtcl);
+}
+
+}  // namespace

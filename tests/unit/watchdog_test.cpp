@@ -1,0 +1,124 @@
+// The watchdog, each case in a child process: the watchdog thread and its
+// queue are made once per process, and a firing ends the process.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <thread>
+
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace {
+
+void startWith(int timeoutSeconds) {
+  sftest::ensureInterp();
+  sf::setVarInt("sf.watchdog", timeoutSeconds);
+  sf::initTimer();
+  sf::watchdog_init();
+}
+
+TEST(Watchdog, ExpiryDumpsAndExitsWithStatusOne) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // The child runs this test again from the start: the parent tells it where
+  // to dump through the environment.
+  std::unique_ptr<sftest::TempDir> dir;
+  if (!std::getenv("SF_TEST_DUMP_DIR")) {
+    dir = std::make_unique<sftest::TempDir>();
+    setenv("SF_TEST_DUMP_DIR", dir->str().c_str(), 1);
+  }
+  EXPECT_EXIT(
+      {
+        std::filesystem::current_path(std::getenv("SF_TEST_DUMP_DIR"));
+        startWith(1);
+        sf::watchdog_set();
+        // Hang holding the interpreter lock, as a stuck script would: the
+        // watchdog must end the process all the same.
+        sf::sfi_tclLock().lock();
+        std::this_thread::sleep_for(std::chrono::seconds(60));
+        std::_Exit(0);
+      },
+      ::testing::ExitedWithCode(1), "");
+  unsetenv("SF_TEST_DUMP_DIR");
+  int dumps = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir->path())) {
+    ASSERT_EQ(entry.path().filename().string().rfind("dump_", 0), 0u);
+    std::string text = sftest::readFile(entry.path());
+    EXPECT_NE(text.find("Reason for dump: watchdog shutdown"), std::string::npos) << text;
+    ++dumps;
+  }
+  EXPECT_EQ(dumps, 1);
+}
+
+// Exit codes: 0 all well, else the number of the failed check.
+int keptAliveChild() {
+  startWith(2);
+  sf::watchdog_set();
+  // Five seconds of work, proving progress every tenth of a second: far
+  // longer than the time-out, far more often than needed.
+  for (int i = 0; i < 50; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    sf::watchdog_ok();
+  }
+  if (!sf::getContext()->watchdog) return 1;
+  sf::watchdog_clr();
+  if (sf::getContext()->watchdog) return 2;
+  std::this_thread::sleep_for(std::chrono::seconds(3));  // cleared: nothing fires
+  return 0;
+}
+
+TEST(Watchdog, ProgressReportsKeepALongTaskAlive) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(std::_Exit(keptAliveChild()), ::testing::ExitedWithCode(0), "");
+}
+
+int armingTwiceChild() {
+  sftest::LogCapture log(8);
+  startWith(300);
+  sf::watchdog_set();
+  sf::TimeoutId* first = sf::getContext()->watchdog;
+  if (!first || first->isNull()) return 1;
+  std::uint32_t id = first->id;
+  sf::watchdog_set();
+  if (sf::getContext()->watchdog != first || first->id != id) return 2;
+  int complaints = 0;
+  for (const auto& r : log.records())
+    if (r.msg == "attempted to set watchdog when already set") {
+      if (r.level != 0 || r.code != 1) return 3;
+      ++complaints;
+    }
+  if (complaints != 1) return 4;
+  sf::watchdog_clr();
+  if (!log.contains("watchdog cleared") || !log.contains("removed timeout " + std::to_string(id)))
+    return 5;
+  sf::watchdog_clr();  // nothing armed: nothing happens
+  return 0;
+}
+
+TEST(Watchdog, ArmingTwiceKeepsTheFirstDeadline) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(std::_Exit(armingTwiceChild()), ::testing::ExitedWithCode(0), "");
+}
+
+int disabledChild() {
+  sftest::LogCapture log(8);
+  startWith(0);
+  if (!log.contains("not starting watchdog thread, timeout is 0.")) return 1;
+  sf::watchdog_set();
+  if (sf::getContext()->watchdog) return 2;
+  // Turned on after start-up: still off, there is no watchdog thread.
+  sf::setVarInt("sf.watchdog", 1);
+  sf::watchdog_set();
+  if (sf::getContext()->watchdog) return 3;
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  return 0;
+}
+
+TEST(Watchdog, ZeroTimeoutAtStartUpDisablesIt) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(std::_Exit(disabledChild()), ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace

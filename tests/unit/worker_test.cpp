@@ -1,0 +1,314 @@
+// Messages, contexts and the worker's handling of each message: processing,
+// the three reject paths, close notices, reservation and disposal. The
+// connections are real loopback sockets with a recording adaptor on top.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sf/detail/net.h"
+#include "sf/platform/socket.h"
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace pf = sf::platform;
+
+namespace {
+
+std::atomic<int> g_destroyed{0};
+
+struct Counted : sf::Message {
+  ~Counted() override { ++g_destroyed; }
+};
+
+// What the adaptor on top of a test connection was asked to do.
+struct Calls {
+  std::vector<std::string> written;
+  std::vector<std::string> replyRejects;
+  int defaultRejects = 0;
+  bool throwOnReject = false;
+};
+
+class RecordingAdaptor : public sf::Adaptor {
+ public:
+  explicit RecordingAdaptor(Calls* calls) : calls_(calls) {}
+  void write(sf::Connection*, const sf::Buffer& buf) override {
+    calls_->written.emplace_back(buf.data ? buf.data : "", buf.size());
+  }
+  void reject(sf::Connection*, sf::Buffer& buf) override {
+    calls_->replyRejects.emplace_back(buf.data ? buf.data : "", buf.size());
+  }
+  void reject(sf::Connection*, int code, const char* text) override {
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(text, nullptr);
+    ++calls_->defaultRejects;
+    if (calls_->throwOnReject) throw sf::Xio();
+  }
+
+ private:
+  Calls* calls_;
+};
+
+// An accepted loopback connection with a recording adaptor on top.
+struct Peer {
+  sf::Port port;
+  pf::sock_t client;
+  sf::Connection conn;
+  Calls calls;
+
+  Peer() {
+    sftest::ensureInterp();
+    sf::PortAddr a("127.0.0.1", "0");
+    port = sf::bindPort(a);
+    char addr[pf::kIpv4AddrLen];
+    pf::make_ipv4_addr("127.0.0.1", pf::bound_port(port.socketNo()), addr);
+    client = pf::sock_stream(pf::family_ipv4());
+    EXPECT_EQ(pf::sock_connect(client, addr, pf::kIpv4AddrLen), 0);
+    conn = sf::tcp_accept(port);
+    conn.push(new RecordingAdaptor(&calls));
+  }
+  ~Peer() {
+    conn = sf::Connection();
+    pf::sock_close(client);
+    delete port.p;
+  }
+  // A message on this connection, reserved as the reader leaves it.
+  Counted* message() {
+    Counted* m = new Counted;
+    m->conn = conn;
+    m->reserved = true;
+    conn.reserve();
+    return m;
+  }
+};
+
+sf::MessageQ* testQueue() {
+  static sf::MessageQ* q = [] {
+    sftest::ensureInterp();
+    return sf::mkQ("worker-test");
+  }();
+  return q;
+}
+
+// Processing defined by the test.
+class TestWorker : public sf::Worker {
+ public:
+  std::function<void(sf::Message*, sf::Buffer&)> body;
+  int calls = 0;
+  TestWorker() : sf::Worker((testQueue(), "worker-test")) {}
+  void processMessage1(sf::Message* msg, sf::Buffer& reply) override {
+    ++calls;
+    body(msg, reply);
+  }
+};
+
+// The worker deletes the message; the context keeps the stale pointer until
+// the next one, so tests forget it before the context could be dropped.
+void handle(sf::Worker& w, sf::Message* m) {
+  w.handle(m);
+  sf::getContext()->message = nullptr;
+}
+
+TEST(Message, EnvironmentSessionIdAndOwnership) {
+  sftest::LogCapture log(8);
+  sf::Message m;
+  EXPECT_EQ(m.getenv("HttpRequestURL"), "");
+  EXPECT_TRUE(log.contains("getenv HttpRequestURL = "));
+  m.setenv("k", "one");
+  m.setenv("k", "two");
+  m.setenv("empty", "");
+  EXPECT_EQ(m.getenv("k"), "two");
+  EXPECT_EQ(m.getenv("empty"), "");
+  EXPECT_TRUE(log.contains("setenv k = two"));
+
+  // Copies are shallow: they share the buffer and the environment.
+  m.data = new sf::Buffer;
+  sf::Message copy(m);
+  EXPECT_EQ(copy.data, m.data);
+  EXPECT_EQ(copy.env, m.env);
+  copy.data = nullptr;
+  copy.env = nullptr;
+
+  Peer peer;
+  sf::Message withConn;
+  withConn.conn = peer.conn;
+  std::string sid = withConn.getSid();
+  EXPECT_EQ(sid, peer.conn.getSid());
+  withConn.conn = sf::Connection();  // kept once fetched
+  EXPECT_EQ(withConn.getSid(), sid);
+
+  delete new sf::Message;  // a close notice has no data: nothing to free
+}
+
+TEST(Message, ContextOwnsItsMessage) {
+  g_destroyed = 0;
+  sf::TransactionContext* ctx = sf::getContext();
+  EXPECT_EQ(sf::getContext(), ctx);
+  ctx->message = new Counted;
+  ctx->user1 = 4;
+  ctx->user2 = 5;
+  ctx->watchdog = reinterpret_cast<sf::TimeoutId*>(&ctx);  // only compared
+
+  sf::TransactionContext taken(ctx);
+  EXPECT_EQ(taken.message, ctx->message);
+  EXPECT_EQ(taken.user1, 4);
+  EXPECT_EQ(taken.user2, 0);
+  EXPECT_EQ(taken.watchdog, nullptr);
+  taken.message = nullptr;
+  ctx->watchdog = nullptr;
+
+  sf::setContext(nullptr);  // drops the work in hand, message included
+  EXPECT_EQ(g_destroyed.load(), 1);
+  sf::TransactionContext* fresh = sf::getContext();
+  EXPECT_EQ(fresh->message, nullptr);
+  EXPECT_EQ(fresh->user1, 0);
+}
+
+TEST(Worker, ProcessesRepliesAndDisposes) {
+  Peer peer;
+  TestWorker w;
+  g_destroyed = 0;
+  w.body = [](sf::Message*, sf::Buffer& reply) { reply.append("pong"); };
+  Counted* m = peer.message();
+  handle(w, m);
+  ASSERT_EQ(peer.calls.written.size(), 1u);
+  EXPECT_EQ(peer.calls.written[0], "pong");
+  EXPECT_FALSE(peer.conn.isReserved());
+  EXPECT_EQ(g_destroyed.load(), 1);
+
+  // keep: processed, stamped and left alive.
+  Counted* kept = peer.message();
+  kept->keep = true;
+  handle(w, kept);
+  EXPECT_NE(kept->processedAt, 0);
+  EXPECT_EQ(g_destroyed.load(), 1);
+  delete kept;
+}
+
+TEST(Worker, CloseNoticesAreSkippedUnlessAskedFor) {
+  Peer peer;
+  TestWorker w;
+  w.body = [](sf::Message*, sf::Buffer&) {};
+  g_destroyed = 0;
+  Counted* notice = peer.message();
+  notice->isCloseNotice = true;
+  handle(w, notice);
+  EXPECT_EQ(w.calls, 0);
+  EXPECT_FALSE(peer.conn.isReserved());  // unreserved all the same
+  EXPECT_EQ(g_destroyed.load(), 1);
+
+  w.skipCloseNotices = false;
+  notice = peer.message();
+  notice->isCloseNotice = true;
+  handle(w, notice);
+  EXPECT_EQ(w.calls, 1);
+  EXPECT_FALSE(peer.conn.isReserved());
+}
+
+TEST(Worker, RejectExceptionSendsItsReplyAndMayClose) {
+  sftest::LogCapture log(1);
+  Peer peer;
+  TestWorker w;
+  w.body = [](sf::Message*, sf::Buffer&) {
+    sf::Xreject x;
+    x.reply = new sf::Buffer;
+    x.reply->append("HTTP/1.1 413 Too Large\r\n\r\n");
+    x.close = true;
+    throw x;
+  };
+  Counted* m = peer.message();
+  handle(w, m);
+  ASSERT_EQ(peer.calls.replyRejects.size(), 1u);
+  EXPECT_EQ(peer.calls.replyRejects[0], "HTTP/1.1 413 Too Large\r\n\r\n");
+  EXPECT_EQ(peer.calls.defaultRejects, 0);
+  EXPECT_TRUE(peer.calls.written.empty());
+  EXPECT_TRUE(log.contains("worker: reject exception during processing, rejecting"));
+  EXPECT_EQ(peer.conn.socketNo(), sf::INVALID_SOCK);  // closed
+  EXPECT_FALSE(peer.conn.isReserved());
+
+  // Without a reply and without close: nothing is sent, nothing closed.
+  Peer other;
+  w.body = [](sf::Message*, sf::Buffer&) { throw sf::Xreject(); };
+  handle(w, other.message());
+  EXPECT_TRUE(other.calls.replyRejects.empty());
+  EXPECT_EQ(other.calls.defaultRejects, 0);
+  EXPECT_NE(other.conn.socketNo(), sf::INVALID_SOCK);
+}
+
+TEST(Worker, FailuresBecomeDefaultRejects) {
+  sftest::LogCapture log(3);
+  Peer peer;
+  g_destroyed = 0;
+
+  // The base processMessage1 refuses everything.
+  testQueue();
+  sf::Worker plain("worker-test");
+  Counted* m = peer.message();
+  handle(plain, m);
+  EXPECT_EQ(peer.calls.defaultRejects, 1);
+  EXPECT_TRUE(peer.calls.written.empty());
+  EXPECT_TRUE(log.contains("exception processMsg:Xstate() thrown at"));
+  EXPECT_TRUE(log.contains("worker: sf exception during processing, rejecting - 2-1"));
+  EXPECT_FALSE(peer.conn.isReserved());
+  EXPECT_EQ(g_destroyed.load(), 1);
+
+  // A reject that itself fails is logged and the worker carries on.
+  peer.calls.throwOnReject = true;
+  TestWorker w;
+  w.body = [](sf::Message*, sf::Buffer&) { throw std::runtime_error("host bug"); };
+  Counted* second = peer.message();
+  second->keep = true;
+  handle(w, second);
+  EXPECT_EQ(peer.calls.defaultRejects, 2);
+  EXPECT_TRUE(log.contains("worker: exception during processing, rejecting"));
+  EXPECT_TRUE(log.contains("worker: error sending reject message, continuing"));
+  EXPECT_EQ(second->processedAt, 0);  // not stamped when processing threw
+  delete second;
+
+  // A message without a connection (a timer's) gets no reject at all.
+  Counted* timerMsg = new Counted;
+  handle(plain, timerMsg);
+  EXPECT_EQ(peer.calls.defaultRejects, 2);
+  EXPECT_EQ(g_destroyed.load(), 3);
+}
+
+TEST(Worker, RunServesItsQueueAndUnknownQueuesAreRefused) {
+  sftest::LogCapture log(1);
+  testQueue();
+  EXPECT_THROW(sf::Worker("no-such-queue"), sf::Xinvalid);
+  EXPECT_TRUE(log.contains("no such queue no-such-queue"));
+
+  g_destroyed = 0;
+  std::atomic<int> served{0};
+  auto* w = new TestWorker;  // lives with its thread, for ever
+  w->body = [&](sf::Message*, sf::Buffer&) { ++served; };
+  sf::startThread([](void* p) { static_cast<sf::Worker*>(p)->run(); }, w);
+  for (int i = 0; i < 5; ++i) testQueue()->enQ(new Counted);
+  for (int i = 0; i < 1000 && g_destroyed.load() < 5; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(served.load(), 5);
+  EXPECT_EQ(g_destroyed.load(), 5);
+}
+
+TEST(Threads, PipeNamesAndThreadIds) {
+  EXPECT_EQ(sf::getUniqueP2PPipeName(12, 345), "\\\\.\\pipe\\id12-345");
+  std::string longest = sf::getUniqueP2PPipeName(-2147483647, -2147483647);
+  EXPECT_EQ(longest.size(), 31u);
+  EXPECT_EQ(longest, std::string("\\\\.\\pipe\\id-2147483647--2147483647").substr(0, 31));
+
+  unsigned mine = sf::getThreadId();
+  std::atomic<unsigned> theirs{0};
+  sf::startThread([](void* p) { *static_cast<std::atomic<unsigned>*>(p) = sf::getThreadId(); },
+                  &theirs);
+  for (int i = 0; i < 1000 && theirs.load() == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_NE(theirs.load(), 0u);
+  EXPECT_NE(theirs.load(), mine);
+}
+
+}  // namespace
