@@ -4,11 +4,7 @@
 #include <cstring>
 
 #include "sf/http/httpadaptor.h"
-#if __has_include("sf/message.h")
 #include "sf/message.h"
-#else
-#include "sf/http/provisional_msg.h"
-#endif
 
 namespace sf {
 

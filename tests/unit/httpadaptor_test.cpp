@@ -8,11 +8,7 @@
 
 #include "sf/detail/net.h"
 #include "sf/http/httpadaptor.h"
-#if __has_include("sf/message.h")
 #include "sf/message.h"
-#else
-#include "sf/http/provisional_msg.h"
-#endif
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
