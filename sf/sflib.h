@@ -104,3 +104,5 @@ inline const char* Buffer::getROPtr(size_t offset) const {
 #include "sf/timer.h"
 #include "sf/watchdog.h"
 #include "sf/worker.h"
+#include "sf/http/httpadaptor.h"
+#include "sf/http/httpreader.h"
