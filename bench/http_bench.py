@@ -50,6 +50,8 @@ ECHO_CONFIG = """
 set sf.log.dir .
 set sf.log.level 0
 set sf.tcp.backlog 1024
+# one request per connection can wait at a time: room for every connection
+set sf.qsize 4096
 mkQ http
 bind 127.0.0.1 {port}
 """

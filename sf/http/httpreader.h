@@ -6,7 +6,8 @@
 // script that decides where the message goes (normally "enQ queue").
 //
 // An HttpWorker forwards each message of its queue to an HTTP server and
-// relays the answer to the message's own connection as the reply.
+// relays the answer to the message's own connection as the reply. Each
+// worker keeps its connection to the server open while the server allows.
 #pragma once
 
 #include "sf/http/httpadaptor.h"
@@ -15,6 +16,8 @@
 #include "sf/worker.h"
 
 namespace sf {
+
+class HttpAdaptor;
 
 class HttpReader : public Reader {
  public:
@@ -35,6 +38,11 @@ class HttpWorker : public Worker {
   void processMessage(Message* msg) override;
 
   PortAddr server;
+  Connection backend;  // kept between messages while the server allows
+
+ private:
+  HttpAdaptor* connectBackend();
+  void forward(HttpAdaptor* http, Message* msg, Buffer& answer);
 };
 
 }  // namespace sf

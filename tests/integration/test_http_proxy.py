@@ -6,6 +6,7 @@ examples/http-proxy run as its README says."""
 import os
 import subprocess
 import sys
+import time
 import unittest
 
 from sfhttp_support import BIN, SOURCE, Nginx, Site, free_port, stop, wait_port
@@ -16,8 +17,10 @@ set sf.log.level 3
 set sf.http.contentType text/plain
 mkQ proxy
 mkQ dead
+mkQ short
 bind 127.0.0.1 {port}
 bind 127.0.0.1 {deadport}
+bind 127.0.0.1 {shortport}
 """
 
 START = """
@@ -26,6 +29,8 @@ spinThread httpWorker proxy 127.0.0.1 {backend}
 spinThread httpWorker proxy 127.0.0.1 {backend}
 spinThread httpReader 127.0.0.1 {deadport} {{enQ dead}}
 spinThread httpWorker dead 127.0.0.1 {nobody}
+spinThread httpReader 127.0.0.1 {shortport} {{enQ short}}
+spinThread httpWorker short 127.0.0.1 {shortbackend}
 """
 
 
@@ -41,9 +46,11 @@ class HttpProxy(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.nginx = Nginx()
-        cls.port, cls.deadport = free_port(), free_port()
+        # a backend that drops kept connections soon, and after two requests
+        cls.short = Nginx(extra="keepalive_timeout 1s; keepalive_requests 2;")
+        cls.port, cls.deadport, cls.shortport = free_port(), free_port(), free_port()
         fmt = dict(port=cls.port, deadport=cls.deadport, backend=cls.nginx.port,
-                   nobody=free_port())
+                   nobody=free_port(), shortport=cls.shortport, shortbackend=cls.short.port)
         cls.site = Site(CONFIG.format(**fmt), START.format(**fmt))
         wait_port(cls.port, cls.site.proc)
 
@@ -51,6 +58,7 @@ class HttpProxy(unittest.TestCase):
     def tearDownClass(cls):
         cls.site.close()
         cls.nginx.close()
+        cls.short.close()
 
     def test_forwards_method_url_and_body(self):
         base = "http://127.0.0.1:%d" % self.port
@@ -69,6 +77,17 @@ class HttpProxy(unittest.TestCase):
                              capture_output=True, timeout=30)
         self.assertEqual(out.stdout, b"hello from nginx\n" * 2)
         self.assertIn(b"Re-using existing connection", out.stderr)
+
+    def test_backend_connection_is_kept_and_replaced(self):
+        base = "http://127.0.0.1:%d" % self.shortport
+        for _ in range(5):  # the backend closes after every second request
+            self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
+        time.sleep(1.5)  # and drops the kept connection while idle
+        self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
+        log = self.site.log()
+        # one connection served two requests
+        connects = log.count("] to 127.0.0.1+%d" % self.short.port)
+        self.assertTrue(3 <= connects <= 4, log[-3000:])
 
     def test_backend_errors_become_the_default_rejection(self):
         code, _ = curl("http://127.0.0.1:%d/nothing-here" % self.port)
