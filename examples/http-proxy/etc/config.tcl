@@ -21,7 +21,7 @@ set proxy.backend.host [fromEnv SF_BACKEND_HOST 127.0.0.1]
 set proxy.backend.port [fromEnv SF_BACKEND_PORT 8081]
 set proxy.workers [fromEnv SF_PROXY_WORKERS 4]
 
-set sf.log.dir .
+set sf.log.dir ${sf.datdir}
 set sf.log.filename proxy
 set sf.log.level 1
 set sf.tcp.backlog 128
