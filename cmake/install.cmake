@@ -13,7 +13,18 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/sfConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/sfConfig.cmake ${PROJECT_BINARY_DIR}/sfConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/sf)
 
+# sf.pc finds its prefix from its own place (pkg-config's ${pcfiledir}), so
+# it stays right for `cmake --install --prefix <dir>` and for a moved tree.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(SF_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH SF_PC_UP "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+  string(REGEX REPLACE "/$" "" SF_PC_UP "${SF_PC_UP}")
+  set(SF_PC_PREFIX "\${pcfiledir}/${SF_PC_UP}")
+endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/sf.pc.in ${PROJECT_BINARY_DIR}/sf.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/sf.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/sf/examples)
+if(EXISTS ${PROJECT_SOURCE_DIR}/examples)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/sf/examples)
+endif()

@@ -22,15 +22,23 @@ bool g_reporting = false;  // only touched under the Tcl lock
 // The reporter proper: translate, number and post one event.
 void report(const char* id, const char* argText) {
   if (getVarInt("sf.log.useevorsyslog", 0) == 0) return;
-  std::string command = std::string("format [::msgcat::mc ") + id + "] " + argText;
+  // The catalogue's format string is filled with the argument text's words.
+  // They are passed through a variable and expanded as literal words, so an
+  // argument that closes its braces early cannot make the interpreter run
+  // anything.
+  std::string command = std::string("format [::msgcat::mc ") + id + "] {*}$sfi_eventArgs";
   std::string text = std::string("no translation for ") + id + " " + argText;
   try {
     // msgcat answers an unknown key with the key itself; an event without a
     // catalogue entry keeps the untranslated text instead.
     std::string probe = std::string("::msgcat::mcexists ") + id;
-    if (eval(probe.c_str()) == "1") text = eval(command.c_str());
+    if (eval(probe.c_str()) == "1") {
+      setVarStr("sfi_eventArgs", argText);
+      text = eval(command.c_str());
+    }
   } catch (const X&) {
-    // No catalogue, or a format that does not fit the arguments.
+    // No catalogue, a malformed argument list, or a format that does not
+    // fit the arguments.
   }
   unsigned number = 0;
   sscanf(id, "%u_", &number);

@@ -116,7 +116,7 @@ bool MessageQ::quiescing() {
 }
 
 int MessageQ::enQ(Message* msg) {
-  trace(__FILE__, &traceEnQ, __LINE__, "enQ", q->name.c_str(), 0, q->tail, 0, 0);
+  if (sfi_on(10)) trace(__FILE__, &traceEnQ, __LINE__, "enQ", q->name.c_str(), 0, q->tail, 0, 0);
   SF_LOG(5, "enQ %s %d %" PRIxPTR, q->name.c_str(), q->tail.load(), addr(msg));
   if (g_quiescing.load()) SF_THROW("enQ", Xstate());
   if (msg) msg->enqueuedAt = time(nullptr);
@@ -126,7 +126,8 @@ int MessageQ::enQ(Message* msg) {
   std::int32_t next = (tail + 1) % q->capacity;
   bool full = next == q->head.load(std::memory_order_relaxed);
   if (full) {
-    trace(__FILE__, &traceEnQfull, __LINE__, "enQfull", q->name.c_str(), 0, q->head, 0, 0);
+    if (sfi_on(10))
+      trace(__FILE__, &traceEnQfull, __LINE__, "enQfull", q->name.c_str(), 0, q->head, 0, 0);
     SF_LOG(5, "enQfull %s %d %" PRIxPTR, q->name.c_str(), q->head.load(), addr(msg));
   } else {
     q->ring[tail] = msg;
@@ -150,7 +151,7 @@ Message* MessageQ::deQ() {
     platform::event_notify(q->emptied);
   platform::mutex_unlock(q->mx);
   if (msg) msg->dequeuedAt = time(nullptr);
-  trace(__FILE__, &traceDeQ, __LINE__, "deQ", q->name.c_str(), 0, head, 0, 0);
+  if (sfi_on(10)) trace(__FILE__, &traceDeQ, __LINE__, "deQ", q->name.c_str(), 0, head, 0, 0);
   SF_LOG(5, "deQ %s %d %" PRIxPTR " ", q->name.c_str(), head, addr(msg));
   return msg;
 }

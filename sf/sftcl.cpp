@@ -103,6 +103,10 @@ bool sfi_tclInitLibrary() {
 
 bool sfi_tclReady() { return g_interp != nullptr; }
 
+void sfi_tclThreadDone() {
+  if (g_interp) Tcl_FinalizeThread();
+}
+
 Mx& sfi_tclLock() { return *g_tclLock; }
 
 void sfi_setDirectories(const std::string& datadir, const std::string& rootdir) {

@@ -61,6 +61,10 @@ bool sfi_tclInitLibrary();
 bool sfi_tclReady();
 // The Tcl lock. Valid after sfi_tclCreate().
 Mx& sfi_tclLock();
+// Releases what the interpreter keeps for the calling thread (allocator
+// caches, thread-specific data). Call it last in a thread that used the
+// bridge and is about to end; the thread must not use the bridge afterwards.
+void sfi_tclThreadDone();
 // Evaluates without logging anything; throws the C string "tcl" on error.
 std::string sfi_quietEval(const char* script);
 // Directories searched by evalFile.

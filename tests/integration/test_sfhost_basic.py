@@ -155,6 +155,31 @@ class SfhostTest(unittest.TestCase):
         self.assertIn("sfhost: start script failed", r.stderr)
         self.assertIn("no service configured", r.stderr)
 
+    def test_vanished_data_directory_is_reported_and_start_up_goes_on(self):
+        site = self.site("set sf.log.dir .\n", start="sf_log 1 {start script ran}\n")
+        gone = os.path.join(site.root, "gone")
+        os.makedirs(gone)
+        env = dict(site.env)
+        del env["SFDATDIR"]
+        # The current directory, the last resort for the data directory, no
+        # longer exists when sfhost starts.
+        p = subprocess.Popen(["sh", "-c", 'cd "$1" && rmdir "$1" && exec "$2" -l -d 1',
+                              "sh", gone, os.path.realpath(SFHOST)],
+                             env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        seen = []
+        for line in p.stderr:
+            seen.append(line)
+            if "start script ran" in line:
+                break
+        p.send_signal(signal.SIGTERM)
+        out, err = p.communicate(timeout=60)
+        err = "".join(seen) + err
+        self.assertEqual(p.returncode, 0, err)
+        # The event at level 0 while starting, and a level-1 reminder once
+        # the log is open.
+        self.assertRegex(err, r"/0 <[^>]*> \(0\) data directory not found/readable \n")
+        self.assertRegex(err, r'/1 <[^>]*> \(0\) data directory not found/readable: ""\n')
+
     def test_default_site_of_the_build_tree(self):
         # No options and no environment: the root is build/ (bin/..), whose
         # etc/ holds the default config.tcl and start.tcl.

@@ -329,6 +329,12 @@ TEST(Events, LogLineAlwaysAndTranslatedTextWhenPosting) {
   EXPECT_EQ(posted[1], "[10] idle connection closed: local 1.1.1.1:80  remote 2.2.2.2:9 ");
   EXPECT_EQ(posted[2], "proxyA: [16] internal error, the process is ending: lost ");
 
+  // An argument that closes its braces early stays text.
+  capture.clear();
+  sf::logandreport("02_sf_bind_s", "x } [set ::injected 1] { y", __FILE__, __LINE__);
+  EXPECT_EQ(sf::getVarStr("injected", "no"), "no");
+  EXPECT_EQ(capture.messages(1), std::vector<std::string>{"[2] cannot bind listening address: x "});
+
   // No catalogue entry, or no number in the identifier.
   capture.clear();
   sf::logandreport("99_sf_unknown_s", "x", __FILE__, __LINE__);

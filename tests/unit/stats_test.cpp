@@ -28,13 +28,35 @@ namespace {
 // directory) and removes the names when the process ends.
 struct OwnBlock {
   TempDir dir;
+  std::string blockName, mutexName;
   OwnBlock() {
     setenv("TAVO_WIN_MEM_GLOBAL", "OFF", 1);
     setenv("TAVODATDIR", dir.str().c_str(), 1);
+    blockName = sf::statsBlockName();
+    mutexName = sf::statsMutexName();
   }
   ~OwnBlock() {
-    fs::remove("/dev/shm/" + sf::statsBlockName());
-    fs::remove("/dev/shm/" + sf::statsMutexName());
+    fs::remove("/dev/shm/" + blockName);
+    fs::remove("/dev/shm/" + mutexName);
+  }
+};
+
+// Restores the naming variables when the test is done with them.
+struct NamingEnvironment {
+  std::map<std::string, std::string> saved;
+  NamingEnvironment() {
+    for (const char* v : {"TAVODATDIR", "TAVO_WIN_MEM_GLOBAL"})
+      if (const char* value = getenv(v)) saved[v] = value;
+  }
+  ~NamingEnvironment() {
+    for (const char* v : {"TAVODATDIR", "TAVO_WIN_MEM_GLOBAL"}) {
+      auto it = saved.find(v);
+      if (it == saved.end()) {
+        unsetenv(v);
+      } else {
+        setenv(v, it->second.c_str(), 1);
+      }
+    }
   }
 };
 
@@ -61,9 +83,11 @@ int waitChild(pid_t pid) {
   return status;
 }
 
-// Started by the sharing test as a separate program on the same block (the
-// environment names it): attaches, checks what the first process left,
-// writes one byte and exits before any test runs.
+// Programs started by the tests below: this test program re-executed with
+// SF_STATS_CHILD set, which does its part and exits before any test runs.
+//
+// "second": attaches the block the first process made (the environment names
+// it), checks what that process left and writes one byte.
 int secondProcess() {
   if (sf::sfi_attachStats() != 0 || sf::statsCreatedBlock()) return 1;
   unsigned char* block = static_cast<unsigned char*>(sf::statsBlock());
@@ -73,14 +97,48 @@ int secondProcess() {
   block[1] = 7;
   return 0;
 }
-const bool kRunAsSecondProcess = [] {
-  if (getenv("SF_STATS_SECOND_PROCESS")) _exit(secondProcess());
-  return false;
+
+// "unattached": the block cannot be had (a directory holds its name); the
+// library goes on without it and the log file still works.
+int unattachedProcess() {
+  fs::path blocker = "/dev/shm/" + sf::statsBlockName();
+  fs::create_directory(blocker);
+  int attached = sf::sfi_attachStats();
+  fs::remove(blocker);
+  if (attached != -1 || sf::statsAttached() || sf::statsBlock()) return 1;
+  sf::lockStats();  // nothing to take: must not block
+  sf::unlockStats();
+  sftest::ensureInterp();
+  fs::path logs = getenv("TAVODATDIR");  // a directory the parent removes
+  sf::setVarStr("sf.log.dir", logs.c_str());
+  sf::sfi_logInit();
+  sf::sfi_log(1, 0, "written without the block", __FILE__, __LINE__, 0);
+  std::string text = sftest::readFile(logs / "sf.log");
+  return text.find("written without the block") == std::string::npos ? 2 : 0;
+}
+
+const bool kRunAsChild = [] {
+  const char* role = getenv("SF_STATS_CHILD");
+  if (!role) return false;
+  _exit(strcmp(role, "second") == 0 ? secondProcess() : unattachedProcess());
 }();
+
+// Runs this program again as the given child; returns its exit status.
+int runChild(const char* role) {
+  pid_t child = forkChild([role] {
+    setenv("SF_STATS_CHILD", role, 1);
+    std::string self = fs::read_symlink("/proc/self/exe").string();
+    execl(self.c_str(), self.c_str(), static_cast<char*>(nullptr));
+    _exit(99);
+  });
+  int status = waitChild(child);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+}
 
 }  // namespace
 
 TEST(StatsNames, FollowTheEnvironment) {
+  NamingEnvironment restore;
   setenv("TAVO_WIN_MEM_GLOBAL", "OFF", 1);
   setenv("TAVODATDIR", "C:/data", 1);
   EXPECT_EQ(sf::statsBlockName(), "estatC__data_shm");
@@ -101,7 +159,6 @@ TEST(StatsNames, FollowTheEnvironment) {
   EXPECT_EQ(block.substr(block.size() - 4), "_shm");
   EXPECT_EQ(mutex.substr(mutex.size() - 3), "_mx");
   EXPECT_EQ(block.substr(0, 251), mutex.substr(0, 251));
-  unsetenv("TAVODATDIR");
 }
 
 TEST(StatsBlock, CreatorZeroesItAndASecondProcessFindsItAsLeft) {
@@ -136,16 +193,7 @@ TEST(StatsBlock, CreatorZeroesItAndASecondProcessFindsItAsLeft) {
   // Counters written here are seen, and kept, by another process.
   strcpy(reinterpret_cast<char*>(block + sf::kStatsSecondRegion), "left by the first");
   block[0] = 42;
-  pid_t child = forkChild([] {
-    // A fresh attachment in the child: its own mapping of the same block.
-    setenv("SF_STATS_SECOND_PROCESS", "1", 1);
-    std::string self = fs::read_symlink("/proc/self/exe").string();
-    execl(self.c_str(), self.c_str(), static_cast<char*>(nullptr));
-    _exit(99);
-  });
-  int status = waitChild(child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "the second process did not see the block as left";
+  EXPECT_EQ(runChild("second"), 0) << "the second process did not find the block as left";
   EXPECT_EQ(block[1], 7) << "the second process's write is not seen here";
   EXPECT_EQ(block[0], 42);
 
@@ -153,6 +201,16 @@ TEST(StatsBlock, CreatorZeroesItAndASecondProcessFindsItAsLeft) {
   EXPECT_NE(notes.find("(created)"), std::string::npos) << notes;
   EXPECT_NE(notes.find("(existing)"), std::string::npos) << notes;
   unsetenv("ESTAT_LOG");
+}
+
+TEST(StatsBlock, WithoutTheBlockTheLogStillWorks) {
+  NamingEnvironment restore;
+  TempDir dir;
+  setenv("TAVO_WIN_MEM_GLOBAL", "OFF", 1);
+  setenv("TAVODATDIR", dir.str().c_str(), 1);
+  EXPECT_EQ(runChild("unattached"), 0);
+  fs::remove("/dev/shm/" + sf::statsBlockName());
+  fs::remove("/dev/shm/" + sf::statsMutexName());
 }
 
 TEST(StatsBlock, LockOfAKilledHolderIsTakenOver) {

@@ -1,0 +1,251 @@
+// The log core: levels, the three sinks, SF_DBG, rotation, the format
+// template and tracing.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "sf/platform/clock.h"
+#include "sf/platform/syserr.h"
+#include "sf/platform/thread.h"
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Points the file sink at dir and initialises the log at an explicit level,
+// as start-up does.
+void initFileLog(const sftest::TempDir& dir, int level, int filemaxKiB = 1024,
+                 const char* fmt = "") {
+  sftest::ensureInterp();
+  sf::setlog(nullptr);
+  sf::setVarStr("sf.log.dir", dir.str().c_str());
+  sf::setVarStr("sf.log.filename", "unit");
+  sf::setVarInt("sf.log.filemax", filemaxKiB);
+  sf::setVarInt("sf.log.numfiles", 5);
+  sf::setVarStr("sf.log.fmt", fmt);
+  sf::sfi_setLogLevel(level);
+  sf::sfi_logInit();
+}
+
+std::vector<std::string> lines(const fs::path& file) {
+  std::vector<std::string> out;
+  std::istringstream in(sftest::readFile(file));
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
+std::string g_stamp;
+std::uint32_t g_pid, g_tid, g_seconds, g_micros;
+void keepFields(std::uint32_t pid, std::uint32_t tid, std::uint32_t, const char* stamp,
+                std::uint32_t seconds, std::uint32_t micros, const char*, int, const char*, int) {
+  g_pid = pid, g_tid = tid, g_stamp = stamp, g_seconds = seconds, g_micros = micros;
+}
+
+}  // namespace
+
+TEST(Log, LevelsGateRecordsAndSystemErrorsArePrinted) {
+  {
+    sftest::LogCapture unset(-1);  // nothing at all, not even level 0
+    SF_LOG(0, "formatted %d", 1);
+    EXPECT_TRUE(unset.records().empty());
+  }
+  sftest::LogCapture log(3);
+  EXPECT_EQ(sf::sfi_log(4, 99, "too detailed", "f.cpp", 1, 0), 99);
+  EXPECT_EQ(sf::sfi_log(3, 17, "kept", "src/f.cpp", 12, 0), 17);
+  ASSERT_EQ(log.records().size(), 1u);
+  EXPECT_EQ(log.records()[0].code, 17);
+  EXPECT_EQ(log.records()[0].line, 12);
+
+  // A failed call: the system error is the printed code and its bare text
+  // follows the call's text; the caller keeps its result and its errno.
+  log.clear();
+  sf::platform::set_last_error(2);
+  EXPECT_EQ(SF_SYSFAIL(-7, "bind(s, addr.addr->addr(), addr.addr->addrlen())"), -7);
+  EXPECT_EQ(sf::platform::last_error(), 2);
+  ASSERT_EQ(log.records().size(), 1u);
+  EXPECT_EQ(log.records()[0].level, 0u);
+  EXPECT_EQ(log.records()[0].code, 2);
+  EXPECT_EQ(log.records()[0].msg,
+            "bind(s, addr.addr->addr(), addr.addr->addrlen())" + sf::platform::error_text(2));
+  EXPECT_EQ(sf::sfi_fmtlog("%s", std::string(5000, 'a').c_str()).size(), 4095u);
+
+  // The host callback gets the identity and time fields as well.
+  sf::setlog(keepFields);
+  sf::sfi_log(1, 0, "to the host", "host.cpp", 44, 0);
+  EXPECT_EQ(g_pid, sf::platform::process_id());
+  EXPECT_EQ(g_tid, sf::platform::thread_id());
+  EXPECT_EQ(g_micros, 0u);
+  EXPECT_EQ(g_stamp, sf::platform::local_time_text(g_seconds, "%Y-%m-%d.%H:%M:%S"));
+}
+
+TEST(Log, InitialisationChoosesTheLevel) {
+  sftest::ensureInterp();
+  sftest::TempDir dir;
+  sf::setVarStr("sf.log.dir", dir.str().c_str());
+  sf::setVarInt("sf.log.level", 4);
+  sftest::LogCapture log(-1);
+  auto initWith = [&](const char* dbg, int explicitLevel) {
+    if (dbg)
+      setenv("SF_DBG", dbg, 1);
+    else
+      unsetenv("SF_DBG");
+    sf::sfi_setLogLevel(explicitLevel);
+    sf::sfi_logInit();
+    std::vector<std::string> said = log.messages(1);
+    log.clear();
+    return std::to_string(sf::g_logLevel.load()) + ": " + (said.empty() ? "" : said.back());
+  };
+  EXPECT_EQ(initWith(nullptr, -1), "4: using tcl log level of 4");
+  EXPECT_EQ(initWith("6", -1), "6: SF_DBG being used to set log level to 6");
+  EXPECT_EQ(initWith("9", 2), "2: explicitly setting log level to 2");
+  EXPECT_EQ(initWith("", -1), "255: SF_DBG set to null, setting log level to 255");
+
+  // At 255 the locks' own traces appear.
+  sf::Mx mx;
+  mx.lock();
+  mx.unlock();
+  std::string traces;
+  for (const std::string& t : log.messages(10))
+    if (t.rfind("DEF ", 0) != 0) traces += t + "\n";
+  EXPECT_TRUE(std::regex_search(traces, std::regex(R"(^lock  \d+ 0 0 0\nunlock  \d+ 0 0 0\n$)")))
+      << traces;
+  unsetenv("SF_DBG");
+  sf::sfi_setLogLevel(-1);
+}
+
+TEST(LogDeathTest, StderrModeStartsAtMinusOne) {
+  // A fresh process: stderr mode cannot be switched off again.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        sf::sfi_setLogLevel(1);
+        sf::sfi_logToStderr();
+        sf::platform::set_last_error(2);
+        SF_SYSFAIL(-1, "open(x)");
+        sf::sfi_log(2, 0, "filtered", "f", 1, 0);
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0),
+      "^[0-9]+/1 <-1\\.1000000> \\(0\\) sending logs to stderr\n"
+      "[0-9]+/0 <-?[0-9]+\\.1000000> \\(2\\) open\\(x\\)No such file or directory\n$");
+}
+
+TEST(LogFile, BuiltInLayoutOneOpenPerRecord) {
+  sftest::TempDir dir;
+  initFileLog(dir, 3);
+  sf::sfi_log(3, 7, "hello", "src/x.cpp", 12, 0);
+  sf::sfi_log(4, 0, "filtered", "src/x.cpp", 13, 0);
+  std::smatch m;
+  std::string text = sftest::readFile(dir.path() / "unit.log");
+  ASSERT_TRUE(std::regex_match(text, m,
+                               std::regex(R"(\d{4}-\d\d-\d\d\.\d\d:\d\d:\d\d )"
+                                          R"(\[(\d{5,})\.(\d{4,})/3\]; \d+\.000000 )"
+                                          R"(\(7\) hello @ src/x\.cpp:12\n)")))
+      << text;
+  EXPECT_EQ(std::stoul(m[1]), sf::platform::process_id());
+  EXPECT_EQ(std::stoul(m[2]), sf::platform::thread_id());
+
+  // Closed between records, so it can be moved away at any time.
+  fs::rename(dir.path() / "unit.log", dir.path() / "moved.log");
+  sf::sfi_log(3, 0, "after the move", "src/x.cpp", 14, 0);
+  EXPECT_EQ(lines(dir.path() / "moved.log").size(), 1u);
+  EXPECT_EQ(lines(dir.path() / "unit.log").size(), 1u);
+  sf::sfi_setLogLevel(-1);
+}
+
+TEST(LogFile, RotationKeepsTheNumberedSet) {
+  sftest::TempDir dir;
+  initFileLog(dir, 3, /*filemaxKiB=*/1);
+  const int total = 41;  // about four lines a file: ten rotations
+  for (int i = 1; i <= total; ++i) sf::sfi_log(3, i, std::string(250, '.').c_str(), "f", 1, 0);
+
+  std::set<std::string> names;
+  for (const auto& e : fs::directory_iterator(dir.path())) names.insert(e.path().filename());
+  EXPECT_EQ(names, (std::set<std::string>{"unit.log", "unit-0.log", "unit-1.log", "unit-2.log",
+                                          "unit-3.log", "unit-4.log"}));
+  // Oldest first, the records are consecutive up to the last; the ones
+  // before were removed. Each file rotated as soon as it reached 1 KiB.
+  std::vector<int> codes;
+  for (const char* name :
+       {"unit-4.log", "unit-3.log", "unit-2.log", "unit-1.log", "unit-0.log", "unit.log"}) {
+    size_t size = fs::file_size(dir.path() / name), last = 0;
+    for (const std::string& l : lines(dir.path() / name)) {
+      std::smatch m;
+      ASSERT_TRUE(std::regex_search(l, m, std::regex(R"(\.000000 \((\d+)\) )"))) << l;
+      codes.push_back(std::stoi(m[1]));
+      last = l.size() + 1;
+    }
+    if (std::string(name) != "unit.log") {
+      EXPECT_TRUE(size >= 1024 && size - last < 1024) << name;
+    }
+  }
+  EXPECT_EQ(codes.back(), total);
+  EXPECT_GT(codes.front(), 1);
+  for (size_t i = 1; i < codes.size(); ++i) EXPECT_EQ(codes[i], codes[i - 1] + 1);
+  sf::sfi_setLogLevel(-1);
+}
+
+TEST(LogFile, TemplateShapesTheLineAndUselessOnesAreDroppedOnce) {
+  // format's arguments: 1 timestamp, 2 pid, 3 tid, 4 level, 5 seconds,
+  // 6 microseconds, 7 code, 8 message, 9 file, 10 line.
+  sftest::TempDir dir;
+  initFileLog(dir, 3, 1024, "L%4$s C%7$s <%8$s> %9$s:%10$s us=%6$s\n");
+  sf::sfi_log(3, 7, "hello world", "x.cpp", 12, 0);
+  EXPECT_EQ(sftest::readFile(dir.path() / "unit.log"), "L3 C7 <hello world> x.cpp:12 us=0\n");
+
+  // Failing for one record (a message that is no integer) gives that record
+  // the built-in layout; the template stays.
+  sftest::TempDir dir2;
+  initFileLog(dir2, 3, 1024, "n=%8$d\n");
+  sf::sfi_log(3, 0, "not a number", "x.cpp", 1, 0);
+  sf::sfi_log(3, 0, "42", "x.cpp", 2, 0);
+  std::vector<std::string> ls = lines(dir2.path() / "unit.log");
+  ASSERT_EQ(ls.size(), 2u);
+  EXPECT_NE(ls[0].find("(0) not a number @ x.cpp:1"), std::string::npos);
+  EXPECT_EQ(ls[1], "n=42");
+
+  // Formatting to itself or to nothing drops it, once, with a notice.
+  for (const char* useless : {"constant text", "%8$.0s"}) {
+    sftest::TempDir dir3;
+    initFileLog(dir3, 1, 1024, useless);
+    sf::sfi_log(1, 0, "first", "x.cpp", 1, 0);
+    sf::sfi_log(1, 0, "second", "x.cpp", 2, 0);
+    ls = lines(dir3.path() / "unit.log");
+    ASSERT_EQ(ls.size(), 3u) << useless;
+    EXPECT_NE(ls[0].find("/1]; "), std::string::npos);
+    EXPECT_NE(ls[0].find(std::string(" ignoring invalid format string ") + useless + " @ "),
+              std::string::npos);
+    EXPECT_NE(ls[1].find(" first @ x.cpp:1"), std::string::npos);
+    EXPECT_NE(ls[2].find(" second @ x.cpp:2"), std::string::npos);
+  }
+  sf::sfi_setLogLevel(-1);
+}
+
+TEST(Log, TraceRecordsAtLevelTen) {
+  sftest::LogCapture log(10);
+  int site = 0;
+  sf::trace("trace_site.cpp", &site, 77, "abcdefghij", std::string(40, 't').c_str(), 5, 1, 2, 3);
+  const bool firstSiteOfProcess = site == 0;
+  sf::trace("trace_site.cpp", &site, 78, "tag", "text", -9, 0, 0, 0);
+  // Numbered on first use with a definition record naming the file; only
+  // the very first site of the process keeps 0 and so defines again.
+  std::vector<std::string> defs, records;
+  for (const sftest::Record& r : log.records())
+    (r.msg.rfind("DEF ", 0) == 0 ? defs : records).push_back(r.msg + "@" + std::to_string(r.line));
+  EXPECT_EQ(defs.size(), firstSiteOfProcess ? 2u : 1u);
+  EXPECT_EQ(defs[0], "DEF trace_site.cpp 5 1 2 3@77");
+  EXPECT_EQ(records, (std::vector<std::string>{"abcdefg " + std::string(31, 't') + " 5 1 2 3@77",
+                                               "tag text -9 0 0 0@78"}));
+  log.clear();
+  sf::g_logLevel.store(9);
+  sf::trace("trace_site.cpp", &site, 1, "t", "x", 0, 0, 0, 0);
+  EXPECT_TRUE(log.records().empty());
+}

@@ -1,0 +1,136 @@
+// Mx and Event: recursion, mutual exclusion, the fatal unlock path and the
+// auto-reset event.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include "sf/platform/thread.h"
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace {
+// Gives another thread the chance to run ahead; orders nothing by itself.
+void letOthersRun() {
+  sf::platform::sleep_ms(20);
+}
+}  // namespace
+
+TEST(Mx, RecursiveLockNeedsAsManyUnlocks) {
+  sf::Mx mx;
+  mx.lock();
+  mx.lock();
+  std::atomic<int> stage{0};
+  int seenByOther = -1;
+  std::thread other([&] {
+    sf::MxLock guard(mx);
+    seenByOther = stage.load();
+  });
+  letOthersRun();
+  stage = 1;
+  mx.unlock();
+  letOthersRun();
+  stage = 2;
+  mx.unlock();
+  other.join();
+  EXPECT_EQ(seenByOther, 2);  // it only got in after the second unlock
+
+  // A guard unwinding through an exception releases its level.
+  try {
+    sf::MxLock outer(mx);
+    sf::MxLock inner(&mx);
+    throw sf::Xstate();
+  } catch (const sf::Xstate&) {
+  }
+  std::thread([&] { sf::MxLock guard(mx); }).join();
+
+  // releaseAll gives up every level for a while; relock takes them back.
+  mx.lock();
+  mx.lock();
+  EXPECT_EQ(mx.releaseAll(), 2);
+  std::thread([&] { sf::MxLock guard(mx); }).join();
+  mx.relock(2);
+  mx.unlock();
+  mx.unlock();
+  EXPECT_EQ(mx.releaseAll(), 0);
+}
+
+TEST(Mx, ExcludesOtherThreads) {
+  sf::Mx mx;
+  long counter = 0;  // guarded by nothing but the Mx
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 5000; ++i) {
+        sf::MxLock outer(mx);
+        sf::MxLock inner(mx);
+        counter = counter + 1;
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(counter, 20000);
+}
+
+TEST(MxDeathTest, UnlockWithoutOwningIsFatal) {
+  // Forked children share the parent's directory name; no other thread runs.
+  GTEST_FLAG_SET(death_test_style, "fast");
+  sftest::TempDir dir;
+  EXPECT_EXIT(
+      {
+        std::filesystem::current_path(dir.path());
+        sf::Mx().unlock();  // never locked
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(3), "");
+  std::string dump;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path()))
+    dump += sftest::readFile(entry.path());
+  EXPECT_EQ(dump.rfind("dump file for process ", 0), 0u);
+  EXPECT_NE(dump.find(" Reason for dump: ReleaseMutex\n\n"), std::string::npos) << dump;
+
+  // Held by another thread: releasing it from here is just as fatal.
+  EXPECT_EXIT(
+      {
+        std::filesystem::current_path(dir.path());
+        sf::Mx mx;
+        std::thread([&] { mx.lock(); }).join();
+        mx.unlock();
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(3), "");
+}
+
+TEST(Event, AutoResetKeepsOneSignal) {
+  sf::Event ev;
+  EXPECT_FALSE(ev.wait_ms(0));
+  ev.notify();  // nobody waits: kept for the next wait
+  EXPECT_TRUE(ev.wait_ms(10000));
+  EXPECT_FALSE(ev.wait_ms(0));  // consumed
+  ev.notify();
+  ev.notify();  // not counted: one wait is released
+  ev.wait();
+  EXPECT_FALSE(ev.wait_ms(20));
+
+  // A waiter blocked first is released by a later notify, and the ping-pong
+  // of two events loses no wake-up.
+  sf::Event pong;
+  int answered = 0;
+  std::thread responder([&] {
+    for (int i = 0; i < 2000; ++i) {
+      ev.wait();
+      ++answered;
+      pong.notify();
+    }
+  });
+  letOthersRun();
+  for (int i = 0; i < 2000; ++i) {
+    ev.notify();
+    pong.wait();
+  }
+  responder.join();
+  EXPECT_EQ(answered, 2000);
+}

@@ -1,0 +1,236 @@
+// SfBerComponentEncoder: exact encodings, insertion at the cursor, wrapping,
+// deletion, copies, and round trips through the decoder.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+using sfber::SfBerComponent;
+using sfber::SfBerComponentEncoder;
+using Bytes = std::vector<unsigned char>;
+
+namespace {
+
+Bytes bytesOf(const SfBerComponentEncoder& e) {
+  const sf::Buffer* b = e.getROBuffer();
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(b->data);
+  return b->size() ? Bytes(p, p + b->size()) : Bytes();
+}
+
+int berCodeOf(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const sf::Xber& e) {
+    return e.GetError();
+  }
+  return 0;
+}
+
+Bytes integer(int v) {
+  SfBerComponentEncoder e;
+  e.InsertInteger(v, 0x02);
+  return bytesOf(e);
+}
+
+}  // namespace
+
+TEST(BerEncoder, IntegerEncodings) {
+  EXPECT_EQ(integer(0), (Bytes{0x02, 0x01, 0x00}));
+  EXPECT_EQ(integer(127), (Bytes{0x02, 0x01, 0x7F}));
+  EXPECT_EQ(integer(128), (Bytes{0x02, 0x02, 0x00, 0x80}));
+  EXPECT_EQ(integer(256), (Bytes{0x02, 0x02, 0x01, 0x00}));
+  EXPECT_EQ(integer(-1), (Bytes{0x02, 0x01, 0xFF}));
+  EXPECT_EQ(integer(-127), (Bytes{0x02, 0x01, 0x81}));
+  // The extra octet for negatives whose magnitude fills the top bit.
+  EXPECT_EQ(integer(-128), (Bytes{0x02, 0x02, 0xFF, 0x80}));
+  EXPECT_EQ(integer(-129), (Bytes{0x02, 0x02, 0xFF, 0x7F}));
+  EXPECT_EQ(integer(-32768), (Bytes{0x02, 0x03, 0xFF, 0x80, 0x00}));
+  EXPECT_EQ(integer(2147483647), (Bytes{0x02, 0x04, 0x7F, 0xFF, 0xFF, 0xFF}));
+  EXPECT_EQ(integer(-2147483647), (Bytes{0x02, 0x04, 0x80, 0x00, 0x00, 0x01}));
+
+  // Every value the encoder accepts reads back the same.
+  std::mt19937 rng(7);
+  std::vector<int> values{0,        1,        -1,         127,        128,     -128,
+                          -129,     255,      256,        -255,       -256,    32767,
+                          32768,    -32767,   -32768,     -32769,     8388607, 8388608,
+                          -8388608, -8388609, 2147483647, -2147483647};
+  for (int i = 0; i < 2000; ++i) values.push_back(static_cast<int>(rng()) >> (rng() % 31));
+  SfBerComponentEncoder e;
+  for (int v : values)
+    if (v != -2147483647 - 1) e.InsertInteger(v, 0x02);
+  e.ValidateStructure();
+  unsigned n = 1;
+  for (int v : values) {
+    if (v == -2147483647 - 1) continue;
+    ASSERT_EQ(e.GetInteger(n++), v);
+  }
+}
+
+TEST(BerEncoder, LengthAndTagEncodings) {
+  SfBerComponentEncoder e;
+  e.InsertOctetString(std::string(200, 'x'), 0x04);
+  Bytes b = bytesOf(e);
+  EXPECT_EQ(Bytes(b.begin(), b.begin() + 3), (Bytes{0x04, 0x81, 0xC8}));
+  EXPECT_EQ(b.size(), 203u);
+
+  SfBerComponentEncoder f;
+  f.InsertOctetString(std::string(256, 'y'), 0x04);
+  b = bytesOf(f);
+  EXPECT_EQ(Bytes(b.begin(), b.begin() + 4), (Bytes{0x04, 0x82, 0x01, 0x00}));
+
+  SfBerComponentEncoder g;
+  EXPECT_EQ(g._encodeLength(127), 1u);
+  EXPECT_EQ(g._encodeLength(128), 2u);
+  EXPECT_EQ(g._encodeLength(65536), 4u);
+  EXPECT_EQ(g._encodeLength(0x01020304), 5u);
+  EXPECT_EQ(bytesOf(g),
+            (Bytes{0x7F, 0x81, 0x80, 0x83, 0x01, 0x00, 0x00, 0x84, 0x01, 0x02, 0x03, 0x04}));
+
+  // A tag that does not fit one octet: what came before stays.
+  SfBerComponentEncoder h;
+  h.InsertInteger(5, 0x02);
+  sftest::LogCapture log(3);
+  try {
+    h.InsertChunk(0x1FF, "ab", 2, true);
+    FAIL() << "no exception";
+  } catch (const sf::Xber& x) {
+    EXPECT_EQ(x.GetError(), sf::Ber::TAG_OUT_OF_BOUNDS);
+  }
+  EXPECT_TRUE(log.contains("exception tagbnds:sf::Xber( sf::Ber::TAG_OUT_OF_BOUNDS ) thrown at "));
+  EXPECT_EQ(bytesOf(h), (Bytes{0x02, 0x01, 0x05}));
+}
+
+TEST(BerEncoder, WrappingAComponent) {
+  // Two items re-encoded under a new SEQUENCE, with the total in front.
+  sf::Buffer src;
+  const unsigned char two[] = {0x02, 0x01, 0x05, 0x04, 0x02, 'h', 'i'};
+  src.append(two, sizeof two);
+  SfBerComponent comp;
+  comp.AssignPDU(&src, 0, src.size());
+  comp.ValidateStructure();
+  SfBerComponentEncoder e;
+  e.InsertChunk(0x30, comp, true);
+  EXPECT_EQ(bytesOf(e), (Bytes{0x30, 0x07, 0x02, 0x01, 0x05, 0x04, 0x02, 'h', 'i'}));
+  EXPECT_EQ(e.GetItemOffset(), 9u);
+
+  // The encoder's own length form replaces the source's; nested content is
+  // copied as it stands.
+  sf::Buffer longForm;
+  const unsigned char lf[] = {0x04, 0x81, 0x01, 'z',  0x30, 0x82,
+                              0x00, 0x04, 0x02, 0x81, 0x01, 0x09};
+  longForm.append(lf, sizeof lf);
+  SfBerComponent lc;
+  lc.AssignPDU(&longForm, 0, longForm.size());
+  lc.ValidateStructure();
+  SfBerComponentEncoder w;
+  w.InsertSet(lc, 0x31);
+  EXPECT_EQ(bytesOf(w), (Bytes{0x31, 0x09, 0x04, 0x01, 'z', 0x30, 0x04, 0x02, 0x81, 0x01, 0x09}));
+  // Without encodeLength no outer length is written.
+  SfBerComponentEncoder raw;
+  raw.InsertChunk(0x30, comp, false);
+  EXPECT_EQ(bytesOf(raw), (Bytes{0x30, 0x02, 0x01, 0x05, 0x04, 0x02, 'h', 'i'}));
+
+  // Wrapping the encoder's own items, and a long total.
+  SfBerComponentEncoder self;
+  self.InsertOctetString(std::string(150, 'q'), 0x04);
+  self.InsertInteger(1, 0x02);
+  self.InsertChunk(0x30, self, true);
+  Bytes b = bytesOf(self);
+  ASSERT_EQ(b.size(), 156u + 159u);
+  EXPECT_EQ(Bytes(b.begin() + 156, b.begin() + 159), (Bytes{0x30, 0x81, 0x9C}));
+  EXPECT_EQ(Bytes(b.begin(), b.begin() + 156), Bytes(b.begin() + 159, b.end()));
+}
+
+TEST(BerEncoder, InsertAtCursorAndDelete) {
+  // Content first, then the header in front of it.
+  SfBerComponentEncoder e;
+  e.InsertInteger(1, 0x02);
+  e.InsertOctetString("abc", 0x04);
+  e.InsertInteger(3, 0x02);
+  e.SetItem(2);
+  e.InsertInteger(2, 0x02);  // goes in before "abc"
+  e.ValidateStructure();
+  EXPECT_EQ(e.GetInteger(1), 1);
+  EXPECT_EQ(e.GetInteger(2), 2);
+  EXPECT_EQ(e.GetOctetString(3), "abc");
+  EXPECT_EQ(e.GetInteger(4), 3);
+
+  // DeleteItem after FirstItem removes exactly the first item and leaves
+  // the cursor on the next one's first octet.
+  e.FirstItem();
+  e.DeleteItem();
+  EXPECT_EQ(e.GetItemOffset(), 0u);
+  EXPECT_EQ(bytesOf(e), (Bytes{0x02, 0x01, 0x02, 0x04, 0x03, 'a', 'b', 'c', 0x02, 0x01, 0x03}));
+  e.SetItem(2);
+  e.DeleteItem();
+  EXPECT_EQ(bytesOf(e), (Bytes{0x02, 0x01, 0x02, 0x02, 0x01, 0x03}));
+  EXPECT_EQ(e.GetLength(), 6u);
+  e.SetItem(2);
+  e.DeleteItem();
+  e.FirstItem();
+  e.DeleteItem();
+  EXPECT_TRUE(bytesOf(e).empty());
+  EXPECT_EQ(berCodeOf([&] { e.DeleteItem(); }), sf::Ber::INSUFFICENT_DATA);
+}
+
+TEST(BerEncoder, CopiesAreIndependent) {
+  SfBerComponentEncoder a;
+  a.InsertInteger(1, 0x02);
+  SfBerComponentEncoder b(a);
+  b.InsertInteger(2, 0x02);
+  a.InsertOctetString("x", 0x04);
+  EXPECT_EQ(bytesOf(a), (Bytes{0x02, 0x01, 0x01, 0x04, 0x01, 'x'}));
+  EXPECT_EQ(bytesOf(b), (Bytes{0x02, 0x01, 0x01, 0x02, 0x01, 0x02}));
+  EXPECT_NE(a.getROBuffer(), b.getROBuffer());
+  b = a;
+  a.FirstItem();
+  a.DeleteItem();
+  EXPECT_EQ(bytesOf(b), (Bytes{0x02, 0x01, 0x01, 0x04, 0x01, 'x'}));
+  std::unique_ptr<sf::Buffer> out(b.getBuffer());
+  EXPECT_NE(out.get(), b.getROBuffer());
+  ASSERT_EQ(out->size(), 6u);
+  b.InsertInteger(9, 0x02);
+  EXPECT_EQ(out->size(), 6u);
+}
+
+TEST(BerEncoder, LdapMessageRoundTrip) {
+  // A search request as an LDAP client builds it: inner parts first, each
+  // wrapped under its tag, then read back with the decoder.
+  SfBerComponentEncoder attrs;
+  attrs.InsertOctetString("cn", 0x04);
+  attrs.InsertOctetString("mail", 0x04);
+  SfBerComponentEncoder req;
+  req.InsertOctetString("dc=example,dc=com", 0x04);
+  req.InsertInteger(2, 0x0A);
+  req.InsertInteger(0, 0x0A);
+  req.InsertInteger(0, 0x02);
+  req.InsertInteger(0, 0x02);
+  req.InsertChunk(0x01, "\x00", 1, true);
+  req.InsertOctetString("objectClass", 0x87);
+  req.InsertChunk(0x30, attrs, true);
+  SfBerComponentEncoder msg;
+  msg.InsertInteger(7, 0x02);
+  msg.InsertChunk(0x63, req, true);
+  SfBerComponentEncoder top;
+  top.InsertChunk(0x30, msg, true);
+
+  std::unique_ptr<sf::Buffer> wire(top.getBuffer());
+  SfBerComponent pdu;
+  pdu.AssignPDU(wire.get(), 0, wire->size());
+  pdu.ValidateStructure();
+  SfBerComponent m = pdu.GetSequence(1);
+  EXPECT_EQ(m.GetInteger(1), 7);
+  EXPECT_EQ(m.GetItemIdentifier(2), 0x43);
+  SfBerComponent r = m.GetSequence(2);
+  EXPECT_EQ(r.GetOctetString(1), "dc=example,dc=com");
+  EXPECT_EQ(r.GetInteger(2), 2);
+  EXPECT_EQ(r.GetOctetString(7), "objectClass");
+  SfBerComponent a = r.GetSequence(8);
+  EXPECT_EQ(a.GetOctetString(2), "mail");
+}

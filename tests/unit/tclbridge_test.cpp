@@ -1,0 +1,215 @@
+// The Tcl bridge: variables, evaluation, script files, list splitting and
+// the command dispatcher.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <list>
+#include <string>
+
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+int throwsBounds(int, const char**) {
+  throw sf::Xbounds(10, 12);
+}
+int throwsText(int, const char**) {
+  throw "no queue";
+}
+int throwsOther(int, const char**) {
+  throw 42;
+}
+int failsPlainly(int, const char**) {
+  sf::setRes("plain failure");
+  return 1;
+}
+// "n=<count>" then each word as one more list element.
+int echoWords(int argc, const char** argv) {
+  sf::setRes("n=");
+  sf::appRes(std::to_string(argc).c_str());
+  for (int i = 1; i < argc; ++i) sf::appResElem(argv[i]);
+  return 0;
+}
+int readGlobal(int, const char**) {
+  sf::setRes(sf::getVarStr("shadow", "absent").c_str());
+  return 0;
+}
+// Evaluates again under the lock its caller already holds.
+int nested(int, const char** argv) {
+  sf::setRes(("nested:" + sf::eval(argv[1])).c_str());
+  return 0;
+}
+
+void registerOnce() {
+  static bool done = false;
+  if (done) return;
+  done = true;
+  sftest::ensureInterp();
+  sf::exportProc("t_bounds", throwsBounds);
+  sf::exportProc("t_text", throwsText);
+  sf::exportProc("t_other", throwsOther);
+  sf::exportProc("t_fail", failsPlainly);
+  sf::exportProc("t_echo", echoWords);
+  sf::exportProc("t_global", readGlobal);
+  sf::exportProc("t_nested", nested);
+}
+
+}  // namespace
+
+TEST(TclBridge, VariablesAreGlobalWithDefaults) {
+  registerOnce();
+  EXPECT_EQ(sf::getVarInt("unit.unset", 7), 7);
+  EXPECT_EQ(sf::getVarStr("unit.unset", "fallback"), "fallback");
+  sf::setVarInt("unit.int", 9);
+  EXPECT_EQ(sf::getVarInt("unit.int", 7), 9);
+  sf::setVarStr("unit.str", "two words");
+  EXPECT_EQ(sf::eval("set unit.str"), "two words");  // a dotted name is one global
+  sf::eval("set unit.hex 0x10");
+  EXPECT_EQ(sf::getVarInt("unit.hex", 0), 16);  // an integer as Tcl reads one
+
+  sftest::LogCapture log(3);
+  sf::setVarStr("unit.int", "abc");
+  try {
+    sf::getVarInt("unit.int", 7);
+    FAIL() << "no exception";
+  } catch (const sf::Xtcl& x) {
+    EXPECT_EQ(x.str().rfind("2-8tcl code: ", 0), 0u) << x.str();
+    EXPECT_NE(x.str().find(" error info: expected integer but got \"abc\""), std::string::npos);
+  }
+  EXPECT_TRUE(log.contains("exception getVarInt:Xtcl() thrown at "));
+
+  // Commands read globals even when called from a proc with a local of the
+  // same name.
+  sf::setVarStr("shadow", "global value");
+  EXPECT_EQ(sf::eval("proc unit_p {} { set shadow local; t_global }; unit_p"), "global value");
+}
+
+TEST(TclBridge, EvalLogsAndThrowsXtclWithThisError) {
+  sftest::ensureInterp();
+  sftest::LogCapture log(6);
+  EXPECT_EQ(sf::eval("expr {6 * 7}"), "42");
+  EXPECT_EQ(log.messages(6), std::vector<std::string>{"eval expr {6 * 7}"});
+  EXPECT_EQ(log.messages(3), std::vector<std::string>{"eval expr {6 * 7}->42"});
+
+  log.clear();
+  try {
+    sf::eval("error unit-failure {} {UNIT CODE}");
+    FAIL() << "no exception";
+  } catch (const sf::Xtcl& x) {
+    EXPECT_EQ(x.str().rfind("2-8tcl code: UNIT CODE error info: unit-failure\n", 0), 0u) << x.str();
+  }
+  std::vector<std::string> errors = log.messages(3);
+  ASSERT_EQ(errors.size(), 2u);
+  EXPECT_EQ(errors[0], "eval error unit-failure {} {UNIT CODE} -> error 1");
+  EXPECT_EQ(errors[1].rfind("exception eval:Xtcl() thrown at ", 0), 0u);
+  EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);  // released on the way out
+
+  // Scripts of every length around the 512-byte stack copy.
+  for (size_t len : {size_t(0), size_t(495), size_t(496), size_t(497), size_t(9000)}) {
+    const std::string script = "string length {" + std::string(len, 'x') + "}";
+    EXPECT_EQ(sf::eval(script.c_str()), std::to_string(len)) << script.size();
+  }
+
+  // The quiet evaluation logs nothing of its own and throws a plain "tcl".
+  log.clear();
+  sf::g_logLevel.store(9);
+  EXPECT_EQ(sf::sfi_quietEval("format %s-%s a b"), "a-b");
+  try {
+    sf::sfi_quietEval("error quiet");
+    FAIL() << "no exception";
+  } catch (const char* text) {
+    EXPECT_STREQ(text, "tcl");
+  }
+  EXPECT_TRUE(log.records().empty());
+  EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);
+}
+
+TEST(TclBridge, EvalFileTriesThreePlaces) {
+  sftest::ensureInterp();
+  sftest::TempDir data, root;
+  fs::create_directories(root.path() / "etc");
+  sf::sfi_setDirectories(data.str(), root.str());
+  sftest::writeFile(root.path() / "etc" / "unit_cfg.tcl", "set unit.from root");
+  sftest::writeFile(data.path() / "unit_cfg.tcl", "set unit.from data");
+  sftest::writeFile(root.path() / "etc" / "unit_rootonly.tcl", "set unit.from rootonly");
+  sftest::writeFile(data.path() / "given.tcl", "set unit.from given");
+  sf::evalFile("unit_cfg.tcl");  // not in the current directory: data wins
+  EXPECT_EQ(sf::getVarStr("unit.from", ""), "data");
+  sf::evalFile("unit_rootonly.tcl");
+  EXPECT_EQ(sf::getVarStr("unit.from", ""), "rootonly");
+  sf::evalFile((data.path() / "given.tcl").c_str());
+  EXPECT_EQ(sf::getVarStr("unit.from", ""), "given");
+
+  // Nowhere: the root candidate is used anyway and fails.
+  try {
+    sf::evalFile("unit_nowhere.tcl");
+    FAIL() << "no exception";
+  } catch (const sf::Xtcl& x) {
+    EXPECT_NE(x.errorInfo.find((root.path() / "etc" / "unit_nowhere.tcl").string()),
+              std::string::npos);
+  }
+  // A failing file keeps its own error in the exception even though the
+  // event report evaluates a translation that fails too (no catalogue).
+  sf::setVarInt("sf.log.useevorsyslog", 1);
+  sftest::writeFile(data.path() / "unit_bad.tcl", "set a 1\nerror unit-bad-file");
+  try {
+    sf::evalFile("unit_bad.tcl");
+    FAIL() << "no exception";
+  } catch (const sf::Xtcl& x) {
+    EXPECT_EQ(x.errorInfo.rfind("unit-bad-file\n", 0), 0u) << x.errorInfo;
+  }
+  sf::setVarInt("sf.log.useevorsyslog", 0);
+  EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);
+
+  // Script words: everything from index 1 that is not an option.
+  sftest::writeFile(data.path() / "a.tcl", "incr unit.count");
+  sf::setVarInt("unit.count", 0);
+  const char* argv[] = {"host", "-x", "a.tcl", "a.tcl", nullptr};
+  sf::evalScript(1, argv);  // argc is not consulted
+  EXPECT_EQ(sf::getVarInt("unit.count", -1), 2);
+}
+
+TEST(TclBridge, SplitAppendsElements) {
+  sftest::ensureInterp();
+  std::list<std::string> out{"kept"};
+  sf::tclsplit("a {b c} d", out);
+  EXPECT_EQ(out, (std::list<std::string>{"kept", "a", "b c", "d"}));
+  sftest::LogCapture log(3);
+  EXPECT_THROW(sf::tclsplit("a {b", out), sf::Xtcl);
+  EXPECT_EQ(out.size(), 4u);
+  EXPECT_TRUE(log.contains("exception tclsplit:Xtcl() thrown at "));
+}
+
+TEST(TclBridge, DispatcherKeepsExceptionsOutOfTcl) {
+  registerOnce();
+  EXPECT_EQ(sf::findProc("t_echo"), &echoWords);
+  EXPECT_EQ(sf::findProc("t_missing"), nullptr);
+
+  sftest::LogCapture log(7);
+  EXPECT_EQ(sf::eval("t_echo a {b c}"), "n=3 a {b c}");
+  EXPECT_EQ(log.messages(7), std::vector<std::string>{"eval t_echo a b c "});  // word + space
+
+  log.clear();
+  EXPECT_THROW(sf::eval("t_bounds"), sf::Xtcl);
+  std::vector<std::string> errors = log.messages(3);
+  ASSERT_EQ(errors.size(), 3u);
+  EXPECT_EQ(errors[0], "tcl:eval caught exception - 2-2 range=10; index=12");
+  EXPECT_EQ(errors[1], "eval t_bounds -> error 1");
+
+  log.clear();
+  EXPECT_EQ(sf::eval("catch t_text"), "1");  // an ordinary Tcl error
+  EXPECT_EQ(log.messages(1),
+            std::vector<std::string>{"tcl:eval caught string exception - no queue"});
+  log.clear();
+  EXPECT_EQ(sf::eval("catch t_other"), "1");
+  EXPECT_EQ(log.messages(3)[0], "tcl:eval caught unknown exception");
+
+  // A procedure's own status and result pass through; commands run under
+  // the lock and may evaluate again.
+  EXPECT_EQ(sf::eval("list [catch t_fail msg] $msg"), "1 {plain failure}");
+  EXPECT_EQ(sf::eval("t_nested {t_nested {expr 1+1}}"), "nested:nested:2");
+  EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);
+}
