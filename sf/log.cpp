@@ -193,7 +193,15 @@ void sfi_logInit() {
   g_initialised.store(true, std::memory_order_release);
 }
 
-void sfi_setLogFileLockHooks(const LogFileLockHooks* hooks) { g_file.setLockHooks(hooks); }
+void sfi_setLogFileLockHooks(const LogFileLockHooks* hooks) {
+  // Not while a record is being written: it would unlock what it never locked.
+  if (g_logLock) {
+    MxLock guard(*g_logLock);
+    g_file.setLockHooks(hooks);
+  } else {
+    g_file.setLockHooks(hooks);
+  }
+}
 
 namespace {
 std::atomic<int> g_nextTraceSite{0};

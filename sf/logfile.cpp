@@ -42,9 +42,10 @@ std::string LogFile::numberedPath(int n) const {
 }
 
 LogFile::Failure LogFile::write(const std::string& line) {
-  if (hooks_.lock) hooks_.lock();
+  const LogFileLockHooks hooks = hooks_;  // the same pair around the whole write
+  if (hooks.lock) hooks.lock();
   Failure failure = writeUnderHooks(line);
-  if (hooks_.unlock) hooks_.unlock();
+  if (hooks.unlock) hooks.unlock();
   return failure;
 }
 

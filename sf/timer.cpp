@@ -139,13 +139,21 @@ void timerThread(void*) {
       SF_LOG(8, "now %d.%d < next %d.%d, waiting for event/sleeping", static_cast<int>(n.sec),
              static_cast<int>(n.usec), static_cast<int>(next.sec), static_cast<int>(next.usec));
       t.mx.unlock();
-      std::uint32_t ms;
+      // Whole seconds in milliseconds plus the microsecond difference,
+      // borrowing a second when next's microseconds are below now's. Worked
+      // out in 64 bits and capped, so a delay of more than 49 days does not
+      // wrap into a short wait; the thread simply waits again.
+      std::uint64_t ms;
       if (next.usec < n.usec)
-        ms = (next.sec - n.sec - 1) * 1000 + (next.usec + 1000000 - n.usec) / 1000;
+        ms = (std::uint64_t(next.sec) - n.sec - 1) * 1000 + (next.usec + 1000000 - n.usec) / 1000;
       else
-        ms = (next.sec - n.sec) * 1000 + (next.usec - n.usec) / 1000;
+        ms = (std::uint64_t(next.sec) - n.sec) * 1000 + (next.usec - n.usec) / 1000;
+      if (ms > 0xfffffffe) ms = 0xfffffffe;
+      // The clock moves in whole milliseconds: a shorter wait would only
+      // spin until the next tick.
+      if (ms == 0) ms = 1;
       SF_LOG(8, "unlocking and waiting %d", static_cast<int>(ms));
-      bool signalled = t.wake.wait_ms(ms);
+      bool signalled = t.wake.wait_ms(static_cast<std::uint32_t>(ms));
       // 1: woken by a change to the list; 0: the time ran out.
       SF_LOG(8, "wait done status=%d..locking", signalled ? 1 : 0);
       t.mx.lock();
@@ -174,9 +182,15 @@ void timerThread(void*) {
 
 int sf_mkTmr(int argc, const char** argv) {
   if (argc < 3) return 1;
+  int secondsArg = atoi(argv[2]);
+  int microsArg = argc == 4 ? atoi(argv[3]) : 0;
+  if (secondsArg < 0 || microsArg < 0) {
+    SF_LOG(1, "sf_mkTmr: negative delay %d %d refused", secondsArg, microsArg);
+    return 1;
+  }
   MessageQ* q = getQ(argv[1]);
-  unsigned seconds = static_cast<unsigned>(atoi(argv[2]));
-  unsigned micros = argc == 4 ? static_cast<unsigned>(atoi(argv[3])) : 0;
+  unsigned seconds = static_cast<unsigned>(secondsArg);
+  unsigned micros = static_cast<unsigned>(microsArg);
   Message* m = new Message;
   m->data = new Buffer;
   TimeoutId id = mkTimeout_rel(seconds, micros, q, m);

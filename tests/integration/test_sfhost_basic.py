@@ -203,6 +203,37 @@ class SfhostTest(unittest.TestCase):
                     except FileNotFoundError:
                         pass
 
+    def test_installed_tree_finds_its_site_without_options(self):
+        with tempfile.TemporaryDirectory(prefix="sfhost-prefix-") as prefix:
+            r = subprocess.run(["cmake", "--install", BUILD, "--prefix", prefix],
+                               capture_output=True, text=True, timeout=300)
+            self.assertEqual(r.returncode, 0, r.stderr)
+            for rel in ("bin/sfhost", "etc/config.tcl", "etc/start.tcl", "etc/sf_events.msg"):
+                self.assertTrue(os.path.exists(os.path.join(prefix, rel)), rel)
+            env = {k: v for k, v in os.environ.items()
+                   if not k.startswith(("SF", "TAVO", "ESTAT"))}
+            env["TAVODATDIR"] = prefix
+            try:
+                p = subprocess.Popen([os.path.join(prefix, "bin", "sfhost"), "-l"], cwd=prefix,
+                                     env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                     text=True)
+                seen = []
+                for line in p.stderr:
+                    seen.append(line)
+                    if "started: root" in line:
+                        break
+                p.send_signal(signal.SIGTERM)
+                out, err = p.communicate(timeout=60)
+                err = "".join(seen) + err
+                self.assertEqual(p.returncode, 0, err)
+                self.assertIn("started: root %s," % prefix, err)
+            finally:
+                for name in shm_names(prefix):
+                    try:
+                        os.unlink("/dev/shm/" + name)
+                    except FileNotFoundError:
+                        pass
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

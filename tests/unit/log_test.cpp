@@ -158,6 +158,17 @@ TEST(LogFile, BuiltInLayoutOneOpenPerRecord) {
   sf::sfi_log(3, 0, "after the move", "src/x.cpp", 14, 0);
   EXPECT_EQ(lines(dir.path() / "moved.log").size(), 1u);
   EXPECT_EQ(lines(dir.path() / "unit.log").size(), 1u);
+
+  // The cross-process lock seam: one lock/unlock pair around each write.
+  static int locks, unlocks;
+  locks = unlocks = 0;
+  const sf::LogFileLockHooks hooks{[] { ++locks; }, [] { ++unlocks; }};
+  sf::sfi_setLogFileLockHooks(&hooks);
+  sf::sfi_log(3, 0, "one", "f", 1, 0);
+  sf::sfi_log(3, 0, "two", "f", 1, 0);
+  sf::sfi_setLogFileLockHooks(nullptr);
+  sf::sfi_log(3, 0, "three", "f", 1, 0);
+  EXPECT_EQ(locks * 10 + unlocks, 22);
   sf::sfi_setLogLevel(-1);
 }
 

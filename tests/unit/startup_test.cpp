@@ -144,6 +144,36 @@ TEST_F(Startup, DirectoriesComeFromOptionsThenEnvironmentThenDefaults) {
   EXPECT_EXIT(child5(), ::testing::ExitedWithCode(0), "");
 }
 
+TEST_F(Startup, TclLibraryShippedWithTheSiteIsUsedUnlessTclLibraryIsSet) {
+  fs::path system;
+  for (const char* d : {"/usr/share/tcltk/tcl8.6", "/usr/lib/tcl8.6", "/usr/share/tcl8.6"}) {
+    if (fs::exists(fs::path(d) / "init.tcl")) system = d;
+  }
+  if (system.empty()) GTEST_SKIP() << "no Tcl library found to ship";
+  TempDir site;
+  makeSite(site.path(), "");
+  fs::create_directory_symlink(system, site.path() / "etc" / "tcl8.6");
+  setenv("SFROOTDIR", site.str().c_str(), 1);
+  std::string shipped = (site.path() / "etc" / "tcl8.6").string();
+  auto withoutVariable = [&]() {
+    const char* argv[] = {"host", nullptr};
+    int argc = 1;
+    sf::initTcl(argc, argv);
+    check(sf::eval("info library") == shipped, "tcl_library is root/etc/tcl8.6");
+    finishChild();
+  };
+  EXPECT_EXIT(withoutVariable(), ::testing::ExitedWithCode(0), "");
+  setenv("TCL_LIBRARY", system.c_str(), 1);
+  auto withVariable = [&]() {
+    const char* argv[] = {"host", nullptr};
+    int argc = 1;
+    sf::initTcl(argc, argv);
+    check(sf::eval("info library") != shipped, "TCL_LIBRARY leaves tcl_library alone");
+    finishChild();
+  };
+  EXPECT_EXIT(withVariable(), ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(Startup, TclLibraryThatFailsIsAFatalStartUpError) {
   TempDir site;
   makeSite(site.path(), "");
