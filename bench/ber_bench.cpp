@@ -66,6 +66,7 @@ void report(benchmark::State& state, const Corpus& c) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * c.bytes));
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * c.der.size()));
   state.counters["certs"] = static_cast<double>(c.der.size());
+  state.counters["corpus_bytes"] = static_cast<double>(c.bytes);
 }
 
 // Visits every item: identifier, length, and the content of constructed

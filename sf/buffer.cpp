@@ -178,7 +178,10 @@ void Buffer::dump(FILE* out, int from) const {
 
 void Buffer::dumpBin(FILE* out, int from) const {
   const unsigned char* p = reinterpret_cast<const unsigned char*>(getROPtr(from));
-  std::uint64_t len = used - static_cast<std::uint64_t>(static_cast<std::int64_t>(from));
+  // getROPtr has refused a start past the end unless nothing is allocated;
+  // then there is nothing to list.
+  std::uint64_t start = static_cast<std::uint64_t>(static_cast<std::int64_t>(from));
+  std::uint64_t len = p && start < used ? used - start : 0;
   for (std::uint64_t off = 0;; off += 16, p += 16) {
     bool last = false;
     fprintf(out, "0x%5.5X: ", static_cast<unsigned>(off));

@@ -16,17 +16,28 @@ struct Command {
 };
 
 const Command kCommands[] = {
+    {"bind", sfi_cmd_bind},
     {"spinThread", sfi_cmd_spinThread},
     {"mkQ", sfi_cmd_mkQ},
     {"enQ", sfi_cmd_enQ},
     {"sfenv", sfi_cmd_sfenv},
     {"dummyWorker", sfi_cmd_dummyWorker},
     {"sf_dumpMsg", sfi_cmd_sf_dumpMsg},
+    {"sf_echo", sfi_cmd_sf_echo},
+    {"sfi_pipeEnv", sfi_cmd_sfi_pipeEnv},
+    {"sfload", sfi_cmd_sfload},
+    {"sf_quiesce", sfi_cmd_sf_quiesce},
+    {"sf_ping", sfi_cmd_sf_ping},
     {"sf_dump", sfi_cmdDump},
     {"sfThreadId", sfi_cmd_sfThreadId},
     {"sf_event", sfi_cmdEvent},
     {"sf_log", sfi_cmdLog},
     {"status", sfi_cmd_status},
+    // Beyond the fixed seventeen: raw TCP services and process hand-over.
+    {"tcpReader", sfi_cmd_tcpReader},
+    {"sf_handover", sfi_cmd_sf_handover},
+    {"sf_receiveEnv", sfi_cmd_sf_receiveEnv},
+    {"sf_startupOk", sfi_cmd_sf_startupOk},
     {nullptr, nullptr},  // end of table
 };
 }  // namespace

@@ -13,6 +13,7 @@
 #include "sf/sferr.h"
 #include "sf/sflib.h"
 #include "sf/tcl.h"
+#include "sf/timer.h"
 
 #define NET_TRACE(tag, text, value, a)                                                 \
   do {                                                                                 \
@@ -87,13 +88,16 @@ i_Connection::i_Connection(socket_t fd_)
   r.byId[id] = this;
 }
 
+void sfi_unregister(i_Connection* rec) {
+  auto& r = registry();
+  MxLock guard(r.lock);
+  auto it = r.byId.find(rec->id);
+  if (it != r.byId.end() && it->second == rec) r.byId.erase(it);
+}
+
 i_Connection::~i_Connection() {
-  {
-    auto& r = registry();
-    MxLock guard(r.lock);
-    auto it = r.byId.find(id);
-    if (it != r.byId.end() && it->second == this) r.byId.erase(it);
-  }
+  sfi_unregister(this);
+  if (idleTimer) rmTimeout(TimeoutId(idleTimer));
   close();
   delete top;
   top = nullptr;
@@ -111,14 +115,15 @@ void i_Connection::close() {
     std::lock_guard<std::mutex> guard(aux);
     queues = closeNotify;
   }
-  (void)queues;  // close notices are posted once queues exist in the library
+  std::string sid = sfi_fmtlog("%u", static_cast<unsigned>(id));
+  for (MessageQ* q : queues) sfi_postCloseNotice(q, sid);
   // Shut down now so that the peer sees the close at once and any thread
   // blocked on the socket returns; the descriptor itself is released with
   // the record, so its number cannot be reused under a thread that still
   // holds it.
   platform::sock_shutdown(s);
   heldFd = s;
-  if (port) port->wakeup.notify();
+  if (port) port->wake();
 }
 
 // ---- handles ----
@@ -158,9 +163,11 @@ Connection::~Connection() {
   std::uint32_t n = --r->refs;
   NET_TRACE("~con", "", n, r->id);
   if (n == 0) {
-    // Last handle: let the adaptors know, then destroy the record. The
-    // count goes back to one for the duration so that copies the adaptors
-    // make come and go without a second destruction.
+    // Last handle. Leave the registry first, so that nobody can find the
+    // record and take a new handle on it; then let the adaptors know and
+    // destroy it. The count goes back to one for the duration so that
+    // copies the adaptors make come and go without a second destruction.
+    sfi_unregister(r);
     r->refs = 1;
     reserve();
     try {
@@ -171,10 +178,9 @@ Connection::~Connection() {
     try {
       unreserve(false);
     } catch (const X&) {
-      // a closing() that unreserved everything already
+      // closing() already dropped every reservation
     }
     r->refs = 0;
-    rec_ = nullptr;
     delete r;
   }
   rec_ = nullptr;
@@ -201,7 +207,7 @@ void Connection::unreserve(bool all) {
     if (left > 0) return;
   }
   SF_LOG(5, "conn %llu/%d now unreserved", static_cast<ull>(rec_->fd.load()), rec_->id);
-  if (rec_->port) rec_->port->wakeup.notify();
+  if (rec_->port) rec_->port->wake();
 }
 
 Adaptor* Connection::getAdaptor() const {
@@ -316,6 +322,10 @@ Connection tcp_accept(Port& port) {
   ic->fd = s;
   ic->port = p;
   platform::set_rcvtimeo_ms(s, ic->readTimeout_s * 1000u);
+  // A peer that stops reading must not hold a worker in send() for ever: a
+  // send that makes no progress for as long as a read may wait fails, the
+  // worker rejects and the connection closes.
+  platform::set_sndtimeo_ms(s, ic->readTimeout_s * 1000u);
   std::string ip;
   int portno = 0;
   if (platform::peer_name(s, &ip, &portno) != 0)

@@ -52,6 +52,11 @@ std::map<std::string, MessageQ*>& registry() {
 
 int traceEnQ = 0, traceEnQfull = 0, traceDeQ = 0;
 
+// A release that fails means the lock discipline is broken.
+void release(platform::RecursiveMutex* mx) {
+  if (platform::mutex_unlock(mx) != 0) sf_fatal("ReleaseMutex");
+}
+
 inline std::uintptr_t addr(const Message* m) {
   return reinterpret_cast<std::uintptr_t>(m);
 }
@@ -107,7 +112,7 @@ int MessageQ::capacity() const {
 int MessageQ::size() const {
   platform::mutex_lock(q->mx);
   int n = (q->tail.load() - q->head.load() + q->capacity) % q->capacity;
-  platform::mutex_unlock(q->mx);
+  release(q->mx);
   return n;
 }
 
@@ -124,20 +129,24 @@ int MessageQ::enQ(Message* msg) {
   if (platform::mutex_lock(q->mx) != 0) SF_THROW("enQ", Xsys("WaitForSingleObject"));
   std::int32_t tail = q->tail.load(std::memory_order_relaxed);
   std::int32_t next = (tail + 1) % q->capacity;
-  bool full = next == q->head.load(std::memory_order_relaxed);
-  if (full) {
-    if (sfi_on(10))
-      trace(__FILE__, &traceEnQfull, __LINE__, "enQfull", q->name.c_str(), 0, q->head, 0, 0);
-    SF_LOG(5, "enQfull %s %d %" PRIxPTR, q->name.c_str(), q->head.load(), addr(msg));
-  } else {
+  std::int32_t head = q->head.load(std::memory_order_relaxed);
+  bool full = next == head;
+  if (!full) {
     q->ring[tail] = msg;
     // The ring holds at most capacity - 1 messages, so the count can never
     // pass its maximum; if it does, the queue's bookkeeping is broken.
     if (!platform::semaphore_release(q->count)) sf_fatal("ReleaseSemaphore");
     q->tail = next;
   }
-  platform::mutex_unlock(q->mx);
-  if (full) SF_THROW("enQ", Xstate());
+  release(q->mx);
+  if (full) {
+    // Logged once the mutex is released: logging may need the interpreter
+    // lock, which a script command waiting for this mutex may hold.
+    if (sfi_on(10))
+      trace(__FILE__, &traceEnQfull, __LINE__, "enQfull", q->name.c_str(), 0, head, 0, 0);
+    SF_LOG(5, "enQfull %s %d %" PRIxPTR, q->name.c_str(), head, addr(msg));
+    SF_THROW("enQ", Xstate());
+  }
   return 0;
 }
 
@@ -149,7 +158,7 @@ Message* MessageQ::deQ() {
   q->head.store(head, std::memory_order_relaxed);
   if (g_quiescing.load() && head == q->tail.load(std::memory_order_relaxed))
     platform::event_notify(q->emptied);
-  platform::mutex_unlock(q->mx);
+  release(q->mx);
   if (msg) msg->dequeuedAt = time(nullptr);
   if (sfi_on(10)) trace(__FILE__, &traceDeQ, __LINE__, "deQ", q->name.c_str(), 0, head, 0, 0);
   SF_LOG(5, "deQ %s %d %" PRIxPTR " ", q->name.c_str(), head, addr(msg));
@@ -173,7 +182,7 @@ void MessageQ::quiesceAll() {
     SF_LOG(2, "quiesce: waiting for queue %s to empty", s->name.c_str());
     platform::mutex_lock(s->mx);
     bool empty = s->head == s->tail;
-    platform::mutex_unlock(s->mx);
+    release(s->mx);
     // The emptying deQ signals the event even if nobody waits yet, so a
     // queue that empties between the check and the wait still releases us.
     if (!empty) platform::event_wait(s->emptied);

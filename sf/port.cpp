@@ -5,6 +5,7 @@
 
 #include "sf/detail/net.h"
 #include "sf/events.h"
+#include "sf/platform/thread.h"
 #include "sf/sferr.h"
 #include "sf/sflib.h"
 #include "sf/tcl.h"
@@ -71,13 +72,19 @@ i_Port::~i_Port() {
   // connections, the event and the lock go with the members.
 }
 
+void i_Port::wake() {
+  if (readerThread.load() != platform::thread_id()) wakeup.notify();
+}
+
+// Neither setter takes the port lock: scripts call them holding the
+// interpreter lock, and the reader takes the interpreter lock while it holds
+// the port lock.
 void Port::setAcceptAction(const char* script) {
-  MxLock guard(p->lock);
+  std::lock_guard<std::mutex> guard(p->actionLock);
   p->acceptAction = script ? script : "";
 }
 
 void Port::setIdleTimeout_s(int seconds) {
-  MxLock guard(p->lock);
   p->idleTimeout_s = seconds;
 }
 
@@ -195,6 +202,10 @@ void setSharedPort(const PortAddr& addr, socket_t s) {
   shares()[addr.str()] = Share{new i_Port(addr.str(), s), 0};
 }
 
+void sfi_setSharedPortByName(const std::string& name, socket_t s) {
+  shares()[name] = Share{new i_Port(name, s), 0};
+}
+
 Port bindSharedPort(const PortAddr& addr) {
   std::string key = addr.str();
   auto it = shares().find(key);
@@ -217,7 +228,10 @@ void sfi_closeUnusedSharedPorts() {
   for (;;) {
     auto& table = shares();
     auto it = table.begin();
-    while (it != table.end() && it->second.uses != 0) ++it;
+    // A port with a running reader counts as taken even if nobody bound it
+    // through the table: closing it would pull it from under the reader.
+    while (it != table.end() && (it->second.uses != 0 || it->second.port->readerRunning.load()))
+      ++it;
     if (it == table.end()) return;
     SF_LOG(2, "closing unused share port %llu",
            static_cast<unsigned long long>(it->second.port->fd.load()));

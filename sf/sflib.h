@@ -104,5 +104,6 @@ inline const char* Buffer::getROPtr(size_t offset) const {
 #include "sf/timer.h"
 #include "sf/watchdog.h"
 #include "sf/worker.h"
+#include "sf/handover.h"
 #include "sf/ber/sfbercomponent.h"
 #include "sf/ber/sfbercomponentencoder.h"

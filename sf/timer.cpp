@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <list>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #include "sf/i_mx.h"
 #include "sf/log.h"
@@ -74,6 +76,7 @@ TimeoutId mkTimeout_gen(unsigned seconds, unsigned microseconds, MessageQ* q, Me
                         bool periodic) {
   TimerState& t = timer();
   std::uint32_t id;
+  bool appended;
   {
     MxLock guard(t.mx);
     id = ++t.counter;
@@ -89,14 +92,15 @@ TimeoutId mkTimeout_gen(unsigned seconds, unsigned microseconds, MessageQ* q, Me
     e.message = m;
     auto it = t.pending.begin();
     while (it != t.pending.end() && !earlier(e.expiry, it->expiry)) ++it;
-    if (it != t.pending.end()) {
-      t.pending.insert(it, e);
-      SF_LOG(4, "mkTimeout_gen(): inserted timeout %d into queue", static_cast<int>(id));
-    } else {
-      t.pending.push_back(e);
-      SF_LOG(4, "appended timeout %d to queue", static_cast<int>(id));
-    }
+    appended = it == t.pending.end();
+    t.pending.insert(it, e);
   }
+  // Logged outside the lock, which a script command may be waiting for while
+  // it holds the interpreter lock that logging can need.
+  if (appended)
+    SF_LOG(4, "appended timeout %d to queue", static_cast<int>(id));
+  else
+    SF_LOG(4, "mkTimeout_gen(): inserted timeout %d into queue", static_cast<int>(id));
   SF_LOG(8, "signalling timeout queue");
   t.wake.notify();
   return TimeoutId(id);
@@ -123,46 +127,67 @@ void post(const Entry& e) {
 
 void timerThread(void*) {
   TimerState& t = timer();
+  // Level-8 lines noted while the timer lock is held are written once it is
+  // released: logging may take the interpreter lock, and a script making a
+  // timer holds that one while it waits for the timer lock.
+  std::vector<std::string> chatter;
+  auto note = [&](std::string line) {
+    if (sfi_on(8)) chatter.push_back(std::move(line));
+  };
+  auto unlock = [&] {
+    t.mx.unlock();
+    for (const std::string& line : chatter) SF_LOG(8, "%s", line.c_str());
+    chatter.clear();
+  };
   for (;;) {
     SF_LOG(8, "locking timer queue");
     t.mx.lock();
     TimeVal n = now(t);
     TimeVal next;
     if (!t.pending.empty()) {
-      SF_LOG(8, "pending queue non-empty");
+      note("pending queue non-empty");
       next = t.pending.front().expiry;
     } else {
-      SF_LOG(8, "pending queue empty");
+      note("pending queue empty");
       next = TimeVal{n.sec + 10, n.usec};
     }
     if (earlier(n, next)) {
-      SF_LOG(8, "now %d.%d < next %d.%d, waiting for event/sleeping", static_cast<int>(n.sec),
-             static_cast<int>(n.usec), static_cast<int>(next.sec), static_cast<int>(next.usec));
-      t.mx.unlock();
-      std::uint32_t ms;
+      note(sfi_fmtlog("now %d.%d < next %d.%d, waiting for event/sleeping", static_cast<int>(n.sec),
+                      static_cast<int>(n.usec), static_cast<int>(next.sec),
+                      static_cast<int>(next.usec)));
+      unlock();
+      // Whole seconds in milliseconds plus the microsecond difference,
+      // borrowing a second when next's microseconds are below now's. Worked
+      // out in 64 bits and capped, so a delay of more than 49 days does not
+      // wrap into a short wait; the thread simply waits again.
+      std::uint64_t ms;
       if (next.usec < n.usec)
-        ms = (next.sec - n.sec - 1) * 1000 + (next.usec + 1000000 - n.usec) / 1000;
+        ms = (std::uint64_t(next.sec) - n.sec - 1) * 1000 + (next.usec + 1000000 - n.usec) / 1000;
       else
-        ms = (next.sec - n.sec) * 1000 + (next.usec - n.usec) / 1000;
+        ms = (std::uint64_t(next.sec) - n.sec) * 1000 + (next.usec - n.usec) / 1000;
+      if (ms > 0xfffffffe) ms = 0xfffffffe;
+      // The clock moves in whole milliseconds: a shorter wait would only
+      // spin until the next tick.
+      if (ms == 0) ms = 1;
       SF_LOG(8, "unlocking and waiting %d", static_cast<int>(ms));
-      bool signalled = t.wake.wait_ms(ms);
+      bool signalled = t.wake.wait_ms(static_cast<std::uint32_t>(ms));
       // 1: woken by a change to the list; 0: the time ran out.
       SF_LOG(8, "wait done status=%d..locking", signalled ? 1 : 0);
       t.mx.lock();
     }
     if (t.pending.empty()) {
-      SF_LOG(8, "pending q empty...looping");
-      t.mx.unlock();
+      note("pending q empty...looping");
+      unlock();
       continue;
     }
     n = now(t);
     if (!earlier(t.pending.front().expiry, n)) {
-      t.mx.unlock();
+      unlock();
       continue;
     }
     Entry e = t.pending.front();
     t.pending.pop_front();
-    t.mx.unlock();
+    unlock();
     SF_LOG(4, "timer %d due, popping front of queue", static_cast<int>(e.id.id));
     if (e.period.sec != 0 || e.period.usec != 0) {
       if (e.message && !e.message->keep) e.message->keep = true;
@@ -174,9 +199,15 @@ void timerThread(void*) {
 
 int sf_mkTmr(int argc, const char** argv) {
   if (argc < 3) return 1;
+  int secondsArg = atoi(argv[2]);
+  int microsArg = argc == 4 ? atoi(argv[3]) : 0;
+  if (secondsArg < 0 || microsArg < 0) {
+    SF_LOG(1, "sf_mkTmr: negative delay %d %d refused", secondsArg, microsArg);
+    return 1;
+  }
   MessageQ* q = getQ(argv[1]);
-  unsigned seconds = static_cast<unsigned>(atoi(argv[2]));
-  unsigned micros = argc == 4 ? static_cast<unsigned>(atoi(argv[3])) : 0;
+  unsigned seconds = static_cast<unsigned>(secondsArg);
+  unsigned micros = static_cast<unsigned>(microsArg);
   Message* m = new Message;
   m->data = new Buffer;
   TimeoutId id = mkTimeout_rel(seconds, micros, q, m);
@@ -212,7 +243,6 @@ void rmTimeout(const TimeoutId& id) {
       m = it->message;
       t.pending.erase(it);
       found = true;
-      SF_LOG(4, "removed timeout %d", static_cast<int>(id.id));
       break;
     }
   }
@@ -220,6 +250,7 @@ void rmTimeout(const TimeoutId& id) {
   // it, and a close posts notices to queues, which the timer lock must never
   // be held around.
   if (found) {
+    SF_LOG(4, "removed timeout %d", static_cast<int>(id.id));
     delete m;
     t.wake.notify();
   } else

@@ -268,6 +268,22 @@ bool SfBerComponent::IsValidStructure(unsigned* pos, size_t dataLen, int identif
   return ok;
 }
 
+// Universal identifiers whose checker accepts every item: primitive content
+// skipped, constructed content left to the construction check. Kept in step
+// with CheckUniversalType.
+static const struct AcceptOnly {
+  bool table[256];
+  constexpr AcceptOnly() : table() {
+    for (int tagNo : {4, 7, 11, 12, 14, 15, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30}) {
+      table[tagNo] = true;
+      table[tagNo | 0x20] = true;
+    }
+    table[0x30] = true;  // SEQUENCE and SET: constructed only
+    table[0x31] = true;
+  }
+  bool operator[](int ident) const { return table[ident]; }
+} kAcceptOnly;
+
 bool SfBerComponent::IsValidStructure_internal(unsigned* pos, size_t dataLen, int identifier) {
   if (dataLen < 2) return false;
   const unsigned pos0 = *pos;
@@ -275,11 +291,16 @@ bool SfBerComponent::IsValidStructure_internal(unsigned* pos, size_t dataLen, in
   const unsigned char* const data = dataOf(pdu);
   const size_t limit = limitOf(pdu, start, length);
   const bool acceptAny = identifier == 256 || identifier == 16 || identifier == 17;
+  const int errorLevel = logErrorLevel;
+  const int maxLen = maxLength;
+  // With tracing off, the types whose checker only accepts (and skips a
+  // primitive item's content) are handled here without the call.
+  const bool tracing = sf::sfi_on(logInfoLevel);
   for (;;) {
     if (static_cast<size_t>(cur - pos0) + 2 > dataLen) BER_FAIL("insufdat", INSUFFICENT_DATA);
     errorOffset = cur;
-    const int ident = tagAt(data, limit, &cur, logErrorLevel);
-    const size_t len = lengthAt(data, limit, &cur, maxLength);
+    const int ident = tagAt(data, limit, &cur, errorLevel);
+    const size_t len = lengthAt(data, limit, &cur, maxLen);
     // For a negative length this sum wraps below dataLen: the content check
     // of an indefinite constructed item then runs until it meets the
     // end-of-contents item, which ends it with false.
@@ -306,7 +327,11 @@ bool SfBerComponent::IsValidStructure_internal(unsigned* pos, size_t dataLen, in
     bool valid = true;
     if (universal) {
       const int tagNo = ident & 0x1F;
-      valid = tagNo != 0 && CheckUniversalType(tagNo, &content, len, ident);
+      if (!tracing && kAcceptOnly[ident]) {
+        if (!constructed && !negative) content += static_cast<unsigned>(len);
+      } else {
+        valid = tagNo != 0 && CheckUniversalType(tagNo, &content, len, ident);
+      }
     }
     if (constructed && valid && len != 0) {
       valid = IsValidConstruction(&content, len, ident);

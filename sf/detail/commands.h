@@ -23,4 +23,16 @@ int sfi_cmdDump(int argc, const char** argv);
 int sfi_cmdEvent(int argc, const char** argv);
 int sfi_cmdLog(int argc, const char** argv);
 
+// Network commands (netcommands.cpp, handover.cpp).
+int sfi_cmd_bind(int argc, const char** argv);
+int sfi_cmd_sf_echo(int argc, const char** argv);
+int sfi_cmd_sfi_pipeEnv(int argc, const char** argv);
+int sfi_cmd_sfload(int argc, const char** argv);
+int sfi_cmd_sf_quiesce(int argc, const char** argv);
+int sfi_cmd_sf_ping(int argc, const char** argv);
+int sfi_cmd_tcpReader(int argc, const char** argv);
+int sfi_cmd_sf_handover(int argc, const char** argv);
+int sfi_cmd_sf_receiveEnv(int argc, const char** argv);
+int sfi_cmd_sf_startupOk(int argc, const char** argv);
+
 }  // namespace sf

@@ -47,13 +47,24 @@ class i_Port {
   std::atomic<socket_t> fd;
   Mx lock;
   std::vector<Connection> connections;
-  std::string acceptAction;
+  std::string acceptAction;  // under actionLock: set from scripts while the reader runs
   Event closed;
-  std::int32_t idleTimeout_s;
+  std::atomic<std::int32_t> idleTimeout_s;
+  std::mutex actionLock;
+  std::string getAcceptAction() {
+    std::lock_guard<std::mutex> guard(actionLock);
+    return acceptAction;
+  }
 
   // Kicks the reader out of its wait: a connection was given back or closed,
   // or shutdown was requested.
   platform::Wakeup wakeup;
+  // Set while a reader serves this port; its thread does not wake itself.
+  std::atomic<bool> readerRunning{false};
+  std::atomic<std::uint32_t> readerThread{0};
+
+  // Wakes the reader unless the caller is the reader itself.
+  void wake();
 };
 
 class i_Connection {
@@ -92,9 +103,26 @@ class i_Connection {
 // sfi_registryLock() while they use the pointer.
 Mx& sfi_registryLock();
 i_Connection* sfi_findConnection(int id);
+// Removes rec from the registry (idempotent).
+void sfi_unregister(i_Connection* rec);
+
+// Posts a close notice (a Message with isCloseNotice and sessionId sid) to q;
+// a full queue loses it with a log line.
+void sfi_postCloseNotice(MessageQ* q, const std::string& sid);
+
+// Wakes every running reader (shutdown).
+void sfi_wakeAllReaders();
 
 // Calls fn for every entry of the shared-port table, in key order.
 void sfi_forEachSharedPort(void (*fn)(const std::string& key, i_Port* port, void* arg), void* arg);
+
+// Enters a new port around socket s under name (an address text), use count
+// 0, replacing an entry of that name. Used when a parent hands sockets over.
+void sfi_setSharedPortByName(const std::string& name, socket_t s);
+
+// Calls fn for every name/value pair received by receiveEnv.
+void sfi_forEachSymbiotic(void (*fn)(const std::string& name, const std::string& value, void* arg),
+                          void* arg);
 
 // Puts the socket into (non-)blocking mode; throws Xio
 // "setsocketnonblocking.ioctlsocket".

@@ -8,8 +8,8 @@
 namespace sf {
 namespace platform {
 
-// Creates a pipe; fds[0] reads, fds[1] writes. Both ends are closed on exec
-// unless set_fd_inherit() says otherwise. False on failure.
+// Creates a two-way pipe between fds[0] and fds[1]. Both ends are closed on
+// exec unless set_fd_inherit() says otherwise. False on failure.
 bool pipe_create(int fds[2]);
 // Writes / reads up to n bytes once (retrying interrupted calls); the count,
 // or -1 with last_error() set.

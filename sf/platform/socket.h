@@ -37,6 +37,7 @@ int set_nodelay(sock_t s, int on);
 int set_sndbuf(sock_t s, int bytes);
 int get_sndbuf(sock_t s, int* bytes);
 int set_rcvtimeo_ms(sock_t s, unsigned ms);
+int set_sndtimeo_ms(sock_t s, unsigned ms);
 int set_blocking(sock_t s, bool blocking);
 // The descriptor survives exec (hand-over to a child) or not.
 int set_inherit(sock_t s, bool inherit);

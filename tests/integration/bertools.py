@@ -7,7 +7,7 @@ BUILD = os.environ.get("SF_BUILD_DIR", "build")
 SOURCE = os.environ.get("SF_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
 SFBER = os.path.join(BUILD, "bin", "sfber")
 
-# One dump line: offset, header length, length, indentation, description.
+# One dump line: offset, header length, length, indentation, identifier text.
 DUMP_LINE = re.compile(rb"^ *(\d+) +(\d+) +(\d+)  ( *)(\S.*)$")
 
 
@@ -21,7 +21,7 @@ def sfber(*args, check=True):
 
 class Item:
     """One item of a dump: offset, depth, header length, length, identifier
-    description and the value's rendering (bytes), if any."""
+    text and the value's rendering (bytes), if any."""
 
     def __init__(self, offset, depth, hl, length, desc, value):
         self.offset, self.depth, self.hl, self.length = offset, depth, hl, length

@@ -185,6 +185,8 @@ TEST(Buffer, DumpLayouts) {
   EXPECT_EQ(written([&](FILE* f) { c.dumpBin(f, 2); }),
             "0x00000: 13 14 20 7E 7F 80 FF 00 7A " + std::string(21, ' ') + ".\x14 ~\x7f...z" +
                 std::string(7, ' ') + "\n");
-  sf::Buffer none(8);
+  sf::Buffer none(8), unallocated;
   EXPECT_EQ(written([&](FILE* f) { none.dumpBin(f, 0); }), "0x00000: " + blank + "\n");
+  EXPECT_EQ(written([&](FILE* f) { unallocated.dumpBin(f, 5); }), "0x00000: " + blank + "\n");
+  EXPECT_THROW(letters.dumpBin(stderr, 17), sf::Xbounds);
 }

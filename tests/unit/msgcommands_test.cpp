@@ -1,12 +1,12 @@
 // Script commands for queues, messages and script threads, driven through the
-// interpreter as a configuration script would.
+// interpreter as a configuration script would. Dummy workers and the fatal
+// end of a thread without a procedure run in sfhost, in the integration test
+// test_sfhost_queues.py.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <memory>
 #include <string>
 #include <thread>
 
@@ -105,52 +105,6 @@ TEST(ScriptThreads, SpinThreadCallsTheProcedureAndStatusListsIt) {
   std::string status = sf::eval("status");
   EXPECT_NE(status.find("{parkedProc} {alpha} {two words}"), std::string::npos) << status;
   EXPECT_EQ(status.front(), '{');
-}
-
-TEST(ScriptThreads, DummyWorkerRunsItsScriptWithTheMessageInContext) {
-  setUp();
-  sf::setVarInt("sf.qsize", 10);
-  sf::eval("mkQ dummy-q");
-  sf::eval("spinThread dummyWorker dummy-q {set ::seen [sfenv who]}");
-  sf::Message* m = new sf::Message;
-  m->setenv("who", "timer");
-  sf::getQ("dummy-q")->enQ(m);
-  std::string seen;
-  for (int i = 0; i < 1000 && seen.empty(); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    seen = sf::getVarStr("seen", "");
-  }
-  EXPECT_EQ(seen, "timer");
-  EXPECT_THROW(sf::eval("dummyWorker no-such-queue"), sf::Xtcl);
-}
-
-TEST(ScriptThreads, UnknownProcedureEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  // The fatal exit writes a dump file in the working directory: the parent
-  // makes a directory for it and the child (which runs this test again)
-  // finds it in the environment.
-  std::unique_ptr<sftest::TempDir> dir;
-  if (!std::getenv("SF_TEST_DUMP_DIR")) {
-    dir = std::make_unique<sftest::TempDir>();
-    setenv("SF_TEST_DUMP_DIR", dir->str().c_str(), 1);
-  }
-  EXPECT_EXIT(
-      {
-        std::filesystem::current_path(std::getenv("SF_TEST_DUMP_DIR"));
-        setUp();
-        sf::sfi_logToStderr();
-        sf::sfi_setLogLevel(1);
-        sf::eval("spinThread noSuchProc x");
-        std::this_thread::sleep_for(std::chrono::seconds(30));
-        std::_Exit(0);
-      },
-      ::testing::ExitedWithCode(3), "exported thread proc not found: \\{noSuchProc\\} \\{x\\}");
-  unsetenv("SF_TEST_DUMP_DIR");
-  bool dumped = false;
-  for (const auto& entry : std::filesystem::directory_iterator(dir->path()))
-    dumped = sftest::readFile(entry.path()).find("thread exiting, out of configuration") !=
-             std::string::npos;
-  EXPECT_TRUE(dumped);
 }
 
 }  // namespace

@@ -218,6 +218,8 @@ TEST(Timer, ScriptCommandsArmAndCancel) {
   sf::eval(("sf_rmTmr " + std::to_string(second)).c_str());
   EXPECT_TRUE(log.contains("removed timeout " + std::to_string(second)));
   EXPECT_THROW(sf::eval("sf_mkTmr tmr-script"), sf::Xtcl);
+  EXPECT_THROW(sf::eval("sf_mkTmr tmr-script -5"), sf::Xtcl);
+  EXPECT_TRUE(log.contains("sf_mkTmr: negative delay -5 0 refused"));
 }
 
 }  // namespace

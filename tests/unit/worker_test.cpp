@@ -295,20 +295,11 @@ TEST(Worker, RunServesItsQueueAndUnknownQueuesAreRefused) {
   EXPECT_EQ(g_destroyed.load(), 5);
 }
 
-TEST(Threads, PipeNamesAndThreadIds) {
+TEST(Threads, PipeNamesAreCutTo31Characters) {
   EXPECT_EQ(sf::getUniqueP2PPipeName(12, 345), "\\\\.\\pipe\\id12-345");
   std::string longest = sf::getUniqueP2PPipeName(-2147483647, -2147483647);
   EXPECT_EQ(longest.size(), 31u);
   EXPECT_EQ(longest, std::string("\\\\.\\pipe\\id-2147483647--2147483647").substr(0, 31));
-
-  unsigned mine = sf::getThreadId();
-  std::atomic<unsigned> theirs{0};
-  sf::startThread([](void* p) { *static_cast<std::atomic<unsigned>*>(p) = sf::getThreadId(); },
-                  &theirs);
-  for (int i = 0; i < 1000 && theirs.load() == 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  EXPECT_NE(theirs.load(), 0u);
-  EXPECT_NE(theirs.load(), mine);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,7 +15,11 @@ extern char** environ;
 namespace sf {
 namespace platform {
 
-bool pipe_create(int fds[2]) { return ::pipe2(fds, O_CLOEXEC) == 0; }
+// A socket pair rather than a pipe: the hand-over talks both ways (settings
+// to the child, the start-up result back).
+bool pipe_create(int fds[2]) {
+  return ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0;
+}
 
 long fd_write(int fd, const void* p, size_t n) {
   ssize_t r;
@@ -42,7 +47,9 @@ long fd_read_full(int fd, void* p, size_t n) {
   return static_cast<long>(got);
 }
 
-int fd_close(int fd) { return ::close(fd); }
+int fd_close(int fd) {
+  return ::close(fd);
+}
 
 int set_fd_inherit(int fd, bool inherit) {
   int flags = fcntl(fd, F_GETFD, 0);
@@ -97,7 +104,9 @@ int wait_child(long pid) {
   return -1;
 }
 
-int terminate(long pid) { return kill(static_cast<pid_t>(pid), SIGTERM); }
+int terminate(long pid) {
+  return kill(static_cast<pid_t>(pid), SIGTERM);
+}
 
 }  // namespace platform
 }  // namespace sf

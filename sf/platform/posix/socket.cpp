@@ -97,6 +97,13 @@ int set_rcvtimeo_ms(sock_t s, unsigned ms) {
   return setsockopt(fdof(s), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 }
 
+int set_sndtimeo_ms(sock_t s, unsigned ms) {
+  timeval tv;
+  tv.tv_sec = ms / 1000;
+  tv.tv_usec = (ms % 1000) * 1000;
+  return setsockopt(fdof(s), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+}
+
 int set_blocking(sock_t s, bool blocking) {
   int flags = fcntl(fdof(s), F_GETFL, 0);
   if (flags < 0) return -1;

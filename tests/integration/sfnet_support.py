@@ -1,0 +1,139 @@
+"""Helpers for the TCP tests: an sfhost site built from a config text,
+clients, and waiting for log lines. Servers listen on 127.0.0.1 only and are
+stopped by the test that started them."""
+
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+
+BUILD = os.environ.get("SF_BUILD_DIR", "build")
+SOURCE = os.environ.get("SF_SOURCE_DIR", ".")
+SFHOST = os.path.join(BUILD, "bin", "sfhost")
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def shm_names(tavodatdir):
+    base = "estat" + "".join("_" if c in "/:\\" else c for c in tavodatdir)
+    return [base + "_shm", base + "_mx"]
+
+
+class Site:
+    """A throw-away site: root with etc/config.tcl (and start.tcl when
+    given), its own data directory and statistics block name."""
+
+    def __init__(self, config, start=None, port=None):
+        self.tmp = tempfile.TemporaryDirectory(prefix="sfnet-")
+        self.root = self.tmp.name
+        self.port = port or free_port()
+        os.makedirs(os.path.join(self.root, "etc"))
+        self.write("etc/config.tcl", config.replace("@PORT@", str(self.port)))
+        if start is not None:
+            self.write("etc/start.tcl", start.replace("@PORT@", str(self.port)))
+        self.env = {k: v for k, v in os.environ.items()
+                    if not k.startswith(("SF", "TAVO", "ESTAT"))}
+        self.env["TAVODATDIR"] = self.root
+        self.proc = None
+        self.log = os.path.join(self.root, "stderr.txt")
+
+    def write(self, rel, text):
+        with open(os.path.join(self.root, rel), "w") as f:
+            f.write(text)
+
+    def start(self, *args, level=3):
+        """Starts sfhost with its log on stderr (kept in stderr.txt)."""
+        self._err = open(self.log, "w")
+        self.proc = subprocess.Popen(
+            [SFHOST, "-rootdir", self.root, "-datdir", self.root, "-l", "-d", str(level), *args],
+            cwd=self.root, env=self.env, stdout=subprocess.PIPE, stderr=self._err, text=True)
+        return self.proc
+
+    def wait_listening(self, timeout=30.0):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if self.proc.poll() is not None:
+                raise RuntimeError("sfhost exited with %s:\n%s" % (self.proc.returncode, self.text()))
+            try:
+                with socket.create_connection(("127.0.0.1", self.port), timeout=1):
+                    return
+            except OSError:
+                time.sleep(0.05)
+        raise RuntimeError("sfhost does not listen on %d" % self.port)
+
+    def text(self):
+        try:
+            with open(self.log, errors="replace") as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
+
+    def wait_log(self, needle, timeout=30.0):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if needle in self.text():
+                return
+            time.sleep(0.05)
+        raise AssertionError("log never said %r:\n%s" % (needle, self.text()[-3000:]))
+
+    def stop(self, timeout=30.0):
+        """SIGTERM, and the exit status (None if it had to be killed)."""
+        if self.proc is None or self.proc.poll() is not None:
+            return None if self.proc is None else self.proc.returncode
+        self.proc.send_signal(signal.SIGTERM)
+        try:
+            return self.proc.wait(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            self.proc.wait()
+            return None
+
+    def close(self):
+        self.stop()
+        if getattr(self, "_err", None):
+            self._err.close()
+        for name in shm_names(self.root):
+            try:
+                os.unlink("/dev/shm/" + name)
+            except FileNotFoundError:
+                pass
+        self.tmp.cleanup()
+
+
+ECHO_CONFIG = """
+set sf.log.level 0
+set sf.tcp.backlog 512
+set sf.qsize 2000
+{extra}
+mkQ echo
+bind 127.0.0.1 @PORT@ {bindextra}
+spinThread tcpReader 127.0.0.1 @PORT@ {{enQ echo}}
+spinThread dummyWorker echo sf_echo
+"""
+
+
+def echo_config(extra="", bindextra=""):
+    return ECHO_CONFIG.format(extra=extra, bindextra=bindextra)
+
+
+def connect(port, timeout=30.0):
+    s = socket.create_connection(("127.0.0.1", port), timeout=timeout)
+    s.settimeout(timeout)
+    return s
+
+
+def recv_exactly(s, n):
+    out = b""
+    while len(out) < n:
+        chunk = s.recv(n - len(out))
+        if not chunk:
+            break
+        out += chunk
+    return out

@@ -1,0 +1,123 @@
+"""Hand-over of a listening port between two real sfhost processes: the
+parent binds, starts the child with the socket and a pipe inherited, the
+child takes the port with `bind`, serves, reports start-up OK, and the parent
+closes its copy. Clients keep connecting throughout; none is refused."""
+
+import os
+import socket
+import threading
+import time
+import unittest
+
+from sfnet_support import SFHOST, Site, connect, recv_exactly
+
+CHILD_CONFIG = """
+set sf.log.level 0
+sf_receiveEnv
+sf_log 0 "child got greeting $sf_env(greeting)"
+mkQ echo
+bind 127.0.0.1 @PORT@
+spinThread tcpReader 127.0.0.1 @PORT@ {enQ echo}
+spinThread dummyWorker echo sf_echo
+sf_startupOk
+sf_log 0 "child serving"
+"""
+
+PARENT_CONFIG = """
+set sf.log.level 0
+set sf.tcp.backlog 512
+array set sf_env {greeting hello-child mode handover}
+bind 127.0.0.1 @PORT@
+"""
+
+PARENT_START = """
+sf_log 0 "parent bound, starting child"
+set pid [sf_handover {sfhost} -rootdir {childroot} -datdir {childroot} -l -d 2]
+sf_log 0 "parent handed over to $pid"
+"""
+
+
+class HandoverTest(unittest.TestCase):
+    def test_port_moves_to_child_without_refusing_anyone(self):
+        child = Site(CHILD_CONFIG)
+        self.addCleanup(child.close)
+        parent = Site(PARENT_CONFIG, port=child.port)
+        self.addCleanup(parent.close)
+        # Re-write the child's config with the parent's port (same number).
+        port = parent.port
+        parent.write("etc/start.tcl", PARENT_START.format(sfhost=SFHOST, childroot=child.root))
+
+        stats = {"refused": 0, "ok": 0, "other": []}
+        stop = threading.Event()
+
+        def hammer(n):
+            i = 0
+            while not stop.is_set():
+                msg = b"c%d-%d" % (n, i)
+                try:
+                    with socket.create_connection(("127.0.0.1", port), timeout=60) as c:
+                        c.settimeout(60)
+                        c.sendall(msg)
+                        if recv_exactly(c, len(msg)) == msg:
+                            stats["ok"] += 1
+                        else:
+                            stats["other"].append("short echo")
+                except ConnectionRefusedError:
+                    stats["refused"] += 1
+                    time.sleep(0.01)
+                except OSError as e:
+                    stats["other"].append(repr(e))
+                i += 1
+
+        parent.start(level=4)
+        # The parent binds before it hands over; wait until the port exists.
+        deadline = time.monotonic() + 30
+        while True:
+            try:
+                socket.create_connection(("127.0.0.1", port), timeout=1).close()
+                break
+            except OSError:
+                if time.monotonic() > deadline or parent.proc.poll() is not None:
+                    self.fail("parent never listened:\n" + parent.text())
+                time.sleep(0.02)
+        threads = [threading.Thread(target=hammer, args=(n,)) for n in range(4)]
+        for t in threads:
+            t.start()
+        parent.wait_log("parent handed over to")
+        parent.wait_log("closing unused share port")
+        time.sleep(0.5)  # keep the clients going after the parent let go
+        stop.set()
+        for t in threads:
+            t.join(120)
+
+        self.assertEqual(stats["refused"], 0)
+        self.assertEqual(stats["other"], [])
+        self.assertGreater(stats["ok"], 0)
+        text = parent.text()
+        self.assertIn("piping 1 ports to pipe", text)
+        self.assertIn("wrote env pair greeting -> hello-child", text)
+        self.assertIn("got startup result message '1'.", text)
+
+        # The child took the socket the parent bound and serves on its own.
+        child_pid = int(text.split("parent handed over to ")[1].split()[0])
+        with open("/proc/%d/cmdline" % child_pid, "rb") as f:
+            self.assertIn(b"sfhost", f.read())
+        self.assertEqual(parent.stop(), 0)
+        with connect(port) as c:
+            c.sendall(b"after the parent left")
+            self.assertEqual(recv_exactly(c, 21), b"after the parent left")
+        self.assertIn("child got greeting hello-child", parent.text())
+        os.kill(child_pid, 15)
+        for _ in range(600):  # the child now belongs to init, which reaps it
+            try:
+                os.kill(child_pid, 0)
+            except ProcessLookupError:
+                break
+            time.sleep(0.05)
+        else:
+            os.kill(child_pid, 9)
+            self.fail("child did not stop on SIGTERM")
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -1,0 +1,207 @@
+"""The TCP echo service (tcpReader + queue + dummyWorker sf_echo) under
+sfhost, driven by real sockets: concurrency and pipelining, the connection
+limit, time-outs, hostile peers, and shutdown with clients connected."""
+
+import os
+import resource
+import socket
+import struct
+import threading
+import time
+import unittest
+
+from sfnet_support import Site, connect, echo_config, free_port, recv_exactly
+
+
+class EchoTest(unittest.TestCase):
+    def site(self, config, start=None, level=3):
+        s = Site(config, start)
+        self.addCleanup(s.close)
+        s.start(level=level)
+        s.wait_listening()
+        return s
+
+    def test_concurrent_clients_and_pipelined_pdus(self):
+        s = self.site(echo_config())
+        errors = []
+
+        def client(n):
+            try:
+                with connect(s.port) as c:
+                    for r in range(40):
+                        msg = b"client %d round %d;" % (n, r)
+                        c.sendall(msg)
+                        self.assertEqual(recv_exactly(c, len(msg)), msg)
+                    # Many PDUs in one write, and one write in many pieces.
+                    burst = b"".join(b"<%d:%d>" % (n, i) for i in range(200))
+                    c.sendall(burst)
+                    self.assertEqual(recv_exactly(c, len(burst)), burst)
+                    big = bytes(range(256)) * 400  # 100 KiB: read in 4 KiB PDUs
+                    c.sendall(big)
+                    self.assertEqual(recv_exactly(c, len(big)), big)
+            except Exception as e:  # noqa: BLE001 - reported below
+                errors.append((n, repr(e)))
+
+        threads = [threading.Thread(target=client, args=(n,)) for n in range(50)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        self.assertEqual(errors, [])
+        self.assertEqual(s.stop(), 0)
+
+    def test_connection_limit_keeps_a_client_waiting(self):
+        s = self.site(echo_config("set sf.maxConnections 2\nset sf.connWaitingAlarmSeconds 1"),
+                      level=1)
+        a, b = connect(s.port), connect(s.port)
+        for c in (a, b):
+            c.sendall(b"x")
+            self.assertEqual(recv_exactly(c, 1), b"x")
+        waiting = connect(s.port)  # completes in the listen backlog
+        waiting.sendall(b"third")
+        waiting.settimeout(2.5)
+        with self.assertRaises(socket.timeout):
+            waiting.recv(10)
+        s.wait_log("ALARM: Maximum 2 client connections are reached. "
+                   "New client connection is waiting for 1 seconds.")
+        self.assertIn("ZEM configuration sets maximum 2 client connections", s.text())
+        a.close()
+        waiting.settimeout(30)
+        self.assertEqual(recv_exactly(waiting, 5), b"third")
+        b.close()
+        waiting.close()
+
+    def test_idle_client_is_closed_with_event(self):
+        s = self.site(echo_config(bindextra="-idletimeout 1"), level=1)
+        with connect(s.port) as idle, connect(s.port) as busy:
+            busy.sendall(b"ok")
+            self.assertEqual(recv_exactly(busy, 2), b"ok")
+            self.assertEqual(idle.recv(10), b"")  # the server closed it
+        s.wait_log("10_sf_idletimeout_s_s")
+        self.assertIn("closing idle connection", s.text())
+
+    def test_read_timeout_of_an_outgoing_connection(self):
+        silent = socket.socket()
+        silent.bind(("127.0.0.1", 0))
+        silent.listen(1)
+        self.addCleanup(silent.close)
+        port = silent.getsockname()[1]
+        start = ("set r [catch {sf_ping 127.0.0.1 %d hello} e]\n"
+                 "sf_log 0 \"ping result $r\"\n" % port)
+        s = self.site(echo_config("set sf.readtimeout 1"), start=start)
+        peer, _ = silent.accept()
+        self.addCleanup(peer.close)
+        self.assertEqual(recv_exactly(peer, 5), b"hello")
+        s.wait_log("ping result 1")
+        self.assertIn("09_sf_readtimeout_s_s_d", s.text())
+
+    def test_hostile_peers_leave_others_served(self):
+        s = self.site(echo_config("set sf.maxbuf 1048576\nset sf.reader.readtimeout 2"))
+        silent = connect(s.port)  # connects and sends nothing
+        half = connect(s.port)
+        half.sendall(b"half")
+        half.shutdown(socket.SHUT_WR)  # half-close: the server ends the connection
+        reset = connect(s.port)
+        reset.sendall(b"partial")
+        reset.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        reset.close()  # RST
+
+        # A flood that never reads: 100 MB sent as fast as possible.
+        sent = [0]
+
+        def flood():
+            try:
+                with connect(s.port, timeout=60) as f:
+                    chunk = b"z" * 65536
+                    while sent[0] < 100 * 1024 * 1024:
+                        f.sendall(chunk)
+                        sent[0] += len(chunk)
+            except OSError:
+                pass  # the server gave up on it
+
+        flooder = threading.Thread(target=flood)
+        flooder.start()
+        with connect(s.port) as good:
+            for i in range(20):
+                msg = b"still served %d" % i
+                good.sendall(msg)
+                self.assertEqual(recv_exactly(good, len(msg)), msg)
+        flooder.join(120)
+        self.assertFalse(flooder.is_alive())
+        half.settimeout(30)
+        data = b""
+        while True:  # the echo may or may not come before the close
+            chunk = half.recv(100)
+            if not chunk:
+                break
+            data += chunk
+        self.assertIn(data, (b"", b"half"))
+        # Memory stayed bounded while the flood ran.
+        with open("/proc/%d/status" % s.proc.pid) as f:
+            rss_kb = int([l for l in f if l.startswith("VmHWM")][0].split()[1])
+        self.assertLess(rss_kb, 200 * 1024)
+        with connect(s.port) as after:
+            after.sendall(b"after")
+            self.assertEqual(recv_exactly(after, 5), b"after")
+        silent.close()
+        half.close()
+        self.assertEqual(s.stop(), 0)
+
+    def test_bad_scripts(self):
+        taken = socket.socket()
+        taken.bind(("127.0.0.1", 0))
+        taken.listen(1)
+        self.addCleanup(taken.close)
+        site = Site("bind 127.0.0.1 %d\n" % taken.getsockname()[1])
+        self.addCleanup(site.close)
+        site.start()
+        self.assertEqual(site.proc.wait(30), 2)
+        self.assertIn("02_sf_bind_s", site.text())
+        self.assertIn("bind(s, addr.addr->addr(), addr.addr->addrlen())", site.text())
+
+        # A port text that is not a number is port 0: the system picks one.
+        odd = Site("bind 127.0.0.1 notanumber\nsf_log 0 bound-ok\n")
+        self.addCleanup(odd.close)
+        odd.start(level=1)
+        odd.wait_log("bound-ok")
+        self.assertIn("to address 127.0.0.1+notanumber", odd.text())
+        self.assertEqual(odd.stop(), 0)
+
+    def test_shutdown_with_clients_connected(self):
+        s = self.site(echo_config(), level=4)
+        clients = [connect(s.port) for _ in range(20)]
+        for i, c in enumerate(clients[:10]):
+            c.sendall(b"hi%d" % i)
+            self.assertEqual(recv_exactly(c, len(b"hi%d" % i)), b"hi%d" % i)
+        status = s.stop(timeout=15)  # one 10-second pass at most
+        self.assertEqual(status, 0, s.text()[-2000:])
+        self.assertIn("About to close fd", s.text())
+        for c in clients:
+            c.close()
+        with self.assertRaises(OSError):
+            socket.create_connection(("127.0.0.1", s.port), timeout=2)
+
+    def test_two_thousand_simultaneous_connections(self):
+        soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+        want = min(hard, 8192)
+        if soft < want:
+            resource.setrlimit(resource.RLIMIT_NOFILE, (want, hard))
+        if want < 4200:
+            self.skipTest("descriptor limit %d too low for 2000 connections" % hard)
+        s = self.site(echo_config("set sf.tcp.backlog 4096"))
+        socks = []
+        for i in range(2000):
+            socks.append(connect(s.port, timeout=60))
+        # Every one of them is served, the newest (descriptor > 1024) too.
+        for i, c in enumerate(socks):
+            c.sendall(b"%d;" % i)
+        for i, c in enumerate(socks):
+            want_msg = b"%d;" % i
+            self.assertEqual(recv_exactly(c, len(want_msg)), want_msg)
+        for c in socks:
+            c.close()
+        self.assertEqual(s.stop(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

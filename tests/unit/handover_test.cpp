@@ -1,0 +1,176 @@
+// The hand-over wire format over a real socket pair, and the network script
+// commands that configure ports.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "sf/detail/commands.h"
+#include "sf/detail/net.h"
+#include "sf/platform/pipe.h"
+#include "sf/platform/socket.h"
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace pf = sf::platform;
+
+namespace {
+
+void setUp() {
+  static bool done = false;
+  sftest::ensureInterp();
+  if (!done) sf::sfi_registerCommands();
+  done = true;
+}
+
+struct Pipe {
+  int fd[2];
+  Pipe() { EXPECT_TRUE(pf::pipe_create(fd)); }
+  ~Pipe() {
+    closeWriter();
+    pf::fd_close(fd[0]);
+  }
+  void closeWriter() {
+    if (fd[1] >= 0) pf::fd_close(fd[1]);
+    fd[1] = -1;
+  }
+};
+
+}  // namespace
+
+TEST(PipeWire, IntsSocketsAndStrings) {
+  setUp();
+  Pipe p;
+  EXPECT_EQ(sf::pipewriteint(p.fd[1], -7), 4);
+  EXPECT_EQ(sf::pipewriteSocket(p.fd[1], 0x1122334455667788ull), 8);
+  EXPECT_EQ(sf::pipewritestr(p.fd[1], "hello"), 5);
+  EXPECT_EQ(sf::pipewritestr(p.fd[1], ""), 0);
+  EXPECT_EQ(sf::pipewritestr(p.fd[1], std::string("cut\0here", 8)), 8);
+
+  int v = 0;
+  EXPECT_EQ(sf::pipereadint(p.fd[0], v), 4);
+  EXPECT_EQ(v, -7);
+  size_t s = 0;
+  EXPECT_EQ(sf::pipereadSocket(p.fd[0], s), 8);
+  EXPECT_EQ(s, 0x1122334455667788ull);
+  std::string text = "old";
+  EXPECT_EQ(sf::pipereadstr(p.fd[0], text), 5);
+  EXPECT_EQ(text, "hello");
+  EXPECT_EQ(sf::pipereadstr(p.fd[0], text), 0);  // empty: left alone
+  EXPECT_EQ(text, "hello");
+  EXPECT_EQ(sf::pipereadstr(p.fd[0], text), 8);
+  EXPECT_EQ(text, "cut");  // an embedded NUL ends the text
+
+  // The raw layout: native 4-byte length, then the bytes.
+  sf::pipewritestr(p.fd[1], "ab");
+  char raw[6];
+  ASSERT_EQ(pf::fd_read_full(p.fd[0], raw, 6), 6);
+  int len;
+  memcpy(&len, raw, 4);
+  EXPECT_EQ(len, 2);
+  EXPECT_EQ(std::string(raw + 4, 2), "ab");
+
+  // A short read leaves the target as it was.
+  p.closeWriter();
+  v = 42;
+  EXPECT_EQ(sf::pipereadint(p.fd[0], v), 0);
+  EXPECT_EQ(v, 42);
+}
+
+TEST(PipeWire, StartupResult) {
+  setUp();
+  Pipe good;
+  sf::sendStartupOk(good.fd[1]);
+  EXPECT_NO_THROW(sf::receiveStartupOk(good.fd[0]));
+  Pipe bad;
+  sf::pipewriteint(bad.fd[1], 2);
+  sftest::LogCapture log(1);
+  EXPECT_THROW(sf::receiveStartupOk(bad.fd[0]), sf::Xio);
+  EXPECT_TRUE(log.contains("did not recieve correct startup result message, got '2'"));
+  bad.closeWriter();  // the child died before it reported
+  EXPECT_THROW(sf::receiveStartupOk(bad.fd[0]), sf::Xio);
+}
+
+TEST(PipeWire, SendEnvWritesPortsThenPairsThenTheEnd) {
+  setUp();
+  sf::PortAddr addr("127.0.0.1", "0");
+  sf::Port port = sf::bindPort(addr);
+  sf::setSharedPort(sf::PortAddr("127.0.0.1", "sendenv"), port);
+  sf::eval("array set sf_env {color blue}");
+  Pipe p;
+  sf::sendEnv(p.fd[1]);
+  int n = -1;
+  sf::pipereadint(p.fd[0], n);
+  ASSERT_GE(n, 1);
+  bool seen = false;
+  for (int i = 0; i < n; ++i) {
+    size_t s = 0;
+    std::string name;
+    sf::pipereadSocket(p.fd[0], s);
+    sf::pipereadstr(p.fd[0], name);
+    if (name == "127.0.0.1+sendenv") {
+      seen = true;
+      EXPECT_EQ(s, port.socketNo());
+    }
+  }
+  EXPECT_TRUE(seen);
+  std::string name, value;
+  EXPECT_GT(sf::pipereadstr(p.fd[0], name), 0);
+  sf::pipereadstr(p.fd[0], value);
+  EXPECT_EQ(name, "color");
+  EXPECT_EQ(value, "blue");
+  EXPECT_EQ(sf::pipereadstr(p.fd[0], name), 0);  // the end
+  sf::eval("unset sf_env");
+}
+
+TEST(PipeWire, ReceiveEnvRebuildsTheTableAndStopsAtAnEmptyName) {
+  setUp();
+  pf::sock_t s = pf::sock_stream(pf::family_ipv4());
+  Pipe p;
+  sf::pipewriteint(p.fd[1], 1);
+  sf::pipewriteSocket(p.fd[1], static_cast<size_t>(s));
+  sf::pipewritestr(p.fd[1], "10.1.2.3+99");
+  sf::pipewritestr(p.fd[1], "k");
+  sf::pipewritestr(p.fd[1], "v1");
+  sf::pipewritestr(p.fd[1], "k");
+  sf::pipewritestr(p.fd[1], "v2");  // replaces
+  sf::pipewritestr(p.fd[1], "");    // ends the pairs early
+  sf::pipewritestr(p.fd[1], "late");
+  sf::pipewritestr(p.fd[1], "ignored");
+  sf::receiveEnv(p.fd[0]);
+  EXPECT_EQ(sf::sfi_sharedPortUses("10.1.2.3+99"), 0);
+  EXPECT_EQ(sf::getSymbiotic("k"), "v2");
+  EXPECT_EQ(sf::getSymbiotic("late"), "");
+  sf::Port taken = sf::bindSharedPort(sf::PortAddr("10.1.2.3", "99"));
+  EXPECT_EQ(taken.socketNo(), s);
+  EXPECT_EQ(taken.name(), "10.1.2.3+99");
+}
+
+TEST(NetCommands, BindOptionsAndArgumentCounts) {
+  setUp();
+  sf::PortAddr probe("127.0.0.1", "0");
+  sf::Port tmp = sf::bindPort(probe);
+  std::string port = std::to_string(pf::bound_port(tmp.socketNo()));
+  delete tmp.p;  // free the number again
+
+  sf::eval(("bind 127.0.0.1 " + port + " -idletimeout 30").c_str());
+  sf::Port p = sf::bindSharedPort(sf::PortAddr("127.0.0.1", port.c_str()));
+  EXPECT_EQ(p.p->idleTimeout_s.load(), 30);
+  EXPECT_EQ(p.p->getAcceptAction(), "");
+  // Bound again: the shared port is taken, not bound anew.
+  sf::eval(("bind 127.0.0.1 " + port + " {set accepted 1}").c_str());
+  EXPECT_EQ(p.p->getAcceptAction(), "set accepted 1");
+  EXPECT_EQ(p.p->idleTimeout_s.load(), 30);
+  EXPECT_EQ(sf::sfi_sharedPortUses("127.0.0.1+" + port), 2);
+  // A first word that is not -idletimeout is the accept action.
+  sf::eval(("bind 127.0.0.1 " + port + " -idle x").c_str());
+  EXPECT_EQ(p.p->getAcceptAction(), "-idle");
+
+  const char* pingArgs[] = {"sf_ping", "a", "b"};
+  EXPECT_EQ(sf::sfi_cmd_sf_ping(3, pingArgs), -1);
+  const char* loadArgs[] = {"sfload"};
+  EXPECT_EQ(sf::sfi_cmd_sfload(1, loadArgs), 1);
+  EXPECT_THROW(sf::eval("sfload /no/such/library"), sf::Xtcl);
+  const char* echoArgs[] = {"sf_echo"};
+  sf::setContext(nullptr);
+  EXPECT_EQ(sf::sfi_cmd_sf_echo(1, echoArgs), -1);  // no current message
+}

@@ -1,0 +1,265 @@
+// The reader loop end to end on loopback: a TclReader that queues each PDU,
+// a DummyWorker that echoes it, and real client sockets.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sf/detail/commands.h"
+#include "sf/detail/net.h"
+#include "sf/platform/socket.h"
+#include "sf/platform/thread.h"
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace pf = sf::platform;
+
+namespace {
+
+void setUp() {
+  static bool done = false;
+  sftest::ensureInterp();
+  if (!done) {
+    sf::sfi_registerCommands();
+    sf::initTimer();
+  }
+  done = true;
+}
+
+pf::sock_t connectTo(int port) {
+  char addr[pf::kIpv4AddrLen];
+  pf::make_ipv4_addr("127.0.0.1", port, addr);
+  pf::sock_t s = pf::sock_stream(pf::family_ipv4());
+  if (pf::sock_connect(s, addr, pf::kIpv4AddrLen) != 0) {
+    pf::sock_close(s);
+    return pf::kNoSock;
+  }
+  pf::set_rcvtimeo_ms(s, 20000);  // a hung server fails the test, not the run
+  return s;
+}
+
+bool sendAll(pf::sock_t s, const std::string& t) {
+  return pf::sock_send(s, t.data(), t.size()) == static_cast<long>(t.size());
+}
+
+// Reads until n bytes came, the peer closed, or the receive timed out.
+std::string recvN(pf::sock_t s, size_t n) {
+  std::string out;
+  char buf[4096];
+  while (out.size() < n) {
+    long r = pf::sock_recv(s, buf, sizeof buf);
+    if (r <= 0) break;
+    out.append(buf, static_cast<size_t>(r));
+  }
+  return out;
+}
+
+// A bound port with a reader thread (TclReader running script) and, when
+// workerScript is given, one DummyWorker thread on queue.
+struct Service {
+  sf::Port port;
+  int portno = 0;
+  std::string script;
+  Service(const std::string& queue, const std::string& validate, sf::Reader* reader = nullptr) {
+    setUp();
+    if (!sf::getQ(queue.c_str())) sf::mkQ(queue.c_str());
+    sf::setVarInt("sf.tcp.backlog", 128);  // the default 5 drops SYNs of a crowd
+    sf::PortAddr addr("127.0.0.1", "0");
+    port = sf::bindPort(addr);
+    portno = pf::bound_port(port.socketNo());
+    script = validate;
+    reader_ = reader ? reader : new sf::TclReader;
+    std::thread([this] { reader_->run(port, script.c_str(), nullptr); }).detach();
+  }
+  sf::Reader* reader_;
+};
+
+void echoWorker(const char* queue) {
+  std::string q = queue;
+  std::thread([q] {
+    sf::DummyWorker w(q.c_str(), "sf_echo");
+    w.run();
+  }).detach();
+}
+
+}  // namespace
+
+TEST(Reader, EchoesManyConcurrentClientsAndPipelinedPdus) {
+  Service svc("echo-q", "enQ echo-q");
+  echoWorker("echo-q");
+  echoWorker("echo-q");
+
+  const int kClients = 24, kRounds = 30;
+  std::atomic<int> good{0};
+  std::vector<std::thread> clients;
+  for (int c = 0; c < kClients; ++c) {
+    clients.emplace_back([&, c] {
+      pf::sock_t s = connectTo(svc.portno);
+      if (s == pf::kNoSock) return;
+      bool ok = true;
+      for (int r = 0; r < kRounds && ok; ++r) {
+        std::string msg = "client" + std::to_string(c) + "-round" + std::to_string(r) + ";";
+        ok = sendAll(s, msg) && recvN(s, msg.size()) == msg;
+      }
+      // Pipelined: several PDUs in one go; the answer is the same bytes.
+      std::string burst;
+      for (int i = 0; i < 20; ++i) burst += "p" + std::to_string(i) + "/";
+      ok = ok && sendAll(s, burst) && recvN(s, burst.size()) == burst;
+      if (ok) ++good;
+      pf::sock_close(s);
+    });
+  }
+  for (auto& t : clients) t.join();
+  EXPECT_EQ(good.load(), kClients);
+}
+
+// The limit is read once per process: CTest runs each case in its own.
+TEST(Reader, ConnectionLimitKeepsTheThirdClientWaiting) {
+  setUp();
+  sftest::LogCapture log(1);
+  sf::setVarInt("sf.maxConnections", 2);
+  sf::setVarInt("sf.connWaitingAlarmSeconds", 1);
+  Service svc("limit-q", "enQ limit-q");
+  echoWorker("limit-q");
+
+  pf::sock_t a = connectTo(svc.portno), b = connectTo(svc.portno);
+  ASSERT_TRUE(sendAll(a, "a") && recvN(a, 1) == "a");
+  ASSERT_TRUE(sendAll(b, "b") && recvN(b, 1) == "b");
+  pf::sock_t c = connectTo(svc.portno);  // completes in the backlog
+  ASSERT_NE(c, pf::kNoSock);
+  ASSERT_TRUE(sendAll(c, "c"));
+  // Not served while two are connected: no answer within a few passes.
+  EXPECT_EQ(pf::wait_readable(c, 3500), 0);
+  EXPECT_TRUE(log.contains("ZEM configuration sets maximum 2 client connections"));
+  EXPECT_TRUE(log.contains("ALARM: Maximum 2 client connections are reached."));
+  pf::sock_close(a);
+  EXPECT_EQ(recvN(c, 1), "c");  // accepted once a client left
+  pf::sock_close(b);
+  pf::sock_close(c);
+}
+
+namespace {
+// Asks for close notices on every accepted connection.
+class NotifyingReader : public sf::TclReader {
+ public:
+  sf::MessageQ* q;
+  explicit NotifyingReader(sf::MessageQ* q_) : q(q_) {}
+  void acceptHook(sf::Connection& c) override { c.closeNotify(q); }
+};
+}  // namespace
+
+TEST(Reader, ClosedAndResetClientsPostCloseNotices) {
+  setUp();
+  sf::MessageQ* notices = sf::mkQ("notice-q");
+  Service svc("data-q", "enQ data-q", new NotifyingReader(notices));
+  echoWorker("data-q");
+
+  pf::sock_t s = connectTo(svc.portno);
+  ASSERT_TRUE(sendAll(s, "hi") && recvN(s, 2) == "hi");
+  pf::sock_close(s);  // orderly close
+  sf::Message* m = notices->deQ();
+  EXPECT_TRUE(m->isCloseNotice);
+  EXPECT_EQ(m->data, nullptr);
+  EXPECT_FALSE(m->sessionId.empty());
+  delete m;
+
+  // A reset mid-stream (linger 0 makes close send RST) is a close too, and
+  // the reader goes on serving others.
+  s = connectTo(svc.portno);
+  ASSERT_TRUE(sendAll(s, "partial"));
+  ASSERT_EQ(recvN(s, 7), "partial");
+  pf::set_linger(s, 1, 0);
+  pf::sock_close(s);
+  m = notices->deQ();
+  EXPECT_TRUE(m->isCloseNotice);
+  delete m;
+
+  pf::sock_t t = connectTo(svc.portno);
+  EXPECT_TRUE(sendAll(t, "still") && recvN(t, 5) == "still");
+  pf::sock_close(t);
+  delete notices->deQ();
+}
+
+TEST(Reader, IdleClientIsClosedWithEvent) {
+  sftest::LogCapture log(1);
+  Service svc("idle-q", "enQ idle-q");
+  svc.port.setIdleTimeout_s(1);
+  echoWorker("idle-q");
+  pf::sock_t s = connectTo(svc.portno);
+  // The reaper closes it: the client sees the end of the stream.
+  EXPECT_EQ(recvN(s, 1), "");
+  pf::sock_close(s);
+  EXPECT_TRUE(log.contains("closing idle connection"));
+  EXPECT_TRUE(log.contains("10_sf_idletimeout_s_s"));
+}
+
+TEST(Reader, ReservedConnectionIsNotReadUntilGivenBack) {
+  sf::MessageQ* held = nullptr;
+  setUp();
+  held = sf::mkQ("held-q");
+  // Validate keeps the connection reserved (as a worker would) and queues.
+  class Holding : public sf::TclReader {
+   public:
+    void validate(sf::Message* msg, const void* target) override {
+      msg->conn.reserve();
+      sf::TclReader::validate(msg, target);
+    }
+  };
+  Service svc("held-q", "enQ held-q", new Holding);
+  pf::sock_t s = connectTo(svc.portno);
+  ASSERT_TRUE(sendAll(s, "one"));
+  sf::Message* m = held->deQ();
+  ASSERT_TRUE(m->conn.isReserved());
+  ASSERT_TRUE(sendAll(s, "two"));
+  // Not read while reserved.
+  pf::sleep_ms(300);
+  EXPECT_EQ(held->size(), 0);
+  std::string sid = m->getSid();
+  m->conn.unreserve(true);  // wakes the reader at once
+  sf::Message* n = held->deQ();
+  EXPECT_EQ(std::string(n->data->data, n->data->size()), "two");
+  EXPECT_EQ(n->getSid(), sid);
+  n->conn.unreserve(true);
+  delete m;
+  delete n;
+  pf::sock_close(s);
+}
+
+TEST(Reader, ShutdownClosesSharedPortsWithClientsConnected) {
+  setUp();
+  sf::mkQ("stop-q");
+  sf::PortAddr addr("127.0.0.1", "0");
+  sf::Port bound = sf::bindPort(addr);
+  int portno = pf::bound_port(bound.socketNo());
+  sf::PortAddr shared("127.0.0.1", std::to_string(portno).c_str());
+  sf::setSharedPort(shared, bound);
+  sf::PortAddr unusedAddr("127.0.0.1", "0");
+  sf::Port unused = sf::bindPort(unusedAddr);
+  sf::setSharedPort(sf::PortAddr("127.0.0.9", "1"), unused);
+
+  sf::Port taken = sf::bindSharedPort(shared);
+  std::atomic<bool> returned{false};
+  // The thread stays alive after the loop returns: Tcl keeps per-thread
+  // data that it frees only for threads it is told about.
+  std::thread([&] {
+    sf::TclReader r;
+    r.run(taken, "enQ stop-q", nullptr);
+    returned = true;
+    for (;;) pf::sleep_ms(100000);
+  }).detach();
+  echoWorker("stop-q");
+  pf::sock_t idle = connectTo(portno);
+  pf::sock_t busy = connectTo(portno);
+  ASSERT_TRUE(sendAll(busy, "x") && recvN(busy, 1) == "x");
+
+  sf::shutdown();  // wakes the reader; returns once it closed the port
+  for (int i = 0; i < 1000 && !returned.load(); ++i) pf::sleep_ms(10);
+  EXPECT_TRUE(returned.load());
+  EXPECT_EQ(taken.socketNo(), sf::INVALID_SOCK);
+  EXPECT_EQ(sf::sfi_sharedPortUses("127.0.0.9+1"), -1);  // never taken: closed
+  EXPECT_EQ(connectTo(portno), pf::kNoSock);             // the listening socket is gone
+  pf::sock_close(idle);
+  pf::sock_close(busy);
+}

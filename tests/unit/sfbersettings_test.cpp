@@ -1,0 +1,69 @@
+// The BER codec's settings come from the configuration keys, read once per
+// process when the first component is made. A program of its own, so that no
+// earlier component has fixed them to their defaults.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace {
+
+int validation(const std::string& bytes, sf::Buffer& buf, sfber::SfBerComponent& comp) {
+  buf.resize(0);
+  buf.append(bytes.data(), bytes.size());
+  comp.AssignPDU(&buf, 0, buf.size());
+  try {
+    comp.ValidateStructure();
+  } catch (const sf::Xber& e) {
+    return e.GetError();
+  }
+  return 0;
+}
+
+}  // namespace
+
+TEST(BerSettings, ReadFromTheKeysOnceAtFirstUse) {
+  sftest::ensureInterp();
+  sf::setVarInt("proxy.*.maxlength", 10);
+  sf::setVarInt("sf.ber.maxdepth", 3);
+  sf::setVarInt("sf.ber.logerrorlevel", 2);
+  sf::setVarInt("sf.ber.loginfolevel", 5);
+
+  sf::Buffer buf;
+  sfber::SfBerComponent comp;
+  EXPECT_EQ(comp.GetMaxLength(), 10);
+  EXPECT_EQ(comp.GetMaxDepth(), 3);
+  EXPECT_EQ(validation(std::string("\x04\x0a") + std::string(10, 'a'), buf, comp), 0);
+  EXPECT_EQ(validation(std::string("\x04\x0b") + std::string(11, 'a'), buf, comp),
+            sf::Ber::LENGTH_OUT_OF_BOUNDS);
+  // The stretch itself is the first level; an empty SEQUENCE adds none.
+  EXPECT_EQ(validation(std::string("\x30\x04\x30\x02\x30\x00", 6), buf, comp), 0);
+  EXPECT_EQ(validation(std::string("\x30\x06\x30\x04\x30\x02\x30\x00", 8), buf, comp),
+            sf::Ber::TOO_DEEP);
+
+  {
+    // Tracing at level 5, rejections at level 2.
+    sftest::LogCapture log(5);
+    EXPECT_EQ(validation(std::string("\x01\x02\x00\x00", 4), buf, comp),
+              sf::Ber::BER_NOT_VALIDATED);
+    auto traces = log.messages(5);
+    ASSERT_FALSE(traces.empty());
+    EXPECT_EQ(traces[0], "IsValidInt - offset 2, dataLen 2, identifier 1");
+    auto rejections = log.messages(2);
+    ASSERT_EQ(rejections.size(), 1u);
+    EXPECT_EQ(rejections[0],
+              "IsValidInt found bool not using one byte, returning false - offset 2, dataLen 2, "
+              "identifier 1");
+  }
+
+  // Later changes of the keys do not reach new components.
+  sf::setVarInt("proxy.*.maxlength", 100);
+  sfber::SfBerComponent later;
+  EXPECT_EQ(later.GetMaxLength(), 10);
+  // A component's own limits, and components made from it, follow its setting.
+  later.SetMaxLength(0);
+  EXPECT_EQ(validation(std::string("\x30\x0d\x04\x0b") + std::string(11, 'a'), buf, later), 0);
+  EXPECT_EQ(later.GetSequence(1).GetMaxLength(), 0);
+}
