@@ -94,7 +94,11 @@ class InstallConsumer(unittest.TestCase):
             raise unittest.SkipTest("SF_BUILD_DIR is not set")
         cls.tmp = tempfile.mkdtemp(prefix="sf-consumer-")
         cls.prefix = os.path.join(cls.tmp, "prefix")
-        run(["cmake", "--install", BUILD, "--prefix", cls.prefix])
+        try:
+            run(["cmake", "--install", BUILD, "--prefix", cls.prefix])
+        except BaseException:
+            shutil.rmtree(cls.tmp, ignore_errors=True)  # tearDownClass will not run
+            raise
         # A sanitizer build installs an instrumented library; the consumer
         # must be built the same way to link against it.
         sanitize = cache_value("SF_SANITIZE")

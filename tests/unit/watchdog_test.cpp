@@ -32,6 +32,8 @@ TEST(Watchdog, ExpiryDumpsAndExitsWithStatusOne) {
   EXPECT_EXIT(
       {
         std::filesystem::current_path(std::getenv("SF_TEST_DUMP_DIR"));
+        sf::sfi_logToStderr();
+        sf::sfi_setLogLevel(1);
         startWith(1);
         sf::watchdog_set();
         // Hang holding the interpreter lock, as a stuck script would: the
@@ -40,7 +42,7 @@ TEST(Watchdog, ExpiryDumpsAndExitsWithStatusOne) {
         std::this_thread::sleep_for(std::chrono::seconds(60));
         std::_Exit(0);
       },
-      ::testing::ExitedWithCode(1), "");
+      ::testing::ExitedWithCode(1), "06_sf_watchdog_s");
   unsetenv("SF_TEST_DUMP_DIR");
   int dumps = 0;
   for (const auto& entry : std::filesystem::directory_iterator(dir->path())) {
