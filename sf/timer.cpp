@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "sf/detail/tickclock.h"
 #include "sf/i_mx.h"
 #include "sf/log.h"
 #include "sf/message.h"
@@ -49,8 +50,7 @@ struct TimerState {
   // 49.7 days. The timer extends it to 64 bits (the thread looks at it at
   // least every 10 seconds), so that seconds stay monotonic for far longer
   // than any process lives and pending timers survive the wrap.
-  std::uint32_t lastTick = 0;
-  std::uint64_t tickHigh = 0;
+  TickExtender clock;
 };
 
 TimerState* g_timer = nullptr;
@@ -64,10 +64,7 @@ TimerState& timer() {
 
 // Now, from the tick count. Called with the timer mutex held.
 TimeVal now(TimerState& t) {
-  std::uint32_t tick = platform::tick_count_ms();
-  if (tick < t.lastTick) t.tickHigh += std::uint64_t(1) << 32;
-  t.lastTick = tick;
-  std::uint64_t ms = t.tickHigh + tick;
+  std::uint64_t ms = t.clock.extend(platform::tick_count_ms());
   return TimeVal{static_cast<std::uint32_t>(ms / 1000),
                  static_cast<std::uint32_t>((ms % 1000) * 1000)};
 }

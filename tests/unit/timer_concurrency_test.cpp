@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "sf/detail/tickclock.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
 
@@ -43,6 +44,16 @@ TEST(Timer, TimeoutIdReadsTheWayCallersExpect) {
   EXPECT_EQ(next.id, id.id + 1);
   sf::rmTimeout(id);
   sf::rmTimeout(next);
+}
+
+TEST(Timer, ClockCarriesOnAcrossTheTickWrap) {
+  sf::TickExtender clock;
+  EXPECT_EQ(clock.extend(1000), 1000u);
+  EXPECT_EQ(clock.extend(0xfffffff0u), 0xfffffff0u);
+  EXPECT_EQ(clock.extend(0xfffffff0u), 0xfffffff0u);  // no time passed: no wrap
+  EXPECT_EQ(clock.extend(5), 0x100000005u);
+  EXPECT_EQ(clock.extend(0xffffffffu), 0x1ffffffffu);
+  EXPECT_EQ(clock.extend(0), 0x200000000u);
 }
 
 TEST(Timer, FiresInExpiryOrderAndEqualDelaysInMakingOrder) {

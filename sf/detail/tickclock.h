@@ -1,0 +1,23 @@
+// The timer's clock: the system's 32-bit millisecond tick, extended to 64
+// bits so that it never wraps in the life of a process.
+#pragma once
+
+#include <cstdint>
+
+namespace sf {
+
+// Feed it every tick reading, in order and at least once per wrap period
+// (about 49.7 days); a reading below the previous one means the counter
+// wrapped. Not locked: the owner serialises the calls.
+struct TickExtender {
+  std::uint32_t last = 0;
+  std::uint64_t high = 0;
+
+  std::uint64_t extend(std::uint32_t tick) {
+    if (tick < last) high += std::uint64_t(1) << 32;
+    last = tick;
+    return high + tick;
+  }
+};
+
+}  // namespace sf
