@@ -76,9 +76,9 @@ size_t walk(sfber::SfBerComponent& comp) {
   size_t items = 0;
   comp.FirstItem();
   do {
-    unsigned pos = comp.GetItemOffset();
-    int ident = comp.GetValueTag(&pos);
-    size_t len = comp.GetValueLength(&pos);
+    unsigned pos;
+    size_t len;
+    int ident = comp.GetItemHeader(&pos, &len);
     ++items;
     if (ident & 0x20) {
       sfber::SfBerComponent inner(comp.GetPDU(), pos, len);

@@ -218,10 +218,10 @@ std::string render(SfBerComponent& comp, int ident, const unsigned char* content
 
 // Prints the item under comp's cursor and, for a constructed one, its items.
 void dumpItem(SfBerComponent& comp, int depth) {
-  unsigned pos = comp.GetItemOffset();
-  const unsigned offset = pos;
-  const int ident = comp.GetValueTag(&pos);
-  const size_t len = comp.GetValueLength(&pos);
+  const unsigned offset = comp.GetItemOffset();
+  unsigned pos;
+  size_t len;
+  const int ident = comp.GetItemHeader(&pos, &len);
   const unsigned char* content = reinterpret_cast<const unsigned char*>(comp.GetPDU()->data) + pos;
   std::string line = describe(ident);
   if (!(ident & 0x20)) {

@@ -236,6 +236,7 @@ size_t SfBerComponent::GetValueLength(unsigned* pos) const {
 
 void SfBerComponent::ValidateStructure() {
   validated = false;
+  errorOffset = start;
   if (!hasPdu || !pdu) BER_FAIL("noberdef", NO_BER_DEFINED);
   if (bufferSize != pdu->size()) BER_FAIL("invallen", INVALID_LENGTH);
   if (pdu->size() < static_cast<size_t>(start) + length) BER_FAIL("invallen", INVALID_LENGTH);
@@ -703,6 +704,11 @@ int SfBerComponent::SetItem(unsigned n) {
   int ident = NextItem(n - static_cast<unsigned>(itemIndex));
   if (ident == 0) BER_FAIL("invindex", INVALID_INDEX);
   return ident;
+}
+
+int SfBerComponent::GetItemHeader(unsigned* contentOffset, size_t* contentLength) const {
+  BER_REQUIRE_VALIDATED();
+  return readItem(cursor, contentOffset, contentLength);
 }
 
 int SfBerComponent::GetItemIdentifier() {

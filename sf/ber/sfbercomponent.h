@@ -77,6 +77,9 @@ class SfBerComponent {
   // instead reports the raw length of the item at its start, read from as
   // much of the buffer as there is (for sizing a PDU still being read).
   size_t GetItemLength(unsigned n, bool allowUnvalidated = false);
+  // The current item's identifier octet (constructed bit kept) and where its
+  // content lies, in one read: the step of a walk over every item.
+  int GetItemHeader(unsigned* contentOffset, size_t* contentLength) const;
   // Number of length octets after the first one, for the item at start.
   size_t GetLengthAdditionalSize();
 

@@ -36,6 +36,10 @@ void walk(SfBerComponent& comp) {
     unsigned pos = comp.GetItemOffset();
     const int ident = comp.GetValueTag(&pos);
     const size_t len = comp.GetValueLength(&pos);
+    unsigned content;
+    size_t contentLen;
+    require(comp.GetItemHeader(&content, &contentLen) == ident);
+    require(content == pos && contentLen == len);
     require(comp.GetItemIdentifier() == (ident & ~0x20));
     require(pos + len <= comp.GetStart() + comp.GetLength());
     tolerate([&] { comp.GetItemLength(); });

@@ -359,7 +359,8 @@ TEST(BerLog, TraceAndRejectionLinesAtTheirLevels) {
     // Level 3 holds only the record of the refusal thrown to the caller.
     auto errors = log.messages(3);
     ASSERT_EQ(errors.size(), 1u);
-    EXPECT_EQ(errors[0].rfind("exception bervalid:Xber( Ber::BER_NOT_VALIDATED ) thrown at ", 0), 0u);
+    EXPECT_EQ(errors[0].rfind("exception bervalid:Xber( Ber::BER_NOT_VALIDATED ) thrown at ", 0),
+              0u);
   }
 }
 
@@ -387,6 +388,14 @@ TEST(BerNavigation, ItemsCursorAndIndexes) {
   EXPECT_EQ(p.comp.NextItem(0), 0x02);
   EXPECT_EQ(p.comp.FirstItem(), 0x10);
   EXPECT_EQ(p.comp.NextItem(2), 0x84);
+
+  // The whole header of the current item in one read.
+  unsigned content;
+  size_t contentLen;
+  p.comp.SetItem(1);
+  EXPECT_EQ(p.comp.GetItemHeader(&content, &contentLen), 0x30);
+  EXPECT_EQ(content, 2u);
+  EXPECT_EQ(contentLen, 7u);
 
   // Item lengths: primitive as is; constructed the sum of its parts.
   EXPECT_EQ(p.comp.GetItemLength(1), 3u);
