@@ -7,6 +7,8 @@ build_pkgs=(cmake ninja-build g++ pkg-config tcl8.6 tcl8.6-dev)
 test_pkgs=(clang libclang-rt-14-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
            python3 curl netcat-openbsd procps rsyslog openssl ca-certificates libssl-dev
            libtasn1-6-dev slapd ldap-utils nginx-light squid wrk gss-ntlmssp libkrb5-dev)
+# The HTTP proxy benchmark compares against HAProxy as well.
+test_pkgs+=(haproxy)
 
 want=("${build_pkgs[@]}")
 [ "${1:-test}" = test ] && want+=("${test_pkgs[@]}")

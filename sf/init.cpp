@@ -5,6 +5,7 @@
 #include <string>
 
 #include "sf/detail/commands.h"
+#include "sf/detail/httpcommands.h"
 #include "sf/detail/eventsettings.h"
 #include "sf/events.h"
 #include "sf/i_mx.h"
@@ -166,7 +167,8 @@ void init(int& argc, const char** argv) {
     SF_LOG(1, "%s: \"%s\"", kNoDataDir, datadir.c_str());
   }
 
-  // The HTTP script commands are registered here.
+  // The HTTP script commands, now that the site's configuration has run.
+  sfi_registerHttpCommands();
 
   watchdog_init();
 }

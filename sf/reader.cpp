@@ -198,13 +198,18 @@ void Reader::run(Port port, const char* target, const char*) {
   p->readerThread = platform::thread_id();
   p->readerRunning = true;
 
+  // The set keeps the result of the last wait. While connections it found
+  // ready remain unserved, a pass serves the next of them without waiting
+  // again: the wait would return at once with the same answer. A fresh wait
+  // is made once they are all served, after an accept, or when a connection
+  // was dropped (its number may be reused).
   platform::PollSet set;
+  bool carry = false;
   size_t start = 0;  // where the serve walk begins: rotates for fairness
   for (;;) {
     PortLock held(p->lock);
     try {
       held.lock();
-      set.clear();
       bool anyBuffered = false;
       auto& list = p->connections;
       for (size_t i = 0; i < list.size();) {
@@ -217,10 +222,10 @@ void Reader::run(Port port, const char* target, const char*) {
         if (c.socketNo() == INVALID_SOCK) {
           SF_LOG(8, "dropping closed connection %llu", static_cast<ull>(c.socketNo()));
           list.erase(list.begin() + static_cast<long>(i));
+          carry = false;
           continue;
         }
         SF_LOG(8, "readset adding %llu", static_cast<ull>(c.socketNo()));
-        set.add(c.socketNo());
         if (c.hasBufferedData()) anyBuffered = true;
         ++i;
       }
@@ -239,28 +244,36 @@ void Reader::run(Port port, const char* target, const char*) {
         held.unlock();
         return;
       }
-      if (lfd != INVALID_SOCK) set.add(lfd);
-      set.add(p->wakeup.fd());
-      held.unlock();
 
-      int result;
-      if (anyBuffered) {
-        held.lock();
-        result = set.wait(0);
-      } else {
-        set.wait(kPassMs);
-        held.lock();
-        // Look again under the lock: a worker may have reserved or closed a
-        // connection while the reader slept.
-        result = set.wait(0);
-      }
-      if (set.ready(p->wakeup.fd())) {
-        p->wakeup.drain();
-        --result;
-      }
-      if (result <= 0 && !anyBuffered) {
+      if (!carry || set.readyLeft() == 0) {
+        set.clear();
+        for (Connection& c : list)
+          if (!c.isReserved()) set.add(c.socketNo());
+        if (lfd != INVALID_SOCK) set.add(lfd);
+        set.add(p->wakeup.fd());
         held.unlock();
-        continue;
+
+        int result;
+        if (anyBuffered) {
+          held.lock();
+          result = set.wait(0);
+        } else {
+          set.wait(kPassMs);
+          held.lock();
+          // Look again under the lock: a worker may have reserved or closed
+          // a connection while the reader slept.
+          result = set.wait(0);
+        }
+        carry = true;
+        if (set.ready(p->wakeup.fd())) {
+          p->wakeup.drain();
+          set.consume(p->wakeup.fd());
+          --result;
+        }
+        if (result <= 0 && !anyBuffered) {
+          held.unlock();
+          continue;
+        }
       }
 
       if (lfd != INVALID_SOCK && set.ready(lfd)) {
@@ -277,7 +290,10 @@ void Reader::run(Port port, const char* target, const char*) {
             g_alarmDeadline = 0;
           }
           platform::sleep_ms(1000);
+          set.consume(lfd);
         } else {
+          set.consume(lfd);
+          carry = false;
           g_alarmDeadline = 0;
           Connection fresh;
           try {
@@ -346,12 +362,16 @@ void Reader::run(Port port, const char* target, const char*) {
           continue;
         }
         start = i + 1;
+        set.consume(s);
         Connection copy = c;
         serve(this, p, held, copy, target);
         served = true;
         break;
       }
-      if (!served) held.unlock();
+      if (!served) {
+        carry = false;
+        held.unlock();
+      }
     } catch (...) {
       held.unlock();
       setContext(nullptr);

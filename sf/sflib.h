@@ -107,3 +107,5 @@ inline const char* Buffer::getROPtr(size_t offset) const {
 #include "sf/handover.h"
 #include "sf/ber/sfbercomponent.h"
 #include "sf/ber/sfbercomponentencoder.h"
+#include "sf/http/httpadaptor.h"
+#include "sf/http/httpreader.h"

@@ -20,6 +20,7 @@
 // into an error reply through reject().
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <list>
@@ -228,6 +229,14 @@ class HttpAdaptor : public Adaptor {
   // one, a forced close) calls for it.
   void closeConnection(Connection* c, ConnectionData* cd);
 
+  // Server role: the request just read is handed to another thread, which
+  // will reply. Takes a reservation on c, so that the reader reads nothing
+  // more from it (a pipelined request included) until that reply is written;
+  // the reply operations (write, replyGen, reject, writePduLast) release it.
+  void owesReply(Connection& c);
+  // Gives the reservation back without a reply (the request was dropped).
+  void replyDone(Connection* c);
+
   // The reason phrase of a status (Xinvalid "statnval" for unknown codes),
   // and whether a reply with that status closes the connection.
   static const char* getStatusReason(int status);
@@ -261,6 +270,8 @@ class HttpAdaptor : public Adaptor {
   // connection stays open.
   ConnectionData lastRequest;
   int lastMethod = 0;
+  // A reservation taken by owesReply() and not yet given back.
+  std::atomic<bool> replyOwed{false};
 
  private:
   void readBodyToEof(Connection* c, Buffer* body);

@@ -4,11 +4,7 @@
 #include <cstring>
 
 #include "sf/http/httpadaptor.h"
-#if __has_include("sf/message.h")
 #include "sf/message.h"
-#else
-#include "sf/http/provisional_msg.h"
-#endif
 
 namespace sf {
 
@@ -198,6 +194,7 @@ void HttpAdaptor::readMessage(Connection* c, Buffer& body, std::list<std::string
   ConnectionData cd;
   int methodCode = NO_METHOD;
   bool headerBlock = true;
+  bool expectContinue = false;
 
   if (!isClient) {
     lastRequest = ConnectionData();
@@ -298,6 +295,8 @@ void HttpAdaptor::readMessage(Connection* c, Buffer& body, std::list<std::string
         continue;
       }
     }
+    if (iequals(name, colon, "Expect") && iequals(value.data(), value.size(), "100-continue"))
+      expectContinue = true;
     std::string hname = line.substr(0, colon);
     SF_LOG(8, "HTTP - Saving application header \"%s: %s\"", hname.c_str(), value.c_str());
     setEnv(hname.c_str(), value);
@@ -348,6 +347,15 @@ void HttpAdaptor::readMessage(Connection* c, Buffer& body, std::list<std::string
       body.append(url.data(), url.size());
     }
   } else {
+    // A client that waits for leave to send its body gets it now, unless
+    // the body is already known to be refused.
+    if (expectContinue && !isClient && cd.version >= HTTP_1_1 &&
+        (cd.chunked || cd.contentLength <= maxBody)) {
+      SF_LOG(8, "HTTP - Telling the client to continue with its body");
+      Buffer cont;
+      cont.append("HTTP/1.1 100 Continue\r\n\r\n");
+      next->write(c, cont);
+    }
     SF_LOG(8, "HTTP - Retriving request body");
     readMessageBody(c, &body, cd);
   }

@@ -33,7 +33,29 @@ bool startsWith(const std::string& s, const char* prefix) {
   return s.compare(0, strlen(prefix), prefix) == 0;
 }
 
+// Gives back the reservation of an owed reply when the reply is over, also
+// when writing it failed.
+struct ReplyGuard {
+  HttpAdaptor* a;
+  Connection* c;
+  ~ReplyGuard() { a->replyDone(c); }
+};
+
 }  // namespace
+
+void HttpAdaptor::owesReply(Connection& c) {
+  c.reserve();
+  replyOwed = true;
+}
+
+void HttpAdaptor::replyDone(Connection* c) {
+  if (!replyOwed.exchange(false)) return;
+  try {
+    c->unreserve(false);
+  } catch (X&) {
+    // somebody gave every reservation back already
+  }
+}
 
 void HttpAdaptor::appendVer(Buffer& b, HttpVer v) {
   b.append("HTTP/");
@@ -247,6 +269,7 @@ void HttpAdaptor::write(Connection* c, const Buffer& body) {
   if (isClient) {
     request(*c, body);
   } else {
+    ReplyGuard done{this, c};
     reply(*c, body);
     closeAfterReply(c);
   }
@@ -272,6 +295,7 @@ void HttpAdaptor::replyOk(Connection* c, const char* type, const Buffer& body) {
 void HttpAdaptor::replyGen(Connection* c, int status, const char* reason, const char* type,
                            const Buffer& body, const std::list<std::string>& headers) {
   if (isClient) SF_THROW("notserv", Xinvalid());
+  ReplyGuard done{this, c};
   SF_LOG(9, "HTTP - Issuing reply to request.");
   if (version != HTTP_0_9) {
     HttpHeader h;
@@ -399,6 +423,13 @@ void HttpAdaptor::writePduNext(Connection* c, const Buffer& frag) {
 
 void HttpAdaptor::writePduLast(Connection* c, const Buffer& frag) {
   SF_LOG(4, "HTTP - Writing last frag pdu transfer chunk");
+  if (!isClient) {
+    ReplyGuard done{this, c};
+    writeTransferChunk(c, &frag);
+    writeTransferChunk(c, nullptr);
+    closeAfterReply(c);
+    return;
+  }
   writeTransferChunk(c, &frag);
   writeTransferChunk(c, nullptr);
   if (!isClient) closeAfterReply(c);

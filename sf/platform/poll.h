@@ -29,6 +29,10 @@ class PollSet {
   // Readable (or closed, or in error) after the last wait.
   bool ready(std::uint64_t s) const;
   bool readySlot(size_t slot) const;
+  // Forgets the readiness of s (it has been dealt with).
+  void consume(std::uint64_t s);
+  // Number of descriptors still ready and not consumed since the last wait.
+  size_t readyLeft() const;
 
  private:
   struct Impl;

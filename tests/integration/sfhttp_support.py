@@ -93,6 +93,8 @@ http {{
     uwsgi_temp_path {d}/uwsgi;
     scgi_temp_path {d}/scgi;
     keepalive_requests 1000000;
+    client_body_buffer_size 1m;
+    client_max_body_size 10m;
     {site.format(port=self.port, www=self.www, extra=extra)}
 }}
 """
@@ -100,7 +102,7 @@ http {{
         with open(self.conf, "w") as f:
             f.write(conf)
         self.proc = subprocess.Popen(["nginx", "-p", d, "-c", self.conf],
-                                     stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_port(self.port, self.proc)
 
     def close(self):
@@ -173,9 +175,10 @@ class Site:
         if os.path.exists(msg):
             shutil.copy(msg, os.path.join(self.root, "etc"))
         env = dict(os.environ, SFROOTDIR=self.root, SFDATDIR=self.data)
+        self.stderr = open(os.path.join(self.root, "stderr.txt"), "wb")
         self.proc = subprocess.Popen([os.path.join(BIN, "sfhost"), "-d", str(level)],
                                      cwd=self.data, env=env,
-                                     stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+                                     stdout=subprocess.DEVNULL, stderr=self.stderr)
 
     def log(self):
         text = ""
@@ -187,4 +190,5 @@ class Site:
 
     def close(self):
         stop(self.proc)
+        self.stderr.close()
         shutil.rmtree(self.root, ignore_errors=True)

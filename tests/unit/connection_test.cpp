@@ -140,3 +140,33 @@ TEST(Connection, IdsReservationAndLastRelease) {
   EXPECT_THROW(sf::tcp_recv(c, buf, sf::RecvUptoNB, 10), sf::Xsys);
   pf::sock_close(client);
 }
+
+// The dump switches are read once per process: CTest runs each case alone.
+TEST(Connection, IoDumpRecordsEveryWriteEvenAnEmptyOne) {
+  sftest::ensureInterp();
+  sftest::TempDir dir;
+  sf::setVarStr("sf.datdir", dir.str().c_str());
+  setenv("SF_IOLOG", "1", 1);
+  Listener l;
+  pf::sock_t client = rawClient(l.portno);
+  {
+    sf::Connection c = sf::tcp_accept(l.port);
+    sf::Buffer empty(0);
+    sf::tcp_write(c, empty);
+    sf::Buffer b(0);
+    b.append("payload", 7);
+    sf::tcp_write(c, b);
+    pf::sock_send(client, "in", 2);
+    sf::Buffer got(0);
+    sf::tcp_recv(c, got, sf::RecvExact, 2);
+  }
+  pf::sock_close(client);
+  std::string log = sftest::readFile(dir.path() / "io.log");
+  EXPECT_NE(log.find("send["), std::string::npos);
+  EXPECT_NE(log.find("] 0 bytes on 127.0.0.1+" + l.text), std::string::npos);
+  EXPECT_NE(log.find("] 7 bytes on 127.0.0.1+" + l.text), std::string::npos);
+  EXPECT_NE(log.find("payload\n"), std::string::npos);  // raw bytes with SF_IOLOG
+  EXPECT_NE(log.find("recv["), std::string::npos);
+  EXPECT_NE(log.find("] 2 bytes on 127.0.0.1+" + l.text + " from 127.0.0.1+"), std::string::npos);
+  unsetenv("SF_IOLOG");
+}

@@ -8,11 +8,7 @@
 
 #include "sf/detail/net.h"
 #include "sf/http/httpadaptor.h"
-#if __has_include("sf/message.h")
 #include "sf/message.h"
-#else
-#include "sf/http/provisional_msg.h"
-#endif
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
@@ -232,6 +228,18 @@ TEST_F(Http, ServerReadsRequestsAndPublishesThem) {
 
   Peer z(false, {"POST /z HTTP/1.0\r\nContent-Length: 0\r\n\r\n"});
   EXPECT_EQ(z.read(), "");
+
+  // A client waiting for leave to send its body is told to go on, unless the
+  // body is already too large.
+  Peer cont(false, {"POST /e HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\n"
+                    "Content-Length: 2\r\n\r\n",
+                    "ok"});
+  EXPECT_EQ(cont.read(), "ok");
+  EXPECT_EQ(cont.mem->written, "HTTP/1.1 100 Continue\r\n\r\n");
+  Peer big(false, {"POST /e HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\n"
+                   "Content-Length: 99999\r\n\r\n"});
+  EXPECT_EQ(rejectStatus([&] { big.read(); }), "413");
+  EXPECT_EQ(big.mem->written, "");
 
   Peer nine(false, {"GET /old\r\n"});
   EXPECT_EQ(nine.read(), "/old");

@@ -263,3 +263,38 @@ TEST(Reader, ShutdownClosesSharedPortsWithClientsConnected) {
   pf::sock_close(idle);
   pf::sock_close(busy);
 }
+
+// sf_quiesce runs inside an evaluation, holding the interpreter lock, while
+// the reader it waits for needs that lock for every message it validates.
+TEST(Reader, QuiesceFromAScriptWhileClientsSendDoesNotDeadlock) {
+  setUp();
+  sf::setVarInt("sf.tcp.backlog", 128);
+  sf::mkQ("quiesce-q");
+  sf::PortAddr addr("127.0.0.1", "0");
+  sf::Port bound = sf::bindPort(addr);
+  int portno = pf::bound_port(bound.socketNo());
+  sf::PortAddr shared("127.0.0.1", std::to_string(portno).c_str());
+  sf::setSharedPort(shared, bound);
+  sf::Port taken = sf::bindSharedPort(shared);
+  std::thread([taken] {
+    sf::TclReader r;
+    r.run(taken, "enQ quiesce-q", nullptr);
+    for (;;) pf::sleep_ms(100000);
+  }).detach();
+  echoWorker("quiesce-q");
+
+  std::atomic<bool> stop{false};
+  std::thread client([&] {
+    pf::sock_t s = connectTo(portno);
+    while (!stop.load() && s != pf::kNoSock) {
+      if (!sendAll(s, "tick") || recvN(s, 4) != "tick") break;
+    }
+    pf::sock_close(s);
+  });
+  pf::sleep_ms(200);
+  EXPECT_EQ(sf::eval("sf_quiesce"), "OK");
+  stop = true;
+  client.join();
+  EXPECT_EQ(taken.socketNo(), sf::INVALID_SOCK);
+  EXPECT_EQ(sf::getQ("quiesce-q")->size(), 0);
+}

@@ -3,12 +3,15 @@
 // per process, so each start-up case runs in a child process of its own.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <string>
 
 #include "sf/detail/commands.h"
+#include "sf/platform/pipe.h"
+#include "sf/platform/signals.h"
 #include "sf/platform/thread.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
@@ -301,6 +304,21 @@ TEST_F(Startup, FatalErrorsWriteTheDumpAndExit) {
     sf::sf_fatal("hangs");
   };
   EXPECT_EXIT(child11(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Startup, ProgramsStartedByAHostThatBlocksStopSignalsCanBeStopped) {
+  auto child = [&]() {
+    // As sfhost does in every thread. A child that kept the mask would sleep
+    // its 30 seconds out and exit with 0.
+    sf::platform::block_stop_signals();
+    long pid = sf::platform::spawn("/bin/sleep", {"sleep", "30"}, {});
+    check(pid > 0, "spawned");
+    sf::platform::terminate(pid);
+    int status = sf::platform::wait_child(pid);
+    check(status == 128 + SIGTERM, "SIGTERM ended the child, status " + std::to_string(status));
+    finishChild();
+  };
+  EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
 }
 
 // --- in this process: events and the runtime's commands ---

@@ -81,6 +81,11 @@ long spawn(const std::string& program, const std::vector<std::string>& argv,
   pid_t pid = fork();
   if (pid < 0) return -1;
   if (pid == 0) {
+    // A host may block signals in all its threads (sfhost takes SIGTERM and
+    // SIGINT with sigwait); the mask survives exec, so clear it for the child.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     execve(program.c_str(), args.data(), envp.data());
     _exit(127);
   }

@@ -1,0 +1,124 @@
+"""The proxy path end to end: curl -> sfhost (httpReader + httpWorker) ->
+nginx on loopback, and back. Also what the client gets when the backend
+answers with an error or cannot be reached, and the example site in
+examples/http-proxy run as its README says."""
+
+import os
+import subprocess
+import sys
+import time
+import unittest
+
+from sfhttp_support import BIN, SOURCE, Nginx, Site, free_port, stop, wait_port
+
+CONFIG = """
+set sf.log.dir .
+set sf.log.level 3
+set sf.http.contentType text/plain
+mkQ proxy
+mkQ dead
+mkQ short
+bind 127.0.0.1 {port}
+bind 127.0.0.1 {deadport}
+bind 127.0.0.1 {shortport}
+"""
+
+START = """
+spinThread httpReader 127.0.0.1 {port} {{enQ proxy}}
+spinThread httpWorker proxy 127.0.0.1 {backend}
+spinThread httpWorker proxy 127.0.0.1 {backend}
+spinThread httpReader 127.0.0.1 {deadport} {{enQ dead}}
+spinThread httpWorker dead 127.0.0.1 {nobody}
+spinThread httpReader 127.0.0.1 {shortport} {{enQ short}}
+spinThread httpWorker short 127.0.0.1 {shortbackend}
+"""
+
+
+def curl(*args):
+    out = subprocess.run(["curl", "-s", "-S", "--max-time", "20",
+                          "-w", "\\n%{http_code}"] + list(args),
+                         capture_output=True, timeout=30)
+    body, _, code = out.stdout.rpartition(b"\n")
+    return int(code or 0), body
+
+
+class HttpProxy(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.nginx = Nginx()
+        # a backend that drops kept connections soon, and after two requests
+        cls.short = Nginx(extra="keepalive_timeout 1s; keepalive_requests 2;")
+        cls.port, cls.deadport, cls.shortport = free_port(), free_port(), free_port()
+        fmt = dict(port=cls.port, deadport=cls.deadport, backend=cls.nginx.port,
+                   nobody=free_port(), shortport=cls.shortport, shortbackend=cls.short.port)
+        cls.site = Site(CONFIG.format(**fmt), START.format(**fmt))
+        wait_port(cls.port, cls.site.proc)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.site.close()
+        cls.nginx.close()
+        cls.short.close()
+
+    def test_forwards_method_url_and_body(self):
+        base = "http://127.0.0.1:%d" % self.port
+        self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
+        self.assertEqual(curl(base + "/static/page.txt"), (200, b"static page\n"))
+        if os.path.exists("/usr/lib/nginx/modules/ngx_http_echo_module.so"):
+            self.assertEqual(curl("--data-binary", "to the backend", base + "/echo"),
+                             (200, b"to the backend"))
+            big = "q" * 30000
+            self.assertEqual(curl("-H", "Transfer-Encoding: chunked", "--data-binary", big,
+                                  base + "/echo"), (200, big.encode()))
+        # a chunked backend answer is relayed whole, with a length
+        self.assertEqual(curl(base + "/chunked"), (200, b"this body goes out chunked\n" * 40))
+        # several requests on one client connection
+        out = subprocess.run(["curl", "-s", "-v", base + "/hello", base + "/hello"],
+                             capture_output=True, timeout=30)
+        self.assertEqual(out.stdout, b"hello from nginx\n" * 2)
+        self.assertIn(b"Re-using existing connection", out.stderr)
+
+    def test_backend_connection_is_kept_and_replaced(self):
+        base = "http://127.0.0.1:%d" % self.shortport
+        for _ in range(5):  # the backend closes after every second request
+            self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
+        time.sleep(1.5)  # and drops the kept connection while idle
+        self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
+        log = self.site.log()
+        # one connection served two requests
+        connects = log.count("] to 127.0.0.1+%d" % self.short.port)
+        self.assertTrue(3 <= connects <= 4, log[-3000:])
+
+    def test_backend_errors_become_the_default_rejection(self):
+        code, _ = curl("http://127.0.0.1:%d/nothing-here" % self.port)
+        self.assertEqual(code, 500)  # nginx said 404: only 200 is relayed
+        code, _ = curl("http://127.0.0.1:%d/hello" % self.deadport)
+        self.assertEqual(code, 500)  # nobody listens behind this one
+        self.assertEqual(curl("http://127.0.0.1:%d/hello" % self.port)[0], 200)
+
+
+class ProxyExample(unittest.TestCase):
+    def test_example_site_as_documented(self):
+        nginx = Nginx()
+        port = free_port()
+        site = None
+        try:
+            root = os.path.join(SOURCE, "examples", "http-proxy")
+            env = dict(os.environ, SF_PROXY_PORT=str(port), SF_BACKEND_PORT=str(nginx.port),
+                       SF_PROXY_WORKERS="2")
+            data = os.path.join(nginx.dir, "proxydata")
+            os.makedirs(data)
+            site = subprocess.Popen([os.path.join(BIN, "sfhost"), "-rootdir", root,
+                                     "-datdir", data], cwd=data, env=env,
+                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            wait_port(port, site)
+            self.assertEqual(curl("http://127.0.0.1:%d/hello" % port),
+                             (200, b"hello from nginx\n"))
+        finally:
+            if site is not None:
+                stop(site)
+            nginx.close()
+
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0], "-v"])

@@ -1,0 +1,171 @@
+"""The HTTP server role end to end: sfhost runs a site whose httpReader queues
+every request for workers that echo its body (a GET's body is its URL).
+Driven by curl and Python's http.client, and by raw sockets for pipelining,
+HTTP/1.0 and 0.9, and malformed requests with their statuses."""
+
+import http.client
+import os
+import socket
+import subprocess
+import sys
+import time
+import unittest
+
+from sfhttp_support import Site, free_port, wait_port
+
+CONFIG = """
+set sf.log.dir .
+set sf.log.level 3
+set sf.tcp.backlog 128
+set sf.http.server sf-test
+mkQ http
+bind 127.0.0.1 {port}
+"""
+
+START = """
+spinThread httpReader 127.0.0.1 {port} {{enQ http}}
+spinThread dummyWorker http sf_echo
+spinThread dummyWorker http sf_echo
+"""
+
+
+def recv_all(sock, timeout=10):
+    """Reads until the peer closes."""
+    sock.settimeout(timeout)
+    data = b""
+    while True:
+        try:
+            chunk = sock.recv(65536)
+        except ConnectionResetError:
+            return data  # a close with our bytes unread: what came first stays
+        if not chunk:
+            return data
+        data += chunk
+
+
+def split_responses(data):
+    """Splits a byte stream of responses with Content-Length framing."""
+    out = []
+    while data:
+        head, _, rest = data.partition(b"\r\n\r\n")
+        lines = head.split(b"\r\n")
+        headers = {}
+        for line in lines[1:]:
+            k, _, v = line.partition(b":")
+            headers[k.strip().lower()] = v.strip()
+        n = int(headers.get(b"content-length", b"0"))
+        out.append((lines[0], headers, rest[:n]))
+        data = rest[n:]
+    return out
+
+
+class HttpServer(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.port = free_port()
+        cls.site = Site(CONFIG.format(port=cls.port), START.format(port=cls.port))
+        wait_port(cls.port, cls.site.proc)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.site.close()
+
+    def raw(self, data, timeout=10):
+        with socket.create_connection(("127.0.0.1", self.port)) as s:
+            s.sendall(data)
+            return recv_all(s, timeout)
+
+    def curl(self, *args):
+        out = subprocess.run(["curl", "-s", "-S", "--max-time", "20"] + list(args),
+                             capture_output=True, timeout=30)
+        self.assertEqual(out.returncode, 0, out.stderr)
+        return out.stdout
+
+    def test_curl_get_post_chunked_head(self):
+        url = "http://127.0.0.1:%d" % self.port
+        self.assertEqual(self.curl(url + "/hello?x=1"), b"/hello?x=1")
+        self.assertEqual(self.curl("--data-binary", "posted body", url + "/p"), b"posted body")
+        big = "z" * 20000
+        self.assertEqual(self.curl("-H", "Transfer-Encoding: chunked", "--data-binary", big,
+                                   url + "/c"), big.encode())
+        head = self.curl("-I", url + "/head")
+        self.assertTrue(head.startswith(b"HTTP/1.1 200 OK\r\n"), head)
+        self.assertIn(b"Server: sf-test\r\n", head)
+        # keep-alive across requests: curl reuses one connection for both URLs
+        out = subprocess.run(["curl", "-s", "-v", url + "/one", url + "/two"],
+                             capture_output=True, timeout=30)
+        self.assertEqual(out.stdout, b"/one/two")
+        self.assertIn(b"Re-using existing connection", out.stderr)
+        self.assertEqual(self.curl("--http1.0", url + "/old"), b"/old")
+
+    def test_http_client_keepalive_and_close(self):
+        c = http.client.HTTPConnection("127.0.0.1", self.port, timeout=10)
+        c.request("GET", "/a")
+        r = c.getresponse()
+        self.assertEqual((r.status, r.read()), (200, b"/a"))
+        sock = c.sock
+        c.request("POST", "/b", body=b"x" * 1000, headers={"Content-Type": "text/plain"})
+        self.assertEqual(c.getresponse().read(), b"x" * 1000)
+        c.request("POST", "/chunked", body=iter([b"abc", b"defg", b"h"]), encode_chunked=True)
+        self.assertEqual(c.getresponse().read(), b"abcdefgh")
+        self.assertIs(c.sock, sock)  # all on one connection
+        c.request("GET", "/last", headers={"Connection": "close"})
+        r = c.getresponse()
+        self.assertEqual(r.getheader("Connection"), "Close")
+        self.assertEqual(r.read(), b"/last")
+        c.close()
+        # the server closes after a request that asked for it
+        data = self.raw(b"GET /bye HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
+        self.assertTrue(data.endswith(b"\r\n\r\n/bye"), data)
+
+    def test_pipelined_requests(self):
+        reqs = (b"GET /1 HTTP/1.1\r\nHost: x\r\n\r\n"
+                b"POST /2 HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\ntwo"
+                b"GET /3 HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
+        answers = split_responses(self.raw(reqs))
+        self.assertEqual([a[2] for a in answers], [b"/1", b"two", b"/3"])
+        self.assertTrue(all(a[0] == b"HTTP/1.1 200 OK" for a in answers))
+
+    def test_old_versions(self):
+        data = self.raw(b"GET /ten HTTP/1.0\r\n\r\n")  # closed after the reply
+        self.assertTrue(data.startswith(b"HTTP/1.1 200 OK\r\n"), data)
+        self.assertTrue(data.endswith(b"/ten"))
+        self.assertEqual(self.raw(b"GET /nine\r\n"), b"/nine")  # the body alone
+
+    def test_malformed_requests(self):
+        cases = [
+            (b"PUT / HTTP/1.1\r\nHost: x\r\n\r\n", b"501 Not Implemented"),
+            (b"POST / HTTP/1.1\r\nHost: x\r\n\r\n", b"411 Length Required"),
+            (b"GET / HTTP/1.1\r\n\r\n", b"400 Bad Request"),
+            (b"GET / HTTP/1.1\r\nHost x\r\n\r\n", b"400 Bad Request"),
+            (b"GET / HTTP/0.9\r\n\r\n", b"400 Bad Request"),
+            (b"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 70000\r\n\r\n",
+             b"413 Request Entity Too Large"),
+            (b"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"
+             b"7FFFFFFFFFFF\r\n", b"413 Request Entity Too Large"),
+            (b"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"
+             b"3\r\nabcXX", b"400 Bad Request"),
+            (b"GET / HTTP/1.1\r\nHost: x\r\nX-Big: " + b"a" * 5000 + b"\r\n\r\n",
+             b"413 Request Entity Too Large"),
+        ]
+        for req, status in cases:
+            data = self.raw(req)
+            self.assertTrue(data.startswith(b"HTTP/1.1 " + status + b"\r\n"), (req[:60], data))
+            self.assertIn(b"Connection: Close\r\n", data)
+        # a flood of header bytes is cut off at the limit: the server answers
+        # and closes without reading it all
+        with socket.create_connection(("127.0.0.1", self.port)) as s:
+            s.sendall(b"GET / HTTP/1.1\r\nHost: x\r\nX-Flood: ")
+            try:
+                for _ in range(200):
+                    s.sendall(b"b" * 10000)
+            except OSError:
+                pass  # the server has closed; that is the point
+            data = recv_all(s)
+        self.assertTrue(data.startswith(b"HTTP/1.1 413 "), data[:100])
+        # and it keeps serving
+        self.assertEqual(self.curl("http://127.0.0.1:%d/still" % self.port), b"/still")
+
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0], "-v"])

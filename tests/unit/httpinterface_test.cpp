@@ -1,0 +1,80 @@
+// The HTTP script commands: httpPush's options, httpHeader and httpType.
+#include <gtest/gtest.h>
+
+#include "sf/detail/httpcommands.h"
+#include "sf/detail/net.h"
+#include "sf/http/httpadaptor.h"
+#include "sf/message.h"
+#include "sf/platform/socket.h"
+#include "sf/sflib.h"
+#include "support/testsupport.h"
+
+namespace {
+
+class HttpCommands : public ::testing::Test {
+ protected:
+  sf::Connection conn;
+  void SetUp() override {
+    sftest::ensureInterp();
+    static bool registered = false;
+    if (!registered) sf::sfi_registerHttpCommands();
+    registered = true;
+    conn = sf::Connection(
+        new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4())));
+    conn.push(new sf::TcpAdaptor);
+    sf::getContext()->conn = conn;
+  }
+  void TearDown() override { sf::setContext(nullptr); }
+  sf::HttpAdaptor* top() { return dynamic_cast<sf::HttpAdaptor*>(conn.getAdaptor()); }
+};
+
+}  // namespace
+
+TEST_F(HttpCommands, PushAppliesOptionsIgnoringCase) {
+  sftest::LogCapture log(2);
+  sf::eval(
+      "httpPush -CLI -StuffHeader X-One 1 -stuffheader X-Two 2 -REJECT 503 busy "
+      "-wrap /tunnel text/x -useragent agent -servertype srv -maxheader 2048 -maxbody abc "
+      "-status 202 Accepted -bogus");
+  sf::HttpAdaptor* a = top();
+  ASSERT_NE(a, nullptr);
+  EXPECT_TRUE(a->isClient);
+  EXPECT_EQ(a->stuffHeaders, (std::list<std::string>{"X-One: 1", "X-Two: 2"}));
+  EXPECT_EQ(a->rejectStatus, 503);
+  EXPECT_EQ(a->rejectReason, "busy");
+  EXPECT_EQ(a->requestURL, "/tunnel");
+  EXPECT_EQ(a->contentType, "text/x");
+  EXPECT_EQ(a->userAgent, "agent");
+  EXPECT_EQ(a->serverType, "srv");
+  EXPECT_EQ(a->maxHeader, 2048);
+  EXPECT_EQ(a->maxBody, 0);  // not a number
+  EXPECT_EQ(a->statusResult, 202);
+  EXPECT_EQ(a->statusReason, "Accepted");
+  EXPECT_TRUE(log.contains("http: unrecognised argument -bogus"));
+  EXPECT_TRUE(log.contains("HTTP - Pushing adaptor onto connection."));
+
+  // A rejection without its reason leaves the defaults; a header name
+  // without value adds nothing.
+  sf::eval("httpPush -reject 503");
+  EXPECT_EQ(top()->rejectStatus, 500);
+  EXPECT_EQ(top()->rejectReason, "");
+  sf::eval("httpPush -stuffHeader X-Lonely");
+  EXPECT_TRUE(top()->stuffHeaders.empty());
+  EXPECT_FALSE(top()->isClient);
+
+  // Without a current connection the command fails and pushes nothing.
+  sf::getContext()->conn = sf::Connection();
+  EXPECT_THROW(sf::eval("httpPush"), sf::Xtcl);
+}
+
+TEST_F(HttpCommands, HeaderAndTypeReadTheCurrentMessage) {
+  EXPECT_EQ(sf::eval("httpHeader"), "");
+  EXPECT_EQ(sf::eval("httpHeader X-Any"), "");  // no current message
+  sf::Message* m = new sf::Message;
+  m->setenv("X-Trace", "abc def");
+  m->setenv("RequestedURL", " \t text/html \r\n");
+  sf::getContext()->message = m;
+  EXPECT_EQ(sf::eval("httpHeader X-Trace"), "abc def");
+  EXPECT_EQ(sf::eval("httpHeader X-Missing"), "");
+  EXPECT_EQ(sf::eval("httpType"), "text/html");
+}
