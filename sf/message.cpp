@@ -26,6 +26,7 @@ Message::~Message() {
 }
 
 void Message::setenv(const char* name, const char* value) {
+  if (!value) value = "";  // an absent value reads back as "" anyway
   SF_LOG(8, "setenv %s = %s", name, value);
   if (!env) env = new std::map<std::string, std::string>;
   (*env)[name] = value;
@@ -54,7 +55,12 @@ TransactionContext::TransactionContext()
     : watchdog(nullptr), message(nullptr), user1(0), user2(0) {}
 
 TransactionContext::TransactionContext(TransactionContext* from)
-    : conn(from->conn), watchdog(nullptr), message(from->message), user1(from->user1), user2(0) {}
+    : watchdog(nullptr), message(nullptr), user1(0), user2(0) {
+  if (!from) return;  // nothing to take over: a fresh context
+  conn = from->conn;
+  message = from->message;
+  user1 = from->user1;
+}
 
 TransactionContext::~TransactionContext() {
   delete message;

@@ -33,9 +33,17 @@ void watchdogThread(void*) {
   // Only an expired watchdog timer ever posts here.
   g_watchdogQ.load()->deQ();
   startThread(firingDeadline, nullptr);
-  sfi_writeDump("watchdog shutdown");
-  shutdown();
-  logandreport("06_sf_watchdog_s", "", __FILE__, __LINE__);
+  // Each step may fail (a shutdown step, a broken message catalogue); the
+  // process ends with status 1 all the same.
+  try {
+    sfi_writeDump("watchdog shutdown");
+    shutdown();
+  } catch (...) {
+  }
+  try {
+    logandreport("06_sf_watchdog_s", "", __FILE__, __LINE__);
+  } catch (...) {
+  }
   platform::exit_now(1);
 }
 

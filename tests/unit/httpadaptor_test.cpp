@@ -433,6 +433,19 @@ TEST_F(Http, RepliesAndRejects) {
   EXPECT_EQ(nine.mem->written, "hi back");
   EXPECT_TRUE(nine.closed());
 
+  // A request handed to another thread holds the connection until its reply
+  // is written, also when writing fails.
+  Peer owed(false);
+  owed.http->owesReply(owed.conn);
+  EXPECT_TRUE(owed.conn.isReserved());
+  owed.http->replyOk(&owed.conn);
+  EXPECT_FALSE(owed.conn.isReserved());
+  owed.http->replyDone(&owed.conn);  // nothing more to give back
+  EXPECT_FALSE(owed.conn.isReserved());
+  owed.http->owesReply(owed.conn);
+  EXPECT_THROW(owed.http->replyGen(&owed.conn, 306, nullptr, nullptr, body, {}), sf::Xinvalid);
+  EXPECT_FALSE(owed.conn.isReserved());
+
   EXPECT_STREQ(HttpAdaptor::getStatusReason(416), "Requested range not satisfiable");
   EXPECT_THROW(HttpAdaptor::getStatusReason(306), sf::Xinvalid);
   EXPECT_FALSE(HttpAdaptor::getStatusClose(410));

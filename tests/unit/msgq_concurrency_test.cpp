@@ -181,16 +181,23 @@ int quiesceChild() {
   sf::mkQ("q-idle");
   for (int i = 0; i < 40; ++i) busy->enQ(tagged(0, i));
 
+  // The consumer evaluates a script per message, as a dummy worker does, so
+  // it needs the interpreter lock; the quiescing thread holds it (twice, as
+  // a script command several levels deep would) and must let it go while it
+  // waits, then have it back.
   std::atomic<int> drained{0};
   std::thread consumer([&] {
     for (;;) {
       delete busy->deQ();
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      sf::eval("incr ::drained");
       ++drained;
     }
   });
   consumer.detach();
+  sf::sfi_tclLock().lock();
+  sf::sfi_tclLock().lock();
   sf::MessageQ::quiesceAll();
+  if (sf::sfi_tclLock().releaseAll() != 2) return 6;
   if (busy->size() != 0) return 1;
   if (drained.load() < 39) return 2;  // the last deQ may still be finishing
   if (!sf::MessageQ::quiescing()) return 3;

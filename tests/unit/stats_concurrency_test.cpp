@@ -229,21 +229,21 @@ TEST(StatsBlock, LockOfAKilledHolderIsTakenOver) {
   ASSERT_EQ(read(ready[0], &c, 1), 1);
 
   std::promise<void> locked;
+  std::future<void> gotIt = locked.get_future();
   std::thread waiter([&] {
     sf::lockStats();
     locked.set_value();
+    sf::unlockStats();
   });
   // The holder keeps the lock until it is killed.
-  EXPECT_EQ(locked.get_future().wait_for(std::chrono::milliseconds(200)),
-            std::future_status::timeout);
+  EXPECT_EQ(gotIt.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
   kill(holder, SIGKILL);
   EXPECT_TRUE(WIFSIGNALED(waitChild(holder)));
-  auto done = std::async(std::launch::async, [&] { waiter.join(); });
-  if (done.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+  if (gotIt.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
     ADD_FAILURE() << "the lock of a killed holder was never released";
     _exit(1);
   }
-  sf::unlockStats();
+  waiter.join();
   // And it still serialises: another process gets it after us.
   sf::lockStats();
   sf::unlockStats();
