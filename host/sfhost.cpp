@@ -39,6 +39,7 @@ const char kUsage[] =
     "  TAVODATDIR           installation name of the shared statistics block\n"
     "  TAVO_WIN_MEM_GLOBAL  OFF: session-local statistics block name\n"
     "  ESTAT_LOG            file the statistics block's notes are appended to\n"
+    "  SF_HTTP_PORT         port of the default site's HTTP echo service (8080)\n"
     "\n"
     "Exit status:\n"
     "  0  stopped by SIGTERM or SIGINT, or --help\n"

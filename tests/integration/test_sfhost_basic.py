@@ -2,6 +2,7 @@
 signal, and clear failures for a broken site or a broken start script."""
 import os
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -56,6 +57,14 @@ class Site:
     def run(self, *args, timeout=60):
         return subprocess.run([SFHOST, *args], cwd=self.root, env=self.env,
                               capture_output=True, text=True, timeout=timeout)
+
+
+def free_port():
+    """A loopback port nobody listens on now, for the default site's HTTP
+    service (it reads SF_HTTP_PORT)."""
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return str(s.getsockname()[1])
 
 
 def wait_for(predicate, what, limit=60.0):
@@ -187,6 +196,7 @@ class SfhostTest(unittest.TestCase):
             env = {k: v for k, v in os.environ.items()
                    if not k.startswith(("SF", "TAVO", "ESTAT"))}
             env["TAVODATDIR"] = cwd
+            env["SF_HTTP_PORT"] = free_port()
             try:
                 p = subprocess.Popen([SFHOST], cwd=cwd, env=env, stdout=subprocess.PIPE,
                                      stderr=subprocess.PIPE, text=True)
@@ -213,6 +223,7 @@ class SfhostTest(unittest.TestCase):
             env = {k: v for k, v in os.environ.items()
                    if not k.startswith(("SF", "TAVO", "ESTAT"))}
             env["TAVODATDIR"] = prefix
+            env["SF_HTTP_PORT"] = free_port()
             try:
                 p = subprocess.Popen([os.path.join(prefix, "bin", "sfhost"), "-l"], cwd=prefix,
                                      env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
