@@ -19,7 +19,13 @@ if {[info exists env(SF_HTTP_PORT)] && $env(SF_HTTP_PORT) ne ""} {
 if {[catch {bind 127.0.0.1 ${site.http.port}} problem]} {
   sf_log 1 "HTTP echo service not started: 127.0.0.1:${site.http.port}: $problem"
 } else {
+  # Each connection has at most one request waiting, so the queue has room
+  # for as many connections as a busy client brings (other queues keep
+  # sf.qsize).
+  set site.qsize [expr {[info exists sf.qsize] ? ${sf.qsize} : 100}]
+  set sf.qsize 1024
   mkQ http
+  set sf.qsize ${site.qsize}
   spinThread httpReader 127.0.0.1 ${site.http.port} {enQ http}
   spinThread dummyWorker http sf_echo
   spinThread dummyWorker http sf_echo

@@ -25,6 +25,8 @@ set sf.log.dir ${sf.datdir}
 set sf.log.filename proxy
 set sf.log.level 1
 set sf.tcp.backlog 128
+# A connection has at most one request waiting: room for many connections.
+set sf.qsize 1024
 # What the proxy says it is in its replies.
 set sf.http.server sf-proxy
 set sf.http.contentType text/plain
