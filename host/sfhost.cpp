@@ -18,7 +18,8 @@ const char kUsage[] =
     "Starts the sf library on a site: evaluates ROOT/etc/config.tcl, then each\n"
     "SCRIPT named (found as given, in the data directory, or in ROOT/etc), or\n"
     "start.tcl when none is named and one is found that way. Then serves until\n"
-    "SIGTERM or SIGINT, which shut the library down in order.\n"
+    "SIGTERM or SIGINT, which shut the library down in order, or until a script\n"
+    "does so with sf_quiesce.\n"
     "\n"
     "Options:\n"
     "  -rootdir DIR  root directory of the site (its etc/config.tcl is run)\n"
@@ -42,7 +43,7 @@ const char kUsage[] =
     "  SF_HTTP_PORT         port of the default site's HTTP echo service (8080)\n"
     "\n"
     "Exit status:\n"
-    "  0  stopped by SIGTERM or SIGINT, or --help\n"
+    "  0  stopped by SIGTERM, SIGINT or sf_quiesce, or --help\n"
     "  1  start-up failed (root directory or Tcl library not found)\n"
     "  2  the site configuration or a start script failed\n"
     "  3  the library stopped on an internal error (see the dump_<pid> file)\n";
@@ -115,7 +116,16 @@ int main(int argc, const char** argv) {
     leave(2);
   }
 
-  int sig = sf::platform::wait_stop_signal();
+  // Serve until a stop signal, or until a script has shut the library down
+  // (sf_quiesce); then there is nothing left to serve.
+  int sig;
+  while ((sig = sf::platform::wait_stop_signal_ms(500)) == 0) {
+    if (sf::sfi_shutdownDone()) {
+      SF_LOG(1, "sfhost: shut down by a script");
+      SF_LOG(1, "sfhost: stopped");
+      leave(0);
+    }
+  }
   SF_LOG(1, "sfhost: %s received, shutting down", sf::platform::signal_name(sig));
   sf::shutdown();
   SF_LOG(1, "sfhost: stopped");

@@ -28,6 +28,9 @@ void shutdown();
 // True once shutdown has been requested.
 bool sfi_shuttingDown();
 
+// True once a shutdown has run to its end (readers stopped, queues drained).
+bool sfi_shutdownDone();
+
 // Writes "dump_<pid>" in the current directory with reason.
 void sfi_writeDump(const char* reason);
 

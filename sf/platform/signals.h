@@ -13,6 +13,8 @@ void block_stop_signals();
 // Waits until a stop signal arrives and returns its number. Needs
 // block_stop_signals first.
 int wait_stop_signal();
+// Like wait_stop_signal, but gives up after ms milliseconds and returns 0.
+int wait_stop_signal_ms(unsigned ms);
 
 // The signal's name ("SIGTERM"), or "signal" when unknown.
 const char* signal_name(int sig);

@@ -181,6 +181,30 @@ class EchoTest(unittest.TestCase):
         with self.assertRaises(OSError):
             socket.create_connection(("127.0.0.1", s.port), timeout=2)
 
+    def test_quiesce_from_a_script_stops_sfhost(self):
+        # A timer message makes a worker evaluate sf_quiesce while a client
+        # keeps the reader busy: the worker holds the interpreter lock, which
+        # the reader needs for every message, while shutdown waits for it.
+        config = echo_config() + "mkQ stopq\nspinThread dummyWorker stopq sf_quiesce\n"
+        site = Site(config, start="sf_mkTmr stopq 1\n")
+        self.addCleanup(site.close)
+        site.start(level=4)
+        site.wait_listening()
+        echoed = 0
+        with connect(site.port, timeout=30) as c:
+            try:
+                while True:
+                    c.sendall(b"tick")
+                    if recv_exactly(c, 4) != b"tick":
+                        break
+                    echoed += 1
+            except OSError:
+                pass  # the server went away under the client
+        self.assertGreater(echoed, 0)
+        self.assertEqual(site.proc.wait(60), 0, site.text()[-2000:])
+        self.assertIn("About to close fd", site.text())
+        self.assertIn("sfhost: shut down by a script", site.text())
+
     def test_two_thousand_simultaneous_connections(self):
         soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
         want = min(hard, 8192)

@@ -2,6 +2,7 @@
 #include "sf/platform/signals.h"
 
 #include <signal.h>
+#include <time.h>
 
 namespace sf {
 namespace platform {
@@ -27,6 +28,15 @@ int wait_stop_signal() {
     int sig = 0;
     if (sigwait(&set, &sig) == 0) return sig;
   }
+}
+
+int wait_stop_signal_ms(unsigned ms) {
+  sigset_t set = stopSet();
+  timespec ts;
+  ts.tv_sec = ms / 1000;
+  ts.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+  int sig = sigtimedwait(&set, nullptr, &ts);
+  return sig > 0 ? sig : 0;
 }
 
 const char* signal_name(int sig) {
