@@ -29,6 +29,7 @@ const char kUsage[] =
     "          length, length, identifier and a short rendering of the value.\n"
     "          PATH (item numbers from 1, dotted, such as 1.1.6) selects one\n"
     "          item to print with what it contains\n"
+    "  FILE '-' is standard input\n"
     "\n"
     "options:\n"
     "  --max-length N   largest item length accepted (below 1: no limit;\n"
@@ -239,7 +240,8 @@ void dumpItem(SfBerComponent& comp, int depth) {
 }
 
 bool readFile(const char* name, sf::Buffer& out) {
-  FILE* f = fopen(name, "rb");
+  const bool standardInput = strcmp(name, "-") == 0;
+  FILE* f = standardInput ? stdin : fopen(name, "rb");
   if (!f) {
     fprintf(stderr, "sfber: %s: %s\n", name, strerror(errno));
     return false;
@@ -257,7 +259,7 @@ bool readFile(const char* name, sf::Buffer& out) {
     fprintf(stderr, "sfber: %s: read error\n", name);
     ok = false;
   }
-  fclose(f);
+  if (!standardInput) fclose(f);
   return ok;
 }
 

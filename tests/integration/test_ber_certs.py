@@ -8,7 +8,7 @@ import sys
 import tempfile
 import unittest
 
-from bertools import SOURCE, dump, sfber, unescape
+from bertools import SFBER, SOURCE, dump, sfber, unescape
 
 # Certificates the type rules refuse, by file name, with the reason.
 # (None at present: every certificate of the bundle validates.)
@@ -190,6 +190,10 @@ class CertificateCorpus(unittest.TestCase):
         status, _, err = sfber("check", "/nonexistent/file.der", check=False)
         self.assertEqual(status, 2)
         self.assertIn("No such file", err)
+        # '-' reads standard input.
+        with open(big, "rb") as f:
+            piped = subprocess.run([SFBER, "check", "-"], stdin=f, capture_output=True)
+        self.assertEqual((piped.returncode, piped.stdout), (0, b"-: valid\n"))
         status, out, _ = sfber("-h")
         self.assertEqual(status, 0)
         self.assertIn(b"usage: sfber", out)
