@@ -60,10 +60,11 @@ TEST(Timer, FiresInExpiryOrderAndEqualDelaysInMakingOrder) {
   setUp();
   sftest::LogCapture log(4);
   sf::MessageQ q(64, "order");
-  // Made latest-first: the list must sort them by expiry.
-  for (int i = 5; i >= 1; --i) sf::mkTimeout_rel(0, i * 40000, &q, new Counted(100 + i));
+  // Made latest-first: the list must sort them by expiry. (Delays are far
+  // apart, so that a slow machine making them cannot reorder them.)
+  for (int i = 5; i >= 1; --i) sf::mkTimeout_rel(0, i * 150000, &q, new Counted(100 + i));
   // Same delay, made one after the other: they fire in making order.
-  for (int i = 0; i < 10; ++i) sf::mkTimeout_rel(0, 300000, &q, new Counted(i));
+  for (int i = 0; i < 10; ++i) sf::mkTimeout_rel(0, 900000, &q, new Counted(i));
   // Zero delay still goes through the timer thread, and fires first.
   sf::mkTimeout_rel(0, 0, &q, new Counted(-1));
 
