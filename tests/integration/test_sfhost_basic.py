@@ -49,14 +49,21 @@ def read(path):
         return ""
 
 
-class SfhostTest(unittest.TestCase):
-    def site(self, config, start=None):
-        """A site directory with etc/config.tcl (and start.tcl), named by the
-        environment, with its own statistics block."""
-        tmp = tempfile.TemporaryDirectory(prefix="sfhost-")
-        self.addCleanup(tmp.cleanup)
-        self.root = tmp.name
-        self.addCleanup(remove_shm, self.root)
+def wait_for(predicate, what, limit=60.0):
+    deadline = time.monotonic() + limit
+    while not predicate():
+        if time.monotonic() > deadline:
+            raise AssertionError("gave up waiting for " + what)
+        time.sleep(0.05)
+
+
+class Site:
+    """A site directory with etc/config.tcl (and start.tcl), named by the
+    environment, with its own statistics block."""
+
+    def __init__(self, config, start=None):
+        self.tmp = tempfile.TemporaryDirectory(prefix="sfhost-")
+        self.root = self.tmp.name
         os.makedirs(self.path("etc"))
         self.write("etc/config.tcl", config)
         if start is not None:
@@ -70,9 +77,27 @@ class SfhostTest(unittest.TestCase):
         with open(self.path(rel), "w") as f:
             f.write(text)
 
-    def run_sfhost(self, *args, env=None):
+    def close(self):
+        remove_shm(self.root)
+        self.tmp.cleanup()
+
+    def start(self, *args):
+        return subprocess.Popen([SFHOST, *args], cwd=self.root, env=self.env,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
+    def run(self, *args, env=None, timeout=60):
         return subprocess.run([SFHOST, *args], cwd=self.root, env=env or self.env,
-                              capture_output=True, text=True, timeout=60)
+                              capture_output=True, text=True, timeout=timeout)
+
+    def run_until(self, marker, *args, sig=signal.SIGTERM, env=None):
+        return run_until([SFHOST, *args], marker, sig, cwd=self.root, env=env or self.env)
+
+
+class SfhostTest(unittest.TestCase):
+    def site(self, config, start=None):
+        s = Site(config, start)
+        self.addCleanup(s.close)
+        return s
 
     def test_help_lists_options_environment_and_exit_statuses(self):
         for flag in ("-h", "--help"):
@@ -83,17 +108,13 @@ class SfhostTest(unittest.TestCase):
                 self.assertIn(word, r.stdout)
 
     def test_starts_runs_start_script_and_stops_on_signals(self):
-        self.site("set sf.log.dir logs\nset sf.log.level 2\n",
-                  start='sf_log 1 "start script ran in [pwd]"\n')
-        os.makedirs(self.path("logs"))
+        site = self.site("set sf.log.dir logs\nset sf.log.level 2\n",
+                         start='sf_log 1 "start script ran in [pwd]"\n')
+        os.makedirs(site.path("logs"))
         # SIGTERM with the log file.
-        p = subprocess.Popen([SFHOST], cwd=self.root, env=self.env, stdout=subprocess.PIPE,
-                             stderr=subprocess.PIPE, text=True)
-        log = self.path("logs/sf.log")
-        deadline = time.monotonic() + 60
-        while "start script ran" not in read(log):
-            self.assertLess(time.monotonic(), deadline, "no line from the start script")
-            time.sleep(0.05)
+        p = site.start()
+        log = site.path("logs/sf.log")
+        wait_for(lambda: "start script ran" in read(log), "the start script's line")
         self.assertIsNone(p.poll(), "sfhost did not stay up")
         p.send_signal(signal.SIGTERM)
         _, err = p.communicate(timeout=60)
@@ -102,50 +123,48 @@ class SfhostTest(unittest.TestCase):
 
         # SIGINT with records on standard error (-l), where the start-up
         # records written before the log opens show.
-        status, err = run_until([SFHOST, "-l", "-d", "2"], "start script ran", signal.SIGINT,
-                                cwd=self.root, env=self.env)
+        status, err = site.run_until("start script ran", "-l", "-d", "2", sig=signal.SIGINT)
         self.assertEqual(status, 0, err)
-        self.assertIn("sfrootdir=%s datdir = %s" % (self.root, self.root), err)
+        self.assertIn("sfrootdir=%s datdir = %s" % (site.root, site.root), err)
         self.assertIn("SIGINT received, shutting down", err)
 
     def test_named_scripts_replace_start_tcl(self):
-        self.site("", start="sf_log 1 {default start}\n")
-        self.write("mine.tcl", "sf_log 1 {named script}\n")
-        status, err = run_until([SFHOST, "-l", "-x", "mine.tcl"], "named script",
-                                cwd=self.root, env=self.env)
+        site = self.site("", start="sf_log 1 {default start}\n")
+        site.write("mine.tcl", "sf_log 1 {named script}\n")
+        status, err = site.run_until("named script", "-l", "-x", "mine.tcl")
         self.assertEqual(status, 0, err)
         self.assertNotIn("default start", err)
 
     def test_broken_site_missing_root_and_failing_start_script_exit_2(self):
-        self.site("set sf.log.dir .\nset broken [oops\n")
-        r = self.run_sfhost()
+        site = self.site("set sf.log.dir .\nset broken [oops\n")
+        r = site.run()
         self.assertEqual(r.returncode, 2)
         for text in ("sfhost: site configuration failed", "missing close-bracket", "config.tcl"):
             self.assertIn(text, r.stderr)
-        self.assertFalse(os.path.exists(self.path("sf.log")), "log opened after a failed start")
+        self.assertFalse(os.path.exists(site.path("sf.log")), "log opened after a failed start")
 
-        self.write("etc/config.tcl", "set sf.log.filemax big\n")
-        r = self.run_sfhost()
+        site.write("etc/config.tcl", "set sf.log.filemax big\n")
+        r = site.run()
         self.assertEqual(r.returncode, 2)
         self.assertIn('expected integer but got "big"', r.stderr)
         self.assertIn("sf.log", r.stderr)
 
-        r = self.run_sfhost(env=dict(self.env, SFROOTDIR=self.path("nowhere")))
+        r = site.run(env=dict(site.env, SFROOTDIR=site.path("nowhere")))
         self.assertEqual(r.returncode, 2)
         self.assertIn("nowhere/etc/config.tcl", r.stderr)
 
-        self.write("etc/config.tcl", "")
-        self.write("etc/start.tcl", "error {no service configured}\n")
-        r = self.run_sfhost()
+        site.write("etc/config.tcl", "")
+        site.write("etc/start.tcl", "error {no service configured}\n")
+        r = site.run()
         self.assertEqual(r.returncode, 2)
         self.assertIn("sfhost: start script failed", r.stderr)
         self.assertIn("no service configured", r.stderr)
 
     def test_vanished_data_directory_is_reported_and_start_up_goes_on(self):
-        self.site("", start="sf_log 1 {start script ran}\n")
-        gone = self.path("gone")
+        site = self.site("", start="sf_log 1 {start script ran}\n")
+        gone = site.path("gone")
         os.makedirs(gone)
-        env = dict(self.env)
+        env = dict(site.env)
         del env["SFDATDIR"]
         # The current directory, the last resort for the data directory, no
         # longer exists when sfhost starts.
