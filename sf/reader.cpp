@@ -100,8 +100,26 @@ Reader::~Reader() = default;
 // the connection has buffered data (pipelined requests). Called with the
 // port lock held; returns with it released.
 static void serve(Reader* self, i_Port* p, PortLock& held, Connection c, const char* target) {
+  // Gives the reader's reservation back if something unexpected escapes, so
+  // that the connection is not hidden from the reader for ever.
+  struct Reservation {
+    Connection& c;
+    bool ours = false;
+    ~Reservation() {
+      if (!ours) return;
+      try {
+        c.unreserve(false);
+      } catch (...) {
+      }
+    }
+    void release() {
+      ours = false;
+      c.unreserve(false);
+    }
+  } hold{c};
   for (;;) {
     c.reserve();
+    hold.ours = true;
     held.unlock();
 
     sfi_cancelIdleTimer(c);
@@ -129,14 +147,14 @@ static void serve(Reader* self, i_Port* p, PortLock& held, Connection c, const c
     } catch (Xreject& x) {
       SF_LOG(3, "%llu.reader: caught exception ...generating reject", fd);
       sendReject(c, x);
-      c.unreserve(false);
+      hold.release();
       setContext(nullptr);
       return;
     } catch (const Xclosed&) {
       SF_LOG(5, "reader: connection closed detected");
       held.lock();
       tcp_close(c);
-      c.unreserve(false);
+      hold.release();
       held.unlock();
       setContext(nullptr);
       return;
@@ -144,7 +162,7 @@ static void serve(Reader* self, i_Port* p, PortLock& held, Connection c, const c
       SF_LOG(1, "reader: caught exception during read...disconnecting");
       held.lock();
       tcp_close(c);
-      c.unreserve(false);
+      hold.release();
       held.unlock();
       setContext(nullptr);
       return;
@@ -174,7 +192,7 @@ static void serve(Reader* self, i_Port* p, PortLock& held, Connection c, const c
     }
     ctx->message = nullptr;
     held.lock();
-    c.unreserve(false);
+    hold.release();
     bool again = c.hasBufferedData() && !c.isReserved() && c.socketNo() != INVALID_SOCK;
     if (!again) held.unlock();
     setContext(nullptr);

@@ -298,3 +298,56 @@ TEST(Reader, QuiesceFromAScriptWhileClientsSendDoesNotDeadlock) {
   EXPECT_EQ(taken.socketNo(), sf::INVALID_SOCK);
   EXPECT_EQ(sf::getQ("quiesce-q")->size(), 0);
 }
+
+namespace {
+// Refuses PDUs that begin with "bad" with a reply and a close, and PDUs that
+// begin with "quiet" with a reply only; passes the rest on.
+class Refusing : public sf::Adaptor {
+ public:
+  void readPdu(sf::Connection* c, sf::Buffer& buf) override {
+    next->readPdu(c, buf);
+    std::string text(buf.data, buf.size());
+    if (text.rfind("bad", 0) == 0 || text.rfind("quiet", 0) == 0) {
+      sf::Xreject x;
+      x.reply = new sf::Buffer(0);
+      x.reply->append("NO\n");
+      x.close = text[0] == 'b';
+      SF_THROW("refuse", x);
+    }
+  }
+  void write(sf::Connection* c, const sf::Buffer& buf) override { next->write(c, buf); }
+};
+class RefusingReader : public sf::TclReader {
+ public:
+  void acceptHook(sf::Connection& c) override { c.push(new Refusing); }
+  void validate(sf::Message* msg, const void* target) override {
+    std::string text(msg->data->data, msg->data->size());
+    if (text == "boom") SF_THROW("validate", sf::Xproto());
+    sf::TclReader::validate(msg, target);
+  }
+};
+}  // namespace
+
+TEST(Reader, RejectsFromTheChainAndFromValidate) {
+  Service svc("reject-q", "enQ reject-q", new RefusingReader);
+  echoWorker("reject-q");
+  pf::sock_t keep = connectTo(svc.portno);
+  ASSERT_TRUE(sendAll(keep, "quiet please"));
+  EXPECT_EQ(recvN(keep, 3), "NO\n");  // answered, connection kept
+  ASSERT_TRUE(sendAll(keep, "fine"));
+  EXPECT_EQ(recvN(keep, 4), "fine");
+
+  pf::sock_t closed = connectTo(svc.portno);
+  ASSERT_TRUE(sendAll(closed, "bad request"));
+  EXPECT_EQ(recvN(closed, 100), "NO\n");  // the reply, then the end
+
+  pf::sock_t boom = connectTo(svc.portno);
+  ASSERT_TRUE(sendAll(boom, "boom"));
+  EXPECT_EQ(recvN(boom, 100), "");  // the default reject closes
+
+  ASSERT_TRUE(sendAll(keep, "still here"));
+  EXPECT_EQ(recvN(keep, 10), "still here");
+  pf::sock_close(keep);
+  pf::sock_close(closed);
+  pf::sock_close(boom);
+}

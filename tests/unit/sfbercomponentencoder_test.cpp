@@ -198,39 +198,3 @@ TEST(BerEncoder, CopiesAreIndependent) {
   b.InsertInteger(9, 0x02);
   EXPECT_EQ(out->size(), 6u);
 }
-
-TEST(BerEncoder, LdapMessageRoundTrip) {
-  // A search request as an LDAP client builds it: inner parts first, each
-  // wrapped under its tag, then read back with the decoder.
-  SfBerComponentEncoder attrs;
-  attrs.InsertOctetString("cn", 0x04);
-  attrs.InsertOctetString("mail", 0x04);
-  SfBerComponentEncoder req;
-  req.InsertOctetString("dc=example,dc=com", 0x04);
-  req.InsertInteger(2, 0x0A);
-  req.InsertInteger(0, 0x0A);
-  req.InsertInteger(0, 0x02);
-  req.InsertInteger(0, 0x02);
-  req.InsertChunk(0x01, "\x00", 1, true);
-  req.InsertOctetString("objectClass", 0x87);
-  req.InsertChunk(0x30, attrs, true);
-  SfBerComponentEncoder msg;
-  msg.InsertInteger(7, 0x02);
-  msg.InsertChunk(0x63, req, true);
-  SfBerComponentEncoder top;
-  top.InsertChunk(0x30, msg, true);
-
-  std::unique_ptr<sf::Buffer> wire(top.getBuffer());
-  SfBerComponent pdu;
-  pdu.AssignPDU(wire.get(), 0, wire->size());
-  pdu.ValidateStructure();
-  SfBerComponent m = pdu.GetSequence(1);
-  EXPECT_EQ(m.GetInteger(1), 7);
-  EXPECT_EQ(m.GetItemIdentifier(2), 0x43);
-  SfBerComponent r = m.GetSequence(2);
-  EXPECT_EQ(r.GetOctetString(1), "dc=example,dc=com");
-  EXPECT_EQ(r.GetInteger(2), 2);
-  EXPECT_EQ(r.GetOctetString(7), "objectClass");
-  SfBerComponent a = r.GetSequence(8);
-  EXPECT_EQ(a.GetOctetString(2), "mail");
-}

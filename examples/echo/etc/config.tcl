@@ -16,6 +16,7 @@ set sf.log.level 0
 set sf.tcp.backlog 128
 # Close connections idle for this many seconds (0: never).
 set sf.idletimeout 300
+if {[info exists env(ECHO_IDLE)]} { set sf.idletimeout $env(ECHO_IDLE) }
 set sf.reader.readtimeout 5
 set sf.qsize 1000
 
