@@ -10,6 +10,8 @@ import subprocess
 import tempfile
 import unittest
 
+from sfnet_support import shm_names
+
 BUILD = os.environ.get("SF_BUILD_DIR", "build")
 SOURCE = os.environ.get("SF_SOURCE_DIR", ".")
 SFHOST = os.path.join(BUILD, "bin", "sfhost")
@@ -58,12 +60,9 @@ class EventsToSyslogTest(unittest.TestCase):
         self.addCleanup(self.remove_shm)
 
     def remove_shm(self):
-        base = "estat" + "".join("_" if c in "/:\\" else c for c in self.root)
-        for suffix in ("_shm", "_mx"):
-            try:
-                os.unlink("/dev/shm/" + base + suffix)
-            except FileNotFoundError:
-                pass
+        for name in shm_names(self.root):
+            if os.path.exists("/dev/shm/" + name):
+                os.unlink("/dev/shm/" + name)
 
     def write(self, rel, text):
         with open(os.path.join(self.root, rel), "w") as f:
