@@ -4,14 +4,35 @@
 
 #include "sf/log.h"
 #include "sf/platform/thread.h"
+#include "sf/tcl.h"
 #include "sf/worker.h"
 
 namespace sf {
 
+namespace {
+
+struct ThreadStart {
+  void (*fn)(void*);
+  void* arg;
+};
+
+// Every library thread ends here, so its share of the interpreter's
+// per-thread data is released when it returns.
+void runThread(void* p) {
+  ThreadStart start = *static_cast<ThreadStart*>(p);
+  delete static_cast<ThreadStart*>(p);
+  start.fn(start.arg);
+  sfi_tclThreadDone();
+}
+
+}  // namespace
+
 void startThread(void (*fn)(void*), void* arg) {
-  // The platform copies the pair into a heap record that the new thread
-  // frees before it calls fn, so the caller may return at once.
-  if (!platform::start_thread(fn, arg)) SF_SYSFAIL(0, "startThread");
+  ThreadStart* start = new ThreadStart{fn, arg};
+  if (!platform::start_thread(runThread, start)) {
+    delete start;
+    SF_SYSFAIL(0, "startThread");
+  }
 }
 
 unsigned int getThreadId() {

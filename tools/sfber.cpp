@@ -28,7 +28,9 @@ const char kUsage[] =
     "  dump    print the items of FILE as an indented tree: offset, header\n"
     "          length, length, identifier and a short rendering of the value.\n"
     "          PATH (item numbers from 1, dotted, such as 1.1.6) selects one\n"
-    "          item to print with what it contains\n"
+    "          item to print with what it contains. An invalid FILE is\n"
+    "          reported, then printed as far as it can be read\n"
+    "  FILE '-' is standard input\n"
     "\n"
     "options:\n"
     "  --max-length N   largest item length accepted (below 1: no limit;\n"
@@ -216,30 +218,72 @@ std::string render(SfBerComponent& comp, int ident, const unsigned char* content
   }
 }
 
+void dumpItems(SfBerComponent& comp, int depth);
+
 // Prints the item under comp's cursor and, for a constructed one, its items.
-void dumpItem(SfBerComponent& comp, int depth) {
+// Returns true when the item is cut short: the last of its level.
+bool dumpItem(SfBerComponent& comp, int depth) {
   const unsigned offset = comp.GetItemOffset();
   unsigned pos;
   size_t len;
-  const int ident = comp.GetItemHeader(&pos, &len);
+  int ident;
+  bool truncated = false;
+  try {
+    ident = comp.GetItemHeader(&pos, &len);
+  } catch (const sf::Xber& x) {
+    // Content cut short (a partial file): show the header and what is there.
+    if (x.GetError() != sf::Ber::INSUFFICENT_DATA) throw;
+    pos = offset;
+    ident = comp.GetValueTag(&pos);
+    const size_t declared = comp.GetValueLength(&pos);
+    size_t end = comp.GetStart() + comp.GetLength();
+    if (end > comp.GetPDU()->size()) end = comp.GetPDU()->size();
+    const size_t present = end > pos ? end - pos : 0;
+    if (static_cast<std::int64_t>(declared) < 0 || present >= declared) throw;
+    printf("%7u %3u %6zu  %*s%s <truncated: %zu octets present>\n", offset, pos - offset, declared,
+           2 * depth, "", describe(ident).c_str(), present);
+    len = present;
+    truncated = true;
+  }
   const unsigned char* content = reinterpret_cast<const unsigned char*>(comp.GetPDU()->data) + pos;
   std::string line = describe(ident);
-  if (!(ident & 0x20)) {
+  if (truncated) {
+    if (!(ident & 0x20)) return true;
+  } else if (!(ident & 0x20)) {
     std::string value = render(comp, ident, content, len);
     if (!value.empty()) line += ": " + value;
   }
-  printf("%7u %3u %6zu  %*s%s\n", offset, pos - offset, len, 2 * depth, "", line.c_str());
-  if (!(ident & 0x20) || len == 0) return;
+  if (!truncated)
+    printf("%7u %3u %6zu  %*s%s\n", offset, pos - offset, len, 2 * depth, "", line.c_str());
+  if (!(ident & 0x20) || len == 0) return truncated;
+  if (depth + 2 > comp.GetMaxDepth()) {
+    printf("%7s %3s %6s  %*s<deeper items not shown: depth limit>\n", "", "", "", 2 * depth + 2,
+           "");
+    return truncated;
+  }
   SfBerComponent inner(comp.GetPDU(), pos, len);
   inner.CopySettings(comp);
-  inner.FirstItem();
-  do {
-    dumpItem(inner, depth + 1);
-  } while (inner.NextItem(1) != 0);
+  dumpItems(inner, depth + 1);
+  return truncated;
+}
+
+// Prints the items of comp. On data that breaks the rules (the dump of an
+// invalid file) a level stops at the first item that cannot be read.
+void dumpItems(SfBerComponent& comp, int depth) {
+  try {
+    if (comp.GetLength() == 0) return;
+    comp.FirstItem();
+    do {
+      if (dumpItem(comp, depth)) return;
+    } while (comp.NextItem(1) != 0);
+  } catch (const sf::Xber& x) {
+    printf("%7s %3s %6s  %*s<stops: %s>\n", "", "", "", 2 * depth, "", errorName(x.GetError()));
+  }
 }
 
 bool readFile(const char* name, sf::Buffer& out) {
-  FILE* f = fopen(name, "rb");
+  const bool standardInput = strcmp(name, "-") == 0;
+  FILE* f = standardInput ? stdin : fopen(name, "rb");
   if (!f) {
     fprintf(stderr, "sfber: %s: %s\n", name, strerror(errno));
     return false;
@@ -257,7 +301,7 @@ bool readFile(const char* name, sf::Buffer& out) {
     fprintf(stderr, "sfber: %s: read error\n", name);
     ok = false;
   }
-  fclose(f);
+  if (!standardInput) fclose(f);
   return ok;
 }
 
@@ -309,13 +353,17 @@ int dump(const char* name, const char* path, const Options& opt) {
   SfBerComponent comp;
   comp.AssignPDU(&data, 0, data.size());
   applyOptions(comp, opt);
-  if (!validate(name, comp, stderr)) return 1;
+  if (!validate(name, comp, stderr)) {
+    if (path) return 1;
+    // Show what can be read, as far as it goes.
+    SfBerComponent raw(&data, 0, data.size());
+    applyOptions(raw, opt);
+    dumpItems(raw, 0);
+    return 1;
+  }
   try {
     if (!path) {
-      comp.FirstItem();
-      do {
-        dumpItem(comp, 0);
-      } while (comp.NextItem(1) != 0);
+      dumpItems(comp, 0);
       return 0;
     }
     // Walk the path: each step but the last descends into a constructed item.

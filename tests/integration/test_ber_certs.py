@@ -8,7 +8,7 @@ import sys
 import tempfile
 import unittest
 
-from bertools import SOURCE, dump, sfber, unescape
+from bertools import SFBER, SOURCE, dump, sfber, unescape
 
 # Certificates the type rules refuse, by file name, with the reason.
 # (None at present: every certificate of the bundle validates.)
@@ -190,6 +190,22 @@ class CertificateCorpus(unittest.TestCase):
         status, _, err = sfber("check", "/nonexistent/file.der", check=False)
         self.assertEqual(status, 2)
         self.assertIn("No such file", err)
+        # An invalid file is still printed as far as it can be read.
+        with tempfile.TemporaryDirectory() as tmp:
+            cut = os.path.join(tmp, "cut.der")
+            with open(big, "rb") as f, open(cut, "wb") as out:
+                out.write(f.read()[:size // 2])
+            status, out, err = sfber("dump", cut)
+            self.assertEqual(status, 1)
+            self.assertIn("invalid: INSUFFICENT_DATA", err)
+            lines = out.decode().splitlines()
+            self.assertRegex(lines[0], r"^ +0 +4 +%d  SEQUENCE .* <truncated: %d octets present>$"
+                             % (size - 4, size // 2 - 4))
+            self.assertGreater(len(lines), 5)
+        # '-' reads standard input.
+        with open(big, "rb") as f:
+            piped = subprocess.run([SFBER, "check", "-"], stdin=f, capture_output=True)
+        self.assertEqual((piped.returncode, piped.stdout), (0, b"-: valid\n"))
         status, out, _ = sfber("-h")
         self.assertEqual(status, 0)
         self.assertIn(b"usage: sfber", out)

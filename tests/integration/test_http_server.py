@@ -20,12 +20,16 @@ set sf.tcp.backlog 128
 set sf.http.server sf-test
 mkQ http
 bind 127.0.0.1 {port}
+bind 127.0.0.1 {filterport}
 """
 
 START = """
 spinThread httpReader 127.0.0.1 {port} {{enQ http}}
 spinThread dummyWorker http sf_echo
 spinThread dummyWorker http sf_echo
+spinThread httpReader 127.0.0.1 {filterport} {{
+  if {{[httpHeader HttpRequestURL] ne "/drop"}} {{ enQ http }}
+}}
 """
 
 
@@ -62,9 +66,11 @@ def split_responses(data):
 class HttpServer(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.port = free_port()
-        cls.site = Site(CONFIG.format(port=cls.port), START.format(port=cls.port))
+        cls.port, cls.filterport = free_port(), free_port()
+        fmt = dict(port=cls.port, filterport=cls.filterport)
+        cls.site = Site(CONFIG.format(**fmt), START.format(**fmt))
         wait_port(cls.port, cls.site.proc)
+        wait_port(cls.filterport, cls.site.proc)
 
     @classmethod
     def tearDownClass(cls):
@@ -125,6 +131,15 @@ class HttpServer(unittest.TestCase):
         answers = split_responses(self.raw(reqs))
         self.assertEqual([a[2] for a in answers], [b"/1", b"two", b"/3"])
         self.assertTrue(all(a[0] == b"HTTP/1.1 200 OK" for a in answers))
+
+    def test_validate_script_decides(self):
+        # The script reads the request's environment; a request it does not
+        # queue gets no answer and the connection goes on with the next one.
+        with socket.create_connection(("127.0.0.1", self.filterport)) as s:
+            s.sendall(b"GET /drop HTTP/1.1\r\nHost: x\r\n\r\n"
+                      b"GET /kept HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
+            answers = split_responses(recv_all(s))
+        self.assertEqual([a[2] for a in answers], [b"/kept"])
 
     def test_old_versions(self):
         data = self.raw(b"GET /ten HTTP/1.0\r\n\r\n")  # closed after the reply

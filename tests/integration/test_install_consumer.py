@@ -1,20 +1,17 @@
-"""Installs the build into a temporary prefix and builds a small program
-against it from outside the source tree, once through the CMake package
-(find_package(sf CONFIG)) and once through pkg-config, then runs it.
-
-The program uses a Buffer, catches an exception of the family and logs
-through the host callback, so it needs the public headers, the exported
-link interface and the shared library at run time, and nothing else (no Tcl
-headers, no Tcl link of its own).
-"""
+"""Installs the build into a temporary prefix, builds a small program against
+it through the CMake package and through pkg-config, and runs it; it needs
+the public headers, the exported link interface and the shared library, and
+no Tcl of its own. Also starts the installed sfhost on its installed site."""
 
 import os
 import re
 import shutil
 import subprocess
-import sys
 import tempfile
 import unittest
+
+from sfnet_support import free_port
+from test_sfhost_basic import clean_env, remove_shm, run_until
 
 BUILD = os.environ.get("SF_BUILD_DIR", "")
 
@@ -49,34 +46,14 @@ int main() {
 }
 """
 
-CMAKE_PACKAGE = """
+CMAKE_LISTS = """
 cmake_minimum_required(VERSION 3.18)
 project(consumer CXX)
 set(CMAKE_CXX_STANDARD 17)
-find_package(sf CONFIG REQUIRED)
+%s
 add_executable(consumer main.cpp)
-target_link_libraries(consumer PRIVATE sf::sf)
+target_link_libraries(consumer PRIVATE %s)
 """
-
-CMAKE_PKGCONFIG = """
-cmake_minimum_required(VERSION 3.18)
-project(consumer CXX)
-set(CMAKE_CXX_STANDARD 17)
-find_package(PkgConfig REQUIRED)
-pkg_check_modules(SF REQUIRED IMPORTED_TARGET sf)
-add_executable(consumer main.cpp)
-target_link_libraries(consumer PRIVATE PkgConfig::SF)
-"""
-
-
-def cache_value(name):
-    """A value from the build's CMakeCache.txt, or ""."""
-    with open(os.path.join(BUILD, "CMakeCache.txt")) as f:
-        for line in f:
-            m = re.match(r"^%s:[A-Z]+=(.*)$" % re.escape(name), line.strip())
-            if m:
-                return m.group(1)
-    return ""
 
 
 def run(cmd, **kw):
@@ -101,8 +78,9 @@ class InstallConsumer(unittest.TestCase):
             raise
         # A sanitizer build installs an instrumented library; the consumer
         # must be built the same way to link against it.
-        sanitize = cache_value("SF_SANITIZE")
-        cls.cxx_flags = "-fsanitize=%s" % sanitize if sanitize else ""
+        with open(os.path.join(BUILD, "CMakeCache.txt")) as f:
+            m = re.search(r"^SF_SANITIZE:[A-Z]+=(.+)$", f.read(), re.M)
+        cls.cxx_flags = "-fsanitize=%s" % m.group(1).strip() if m else ""
 
     @classmethod
     def tearDownClass(cls):
@@ -110,17 +88,16 @@ class InstallConsumer(unittest.TestCase):
 
     def test_installed_layout(self):
         inc = os.path.join(self.prefix, "include", "sf")
-        for header in ("sflib.h", "sferr.h", "i_mx.h"):
-            self.assertTrue(os.path.isfile(os.path.join(inc, header)), header)
-        # Internal headers stay in the source tree.
+        libdir = self.libdir()
+        for path in (os.path.join(inc, "sflib.h"), os.path.join(inc, "sferr.h"),
+                     os.path.join(inc, "i_mx.h"), os.path.join(libdir, "libsf.so"),
+                     os.path.join(libdir, "cmake", "sf", "sfConfig.cmake"),
+                     os.path.join(self.prefix, "etc", "sf_events.msg")):
+            self.assertTrue(os.path.exists(path), path)
+        # Internal headers stay in the source tree; installed public headers
+        # include only each other and the standard library (no Tcl, no OS).
         self.assertFalse(os.path.exists(os.path.join(inc, "platform")))
         self.assertFalse(os.path.exists(os.path.join(inc, "detail")))
-        libdir = self.libdir()
-        self.assertTrue(os.path.exists(os.path.join(libdir, "libsf.so")))
-        self.assertTrue(os.path.isfile(os.path.join(libdir, "cmake", "sf", "sfConfig.cmake")))
-        self.assertTrue(os.path.isfile(os.path.join(libdir, "pkgconfig", "sf.pc")))
-        # Installed public headers include only each other and the standard
-        # library: a consumer needs no Tcl and no OS headers from us.
         for root, _, files in os.walk(inc):
             for name in files:
                 with open(os.path.join(root, name)) as f:
@@ -132,15 +109,25 @@ class InstallConsumer(unittest.TestCase):
                                 "%s includes %s, which is not installed" % (name, m.group(1)))
                         self.assertNotRegex(line, r"#\s*include\s+<tcl\.h>", name)
 
+    def test_installed_sfhost_finds_its_site_without_options(self):
+        self.addCleanup(remove_shm, self.prefix)
+        env = clean_env(TAVODATDIR=self.prefix, SF_HTTP_PORT=str(free_port()))
+        status, err = run_until([os.path.join(self.prefix, "bin", "sfhost"), "-l"],
+                                "started: root", cwd=self.prefix, env=env)
+        self.assertEqual(status, 0, err)
+        self.assertIn("started: root %s," % self.prefix, err)
+
     def test_find_package_consumer(self):
-        self.build_and_run("package", CMAKE_PACKAGE, {"CMAKE_PREFIX_PATH": self.prefix})
+        self.build_and_run("package", CMAKE_LISTS % ("find_package(sf CONFIG REQUIRED)", "sf::sf"),
+                           ["-DCMAKE_PREFIX_PATH=" + self.prefix])
 
     def test_pkg_config_consumer(self):
-        env = dict(os.environ)
-        env["PKG_CONFIG_PATH"] = os.path.join(self.libdir(), "pkgconfig")
+        env = dict(os.environ, PKG_CONFIG_PATH=os.path.join(self.libdir(), "pkgconfig"))
         out = run(["pkg-config", "--libs", "sf"], env=env)
         self.assertNotIn("tcl", out, "the consumer link line must not need Tcl")
-        self.build_and_run("pkgconfig", CMAKE_PKGCONFIG, {}, env)
+        self.build_and_run("pkgconfig", CMAKE_LISTS % (
+            "find_package(PkgConfig REQUIRED)\npkg_check_modules(SF REQUIRED IMPORTED_TARGET sf)",
+            "PkgConfig::SF"), [], env)
 
     def libdir(self):
         for name in ("lib", "lib64", os.path.join("lib", "x86_64-linux-gnu")):
@@ -150,23 +137,19 @@ class InstallConsumer(unittest.TestCase):
 
     def build_and_run(self, name, cmakelists, defines, env=None):
         src = os.path.join(self.tmp, name)
-        build = os.path.join(self.tmp, name + "-build")
         os.makedirs(src)
-        with open(os.path.join(src, "CMakeLists.txt"), "w") as f:
-            f.write(cmakelists)
-        with open(os.path.join(src, "main.cpp"), "w") as f:
-            f.write(CONSUMER_CPP)
-        configure = ["cmake", "-S", src, "-B", build]
+        for file, text in (("CMakeLists.txt", cmakelists), ("main.cpp", CONSUMER_CPP)):
+            with open(os.path.join(src, file), "w") as f:
+                f.write(text)
+        build = src + "-build"
+        configure = ["cmake", "-S", src, "-B", build] + defines
         if shutil.which("ninja"):
             configure += ["-G", "Ninja"]
-        for key, value in defines.items():
-            configure.append("-D%s=%s" % (key, value))
         if self.cxx_flags:
             configure.append("-DCMAKE_CXX_FLAGS=%s" % self.cxx_flags)
         run(configure, env=env)
         run(["cmake", "--build", build], env=env)
-        run_env = dict(env or os.environ)
-        run_env["LD_LIBRARY_PATH"] = self.libdir()
+        run_env = dict(env or os.environ, LD_LIBRARY_PATH=self.libdir())
         out = run([os.path.join(build, "consumer")], env=run_env)
         self.assertIn("buffer=hello, consumer size=15\n", out)
         self.assertIn("caught=2-2 range=15; index=99\n", out)

@@ -7,8 +7,9 @@ import shutil
 import signal
 import socket
 import subprocess
-import tempfile
 import unittest
+
+from test_sfhost_basic import Site
 
 BUILD = os.environ.get("SF_BUILD_DIR", "build")
 SOURCE = os.environ.get("SF_SOURCE_DIR", ".")
@@ -40,34 +41,16 @@ def can_unshare():
 @unittest.skipUnless(can_unshare(), "needs root and mount namespaces")
 class EventsToSyslogTest(unittest.TestCase):
     def setUp(self):
-        self.tmp = tempfile.TemporaryDirectory(prefix="sfevents-")
-        self.addCleanup(self.tmp.cleanup)
-        self.root = self.tmp.name
-        self.dev = os.path.join(self.root, "dev")
+        self.site = Site("")
+        self.addCleanup(self.site.close)
+        self.root, self.write, self.env = self.site.root, self.site.write, self.site.env
+        self.dev = self.site.path("dev")
         os.makedirs(self.dev)
-        os.makedirs(os.path.join(self.root, "etc"))
-        shutil.copy(os.path.join(SOURCE, "etc", "sf_events.msg"),
-                    os.path.join(self.root, "etc"))
+        shutil.copy(os.path.join(SOURCE, "etc", "sf_events.msg"), self.site.path("etc"))
         self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.sock.bind(os.path.join(self.dev, "log"))
         self.sock.settimeout(60)
         self.addCleanup(self.sock.close)
-        self.env = {k: v for k, v in os.environ.items()
-                    if not k.startswith(("SF", "TAVO", "ESTAT"))}
-        self.env.update(SFROOTDIR=self.root, SFDATDIR=self.root, TAVODATDIR=self.root)
-        self.addCleanup(self.remove_shm)
-
-    def remove_shm(self):
-        base = "estat" + "".join("_" if c in "/:\\" else c for c in self.root)
-        for suffix in ("_shm", "_mx"):
-            try:
-                os.unlink("/dev/shm/" + base + suffix)
-            except FileNotFoundError:
-                pass
-
-    def write(self, rel, text):
-        with open(os.path.join(self.root, rel), "w") as f:
-            f.write(text)
 
     def config(self, extra):
         self.write("etc/config.tcl",

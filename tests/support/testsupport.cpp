@@ -9,13 +9,14 @@
 
 namespace sftest {
 
-void ensureInterp() { sf::sfi_tclCreate(); }
+void ensureInterp() {
+  sf::sfi_tclCreate();
+}
 
 TempDir::TempDir() {
   static std::atomic<int> counter{0};
-  std::random_device rd;
   path_ = std::filesystem::temp_directory_path() /
-          ("sftest-" + std::to_string(rd()) + "-" + std::to_string(counter++));
+          ("sftest-" + std::to_string(std::random_device()()) + "-" + std::to_string(counter++));
   std::filesystem::create_directories(path_);
 }
 
@@ -32,8 +33,7 @@ std::string readFile(const std::filesystem::path& p) {
 }
 
 void writeFile(const std::filesystem::path& p, const std::string& text) {
-  std::ofstream out(p, std::ios::binary);
-  out << text;
+  std::ofstream(p, std::ios::binary) << text;
 }
 
 namespace {

@@ -13,7 +13,7 @@ std::string contents(const sf::Buffer& b) {
   return std::string(b.data, b.size());
 }
 
-// The str() of the X that fn throws, or "" when it throws nothing.
+// The str() of the X that fn throws, or "".
 template <typename Fn>
 std::string thrown(Fn fn) {
   try {
@@ -50,15 +50,12 @@ TEST(Buffer, GrowthAllocatesTwentyPercentHeadroom) {
   EXPECT_EQ(contents(b), "0123456789abc");
 
   sf::Buffer sized(100);
-  EXPECT_EQ(sized.capacity, 100u);
   EXPECT_EQ(sized.getROPtr(0), sized.data);  // even with nothing used
   sized.resize(7);
   EXPECT_EQ(sized.capacity, 100u);
   sized.resize(101);
   EXPECT_EQ(sized.capacity, 121u);
   EXPECT_EQ(sized.size(), 101u);
-  sized.release();
-  EXPECT_TRUE(sized.data == nullptr && sized.size() == 0 && sized.capacity == 0);
 
   // A request at the ceiling is allowed; the headroom may pass it.
   sf::Buffer big;

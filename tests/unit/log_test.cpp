@@ -1,5 +1,4 @@
-// The log core: levels, the three sinks, SF_DBG, rotation, the format
-// template and tracing.
+// The log core: levels, sinks, SF_DBG, rotation, the format template, tracing.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

@@ -89,7 +89,6 @@ TEST(MxDeathTest, UnlockWithoutOwningIsFatal) {
   std::string dump;
   for (const auto& entry : std::filesystem::directory_iterator(dir.path()))
     dump += sftest::readFile(entry.path());
-  EXPECT_EQ(dump.rfind("dump file for process ", 0), 0u);
   EXPECT_NE(dump.find(" Reason for dump: ReleaseMutex\n\n"), std::string::npos) << dump;
 
   // Held by another thread: releasing it from here is just as fatal.

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include "sf/detail/commands.h"
 #include "sf/platform/pipe.h"
@@ -46,14 +47,36 @@ void check(bool ok, const std::string& what) {
   std::exit(g_failures ? 1 : 0);
 }
 
+// Runs body in a forked child that must pass its checks; its standard
+// error must match pattern. Children are forked from the test (the "fast"
+// death-test style): they see the test's temporary directories.
+template <typename Fn>
+void inChild(Fn body, const char* pattern = "") {
+  EXPECT_EXIT(
+      {
+        body();
+        finishChild();
+      },
+      ::testing::ExitedWithCode(0), pattern);
+}
+
+// Inside a child: initTcl on "host" followed by args; returns what it left
+// of the command line.
+std::vector<std::string> startWith(std::vector<const char*> args) {
+  args.insert(args.begin(), "host");
+  int argc = static_cast<int>(args.size());
+  args.push_back(nullptr);
+  sf::initTcl(argc, args.data());
+  check(args[argc] == nullptr, "argv still ends in null");
+  return {args.begin(), args.begin() + argc};
+}
+
 // Each record the library logs, printed as "REC <level> <message>".
 void printRecord(std::uint32_t, std::uint32_t, std::uint32_t level, const char*, std::uint32_t,
                  std::uint32_t, const char* msg, int, const char*, int) {
   fprintf(stderr, "REC %u %s\n", level, msg);
 }
 
-// Children are forked from the test (the "fast" death-test style): they see
-// the test's temporary directories, which the parent removes afterwards.
 class Startup : public ::testing::Test {
  protected:
   void TearDown() override {
@@ -67,84 +90,44 @@ TEST_F(Startup, LibraryOptionsAreTakenOutOfArgvAndActedOn) {
   TempDir site;
   makeSite(site.path(), "set marker site\n");
   setenv("SFROOTDIR", site.str().c_str(), 1);
-  auto child1 = [&]() {
-    const char* argv[] = {"host", "-datdir", "/d", "-x", "-l", "a.tcl", "-d", "4", nullptr};
-    int argc = 8;
-    sf::initTcl(argc, argv);
-    check(argc == 3, "argc is 3");
-    check(std::string(argv[0]) == "host" && std::string(argv[1]) == "-x" &&
-              std::string(argv[2]) == "a.tcl" && argv[3] == nullptr,
-          "host -x a.tcl null kept in order");
-    check(sf::sfi_dataDir() == "/d" && sf::getVarStr("sf.datdir", "") == "/d", "datdir /d");
-    check(sf::g_logLevel.load() == 4, "-d sets the level");
-    check(sf::getVarStr("marker", "") == "site", "site config.tcl ran");
-    finishChild();
-  };
-  EXPECT_EXIT(child1(), ::testing::ExitedWithCode(0),
-              // -l sends records to standard error in the short format.
-              "explicitly setting log level to 4\n.*sfrootdir=.* datdir = /d");
+  inChild(
+      [&] {
+        auto left = startWith({"-datdir", "/d", "-x", "-l", "a.tcl", "-d", "4"});
+        check(left == std::vector<std::string>{"host", "-x", "a.tcl"}, "host -x a.tcl kept");
+        check(sf::sfi_dataDir() == "/d" && sf::getVarStr("sf.datdir", "") == "/d", "datdir /d");
+        check(sf::g_logLevel.load() == 4, "-d sets the level");
+        check(sf::getVarStr("marker", "") == "site", "site config.tcl ran");
+      },
+      // -l sends records to standard error in the short format.
+      "explicitly setting log level to 4\n.*sfrootdir=.* datdir = /d");
 
   // An option without its value is dropped; the directory comes from the
   // environment as if it were absent.
-  auto child2 = [&]() {
-    const char* argv[] = {"host", "a.tcl", "-rootdir", nullptr};
-    int argc = 3;
-    sf::initTcl(argc, argv);
-    check(argc == 2 && argv[2] == nullptr, "argc is 2");
+  inChild([&] {
+    check(startWith({"a.tcl", "-rootdir"}).size() == 2, "argc is 2");
     check(sf::sfi_rootDir() == site.str(), "root from SFROOTDIR");
-    finishChild();
-  };
-  EXPECT_EXIT(child2(), ::testing::ExitedWithCode(0), "");
+  });
 }
 
-TEST_F(Startup, DirectoriesComeFromOptionsThenEnvironmentThenDefaults) {
-  TempDir optRoot, envRoot, optData, envData, cwd;
+TEST_F(Startup, DirectoriesComeFromOptionsThenEnvironment) {
+  TempDir optRoot, envRoot, optData, envData;
   makeSite(optRoot.path(), "set which option\n");
   makeSite(envRoot.path(), "set which environment\n");
   setenv("SFROOTDIR", envRoot.str().c_str(), 1);
   setenv("SFDATDIR", envData.str().c_str(), 1);
-
-  auto child3 = [&]() {
+  inChild([&] {
     std::string r = optRoot.str(), d = optData.str();
-    const char* argv[] = {"host", "-rootdir", r.c_str(), "-datdir", d.c_str(), nullptr};
-    int argc = 5;
-    sf::initTcl(argc, argv);
-    check(argc == 1, "argc is 1");
+    check(startWith({"-rootdir", r.c_str(), "-datdir", d.c_str()}).size() == 1, "argc is 1");
     check(sf::getVarStr("which", "") == "option", "config.tcl of -rootdir");
     check(sf::getVarStr("sf.rootdir", "") == r, "sf.rootdir from -rootdir");
     check(sf::getVarStr("sf.datdir", "") == d, "sf.datdir from -datdir");
-    finishChild();
-  };
-  EXPECT_EXIT(child3(), ::testing::ExitedWithCode(0), "");
-
-  auto child4 = [&]() {
-    const char* argv[] = {"host", nullptr};
-    int argc = 1;
-    sf::initTcl(argc, argv);
+  });
+  inChild([&] {
+    startWith({});
     check(sf::getVarStr("which", "") == "environment", "config.tcl of SFROOTDIR");
     check(sf::getVarStr("sf.datdir", "") == envData.str(), "sf.datdir from SFDATDIR");
-    finishChild();
-  };
-  EXPECT_EXIT(child4(), ::testing::ExitedWithCode(0), "");
-
-  // Neither: the root is two levels above the executable (this test program
-  // lives in <build>/bin, whose etc/ holds the default site) and the data
-  // directory is the current one.
-  unsetenv("SFROOTDIR");
-  unsetenv("SFDATDIR");
-  auto child5 = [&]() {
-    fs::current_path(cwd.path());
-    const char* argv[] = {"host", nullptr};
-    int argc = 1;
-    sf::initTcl(argc, argv);
-    fs::path exe = fs::read_symlink("/proc/self/exe");
-    check(sf::getVarStr("sf.rootdir", "") == exe.parent_path().parent_path().string(),
-          "root is bin/.. of the executable");
-    check(sf::getVarStr("sf.datdir", "") == fs::current_path().string(), "data is cwd");
-    check(sf::getVarInt("sf.tcp.backlog", 0) == 128, "default site ran");
-    finishChild();
-  };
-  EXPECT_EXIT(child5(), ::testing::ExitedWithCode(0), "");
+  });
+  // Without either, sfhost's integration test covers the defaults.
 }
 
 TEST_F(Startup, TclLibraryShippedWithTheSiteIsUsedUnlessTclLibraryIsSet) {
@@ -158,23 +141,15 @@ TEST_F(Startup, TclLibraryShippedWithTheSiteIsUsedUnlessTclLibraryIsSet) {
   fs::create_directory_symlink(system, site.path() / "etc" / "tcl8.6");
   setenv("SFROOTDIR", site.str().c_str(), 1);
   std::string shipped = (site.path() / "etc" / "tcl8.6").string();
-  auto withoutVariable = [&]() {
-    const char* argv[] = {"host", nullptr};
-    int argc = 1;
-    sf::initTcl(argc, argv);
+  inChild([&] {
+    startWith({});
     check(sf::eval("info library") == shipped, "tcl_library is root/etc/tcl8.6");
-    finishChild();
-  };
-  EXPECT_EXIT(withoutVariable(), ::testing::ExitedWithCode(0), "");
+  });
   setenv("TCL_LIBRARY", system.c_str(), 1);
-  auto withVariable = [&]() {
-    const char* argv[] = {"host", nullptr};
-    int argc = 1;
-    sf::initTcl(argc, argv);
+  inChild([&] {
+    startWith({});
     check(sf::eval("info library") != shipped, "TCL_LIBRARY leaves tcl_library alone");
-    finishChild();
-  };
-  EXPECT_EXIT(withVariable(), ::testing::ExitedWithCode(0), "");
+  });
 }
 
 TEST_F(Startup, TclLibraryThatFailsIsAFatalStartUpError) {
@@ -196,14 +171,15 @@ TEST_F(Startup, TclLibraryThatFailsIsAFatalStartUpError) {
 
 TEST_F(Startup, BrokenSiteConfigurationStopsStartUpWithXtcl) {
   TempDir site;
-  std::string catalogue = sourceDir() + "/etc/sf_events.msg";
   fs::path logs = site.path() / "logs";
-  makeSite(site.path(), "package require msgcat\nsource {" + catalogue + "}\n" +
-                            "set sf.log.dir {" + logs.string() + "}\n" +
-                            "set sf.log.useevorsyslog 1\n" + "set broken [oops\n");
   setenv("SFROOTDIR", site.str().c_str(), 1);
   setenv("TAVODATDIR", site.str().c_str(), 1);
-  auto child7 = [&]() {
+  // Nothing after the site script is started; a non-integer where an
+  // integer key is expected names the key.
+  makeSite(site.path(), "package require msgcat\nsource {" + sourceDir() +
+                            "/etc/sf_events.msg}\nset sf.log.dir {" + logs.string() +
+                            "}\nset sf.log.useevorsyslog 1\nset broken [oops\n");
+  auto initFails = [&] {
     sf::setlog(printRecord);
     const char* argv[] = {"host", "-d", "3", nullptr};
     int argc = 3;
@@ -213,30 +189,12 @@ TEST_F(Startup, BrokenSiteConfigurationStopsStartUpWithXtcl) {
     } catch (const sf::Xtcl& x) {
       fprintf(stderr, "XTCL %s\n%s\n", x.str().c_str(), x.errorInfo.c_str());
     }
-    // Nothing after the site script was started.
     check(!sf::statsAttached(), "statistics block not attached");
     check(!fs::exists(logs / "sf.log"), "no log file");
-    finishChild();
   };
-  EXPECT_EXIT(child7(), ::testing::ExitedWithCode(0),
-              "REC 1 \\[3\\] script file failed[^\n]*config.tcl.*XTCL 2-8tcl code: ");
-
-  // A non-integer where an integer key is expected names the key.
+  inChild(initFails, "REC 1 \\[3\\] script file failed[^\n]*config.tcl.*XTCL 2-8tcl code: ");
   makeSite(site.path(), "set sf.syslog.prio loud\n");
-  auto child8 = [&]() {
-    const char* argv[] = {"host", nullptr};
-    int argc = 1;
-    try {
-      sf::init(argc, argv);
-    } catch (const sf::Xtcl& x) {
-      fprintf(stderr, "XTCL %s\n", x.errorInfo.c_str());
-      finishChild();
-    }
-    check(false, "init returned");
-    finishChild();
-  };
-  EXPECT_EXIT(child8(), ::testing::ExitedWithCode(0),
-              "expected integer but got \"loud\".*sf.syslog.prio");
+  inChild(initFails, "expected integer but got \"loud\".*sf.syslog.prio");
 }
 
 namespace {
@@ -266,15 +224,16 @@ void fatalAgain(std::uint32_t, std::uint32_t, std::uint32_t, const char*, std::u
 
 TEST_F(Startup, FatalErrorsWriteTheDumpAndExit) {
   TempDir dir;
-  auto child9 = [&]() {
-    fs::current_path(dir.path());
-    sftest::ensureInterp();
-    // A broken setting makes the event's report throw; the dump and the
-    // exit still happen.
-    sf::setVarStr("sf.log.useevorsyslog", "yes");
-    sf::sf_fatal("queue head lost");
-  };
-  EXPECT_EXIT(child9(), ::testing::ExitedWithCode(3), "");
+  // A broken setting makes the event's report throw; the dump and the exit
+  // still happen.
+  EXPECT_EXIT(
+      {
+        fs::current_path(dir.path());
+        sftest::ensureInterp();
+        sf::setVarStr("sf.log.useevorsyslog", "yes");
+        sf::sf_fatal("queue head lost");
+      },
+      ::testing::ExitedWithCode(3), "");
   std::string pid, text;
   ASSERT_TRUE(readDump(dir.path(), &pid, &text));
   EXPECT_TRUE(std::regex_match(pid, std::regex("[1-9][0-9]*"))) << pid;
@@ -284,30 +243,23 @@ TEST_F(Startup, FatalErrorsWriteTheDumpAndExit) {
                     "[0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}\n Reason for dump: queue head lost\n\n");
   EXPECT_TRUE(std::regex_match(text, layout)) << text;
 
-  // A fatal error raised while handling one ends the process at once, with 1.
-  auto child10 = [&]() {
-    sftest::ensureInterp();
-    sf::setVarInt("sf.log.useevorsyslog", 1);
-    sf::g_logLevel.store(1);
-    sf::setlog(fatalAgain);  // the event's level-1 record re-enters
-    sf::sf_fatal("first");
-  };
-  EXPECT_EXIT(child10(), ::testing::ExitedWithCode(1), "");
-
-  // A fatal path that hangs is cut short by the deadline, which exits with 0.
-  auto child11 = [&]() {
+  // A fatal error raised while handling one ends the process at once, with
+  // 1 (the event's level-1 record re-enters); a fatal path that hangs is cut
+  // short by the deadline, which exits with 0.
+  auto fatalWhileLogging = [&](sf::LogCallback hook, const char* reason) {
     fs::current_path(dir.path());
     sftest::ensureInterp();
     sf::setVarInt("sf.log.useevorsyslog", 1);
     sf::g_logLevel.store(1);
-    sf::setlog(hangForEver);
-    sf::sf_fatal("hangs");
+    sf::setlog(hook);
+    sf::sf_fatal(reason);
   };
-  EXPECT_EXIT(child11(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(fatalWhileLogging(fatalAgain, "first"), ::testing::ExitedWithCode(1), "");
+  EXPECT_EXIT(fatalWhileLogging(hangForEver, "hangs"), ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(Startup, ProgramsStartedByAHostThatBlocksStopSignalsCanBeStopped) {
-  auto child = [&]() {
+  inChild([] {
     // As sfhost does in every thread. A child that kept the mask would sleep
     // its 30 seconds out and exit with 0.
     sf::platform::block_stop_signals();
@@ -316,9 +268,7 @@ TEST_F(Startup, ProgramsStartedByAHostThatBlocksStopSignalsCanBeStopped) {
     sf::platform::terminate(pid);
     int status = sf::platform::wait_child(pid);
     check(status == 128 + SIGTERM, "SIGTERM ended the child, status " + std::to_string(status));
-    finishChild();
-  };
-  EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
+  });
 }
 
 // --- in this process: events and the runtime's commands ---
@@ -336,90 +286,56 @@ void prepareInterp() {
   sf::eval(("source {" + catalogue + "}").c_str());
 }
 
-int countWith(const std::vector<std::string>& v, const std::string& text) {
-  int n = 0;
-  for (const auto& s : v) n += s.find(text) != std::string::npos;
-  return n;
+// The records at level (0: the log line, 1: the posted text) of the events
+// raised, with useevorsyslog set to post.
+template <typename Fn>
+std::vector<std::string> eventRecords(int post, unsigned level, Fn raise) {
+  sftest::LogCapture capture(3);
+  sf::setVarInt("sf.log.useevorsyslog", post);
+  raise();
+  sf::setVarInt("sf.log.useevorsyslog", 0);
+  return capture.messages(level);
 }
+using Texts = std::vector<std::string>;
 }  // namespace
 
 TEST(Events, LogLineAlwaysAndTranslatedTextWhenPosting) {
   prepareInterp();
-  sftest::LogCapture capture(3);
-  sf::setVarInt("sf.log.useevorsyslog", 0);
-  sf::logandreport("02_sf_bind_s", "1.2.3.4:80", "f.cpp", 12);
-  auto zero = capture.messages(0);
-  ASSERT_EQ(zero.size(), 1u);
-  EXPECT_EQ(zero[0], "02_sf_bind_s { 1.2.3.4:80 } ");
-  EXPECT_EQ(capture.records()[0].file, "f.cpp");
-  EXPECT_TRUE(capture.messages(1).empty()) << "nothing posted with useevorsyslog 0";
-
-  capture.clear();
-  sf::logandreport2("10_sf_idletimeout_s_s", "1.1.1.1:80", "2.2.2.2:9", __FILE__, __LINE__);
-  sf::logandreport3("09_sf_readtimeout_s_s_d", "a", "b", "5", __FILE__, __LINE__);
-  zero = capture.messages(0);
-  ASSERT_EQ(zero.size(), 2u);
-  EXPECT_EQ(zero[0], "10_sf_idletimeout_s_s { 1.1.1.1:80 }  { 2.2.2.2:9 }");
-  EXPECT_EQ(zero[1], "09_sf_readtimeout_s_s_d { a }  { b } { 5 }");
+  auto three = [] {
+    sf::logandreport("02_sf_bind_s", "1.2.3.4:80", __FILE__, __LINE__);
+    sf::logandreport2("10_sf_idletimeout_s_s", "1.1.1.1:80", "2.2.2.2:9", __FILE__, __LINE__);
+    sf::logandreport3("09_sf_readtimeout_s_s_d", "a", "b", "5", __FILE__, __LINE__);
+  };
+  EXPECT_EQ(eventRecords(0, 0, three), (Texts{"02_sf_bind_s { 1.2.3.4:80 } ",
+                                              "10_sf_idletimeout_s_s { 1.1.1.1:80 }  { 2.2.2.2:9 }",
+                                              "09_sf_readtimeout_s_s_d { a }  { b } { 5 }"}));
+  EXPECT_EQ(eventRecords(0, 1, three), Texts{}) << "nothing posted with useevorsyslog 0";
 
   // Posting: translated through the catalogue, numbered, prefixed with the
-  // service name when one is set.
-  sf::setVarInt("sf.log.useevorsyslog", 1);
-  capture.clear();
-  sf::logandreport("02_sf_bind_s", "1.2.3.4:80", __FILE__, __LINE__);
-  sf::logandreport2("10_sf_idletimeout_s_s", "1.1.1.1:80", "2.2.2.2:9", __FILE__, __LINE__);
-  sf::setVarStr("sf.servicename", "proxyA");
-  sf::sfi_reportEvent1("16_sf_internalError_s", "lost");
-  sf::setVarStr("sf.servicename", "");
-  auto posted = capture.messages(1);
-  ASSERT_EQ(posted.size(), 3u);
-  EXPECT_EQ(posted[0], "[2] cannot bind listening address: 1.2.3.4:80 ");
-  EXPECT_EQ(posted[1], "[10] idle connection closed: local 1.1.1.1:80  remote 2.2.2.2:9 ");
-  EXPECT_EQ(posted[2], "proxyA: [16] internal error, the process is ending: lost ");
-
-  // An argument that closes its braces early stays text.
-  capture.clear();
-  sf::logandreport("02_sf_bind_s", "x } [set ::injected 1] { y", __FILE__, __LINE__);
+  // service name when one is set. An argument that closes its braces early
+  // stays text. No catalogue entry, or no number in the identifier.
+  EXPECT_EQ(eventRecords(1, 1,
+                         [] {
+                           sf::logandreport("02_sf_bind_s", "1.2.3.4:80", __FILE__, __LINE__);
+                           sf::logandreport2("10_sf_idletimeout_s_s", "1.1.1.1:80", "2.2.2.2:9",
+                                             __FILE__, __LINE__);
+                           sf::setVarStr("sf.servicename", "proxyA");
+                           sf::sfi_reportEvent1("16_sf_internalError_s", "lost");
+                           sf::setVarStr("sf.servicename", "");
+                           sf::logandreport("02_sf_bind_s", "x } [set ::injected 1] { y", __FILE__,
+                                            __LINE__);
+                           sf::logandreport("99_sf_unknown_s", "x", __FILE__, __LINE__);
+                           sf::sfi_reportEvent("data directory not found/readable", "");
+                         }),
+            (Texts{"[2] cannot bind listening address: 1.2.3.4:80 ",
+                   "[10] idle connection closed: local 1.1.1.1:80  remote 2.2.2.2:9 ",
+                   "proxyA: [16] internal error, the process is ending: lost ",
+                   "[2] cannot bind listening address: x ",
+                   "[99] no translation for 99_sf_unknown_s { x } ",
+                   "[0] no translation for data directory not found/readable "}));
   EXPECT_EQ(sf::getVarStr("injected", "no"), "no");
-  EXPECT_EQ(capture.messages(1), std::vector<std::string>{"[2] cannot bind listening address: x "});
 
-  // No catalogue entry, or no number in the identifier.
-  capture.clear();
-  sf::logandreport("99_sf_unknown_s", "x", __FILE__, __LINE__);
-  sf::sfi_reportEvent("data directory not found/readable", "");
-  posted = capture.messages(1);
-  ASSERT_EQ(posted.size(), 2u);
-  EXPECT_EQ(posted[0], "[99] no translation for 99_sf_unknown_s { x } ");
-  EXPECT_EQ(posted[1], "[0] no translation for data directory not found/readable ");
-  sf::setVarInt("sf.log.useevorsyslog", 0);
-}
-
-TEST(Events, EventRaisedWhileReportingIsDropped) {
-  prepareInterp();
-  sftest::LogCapture capture(1);
-  sf::setVarInt("sf.log.useevorsyslog", 1);
-  // A catalogue lookup that itself raises an event.
-  sf::eval(
-      "rename ::msgcat::mcexists ::msgcat::sftest_mcexists\n"
-      "proc ::msgcat::mcexists {args} {sf_event 17_sf_logError_s nested; "
-      "uplevel 1 [list ::msgcat::sftest_mcexists {*}$args]}");
-  sf::sfi_reportEvent1("01_sf_connect_s", "10.0.0.1:25");
-  sf::eval("rename ::msgcat::mcexists {}; rename ::msgcat::sftest_mcexists ::msgcat::mcexists");
-  sf::setVarInt("sf.log.useevorsyslog", 0);
-  auto posted = capture.messages(1);
-  EXPECT_EQ(countWith(posted, "[1] outgoing connection failed: 10.0.0.1:25"), 1);
-  EXPECT_EQ(countWith(posted, "[17]"), 0) << "the nested event was posted";
-
-  // The guard is cleared again: the next event is reported.
-  sf::setVarInt("sf.log.useevorsyslog", 1);
-  capture.clear();
-  sf::eval("sf_event 17_sf_logError_s disk full");
-  sf::setVarInt("sf.log.useevorsyslog", 0);
-  EXPECT_EQ(countWith(capture.messages(1), "[17] log error: disk "), 1);
-}
-
-TEST(Events, CatalogueHasATextForEveryIdentifier) {
-  prepareInterp();
+  // Every identifier the library raises has a text.
   for (const char* id :
        {"01_sf_connect_s", "02_sf_bind_s", "03_sf_eval_s", "06_sf_watchdog_s", "08_sf_openlog_s",
         "09_sf_readtimeout_s_s_d", "10_sf_idletimeout_s_s", "14_sf_renamelog_s_s",
@@ -428,22 +344,32 @@ TEST(Events, CatalogueHasATextForEveryIdentifier) {
   }
 }
 
+TEST(Events, EventRaisedWhileReportingIsDropped) {
+  prepareInterp();
+  // A catalogue lookup that itself raises an event.
+  sf::eval(
+      "rename ::msgcat::mcexists ::msgcat::sftest_mcexists\n"
+      "proc ::msgcat::mcexists {args} {sf_event 17_sf_logError_s nested; "
+      "uplevel 1 [list ::msgcat::sftest_mcexists {*}$args]}");
+  Texts posted = eventRecords(1, 1, [] { sf::sfi_reportEvent1("01_sf_connect_s", "10.0.0.1:25"); });
+  sf::eval("rename ::msgcat::mcexists {}; rename ::msgcat::sftest_mcexists ::msgcat::mcexists");
+  EXPECT_EQ(posted, Texts{"[1] outgoing connection failed: 10.0.0.1:25 "});
+  // The guard is cleared again: the next event is reported.
+  EXPECT_EQ(eventRecords(1, 1, [] { sf::eval("sf_event 17_sf_logError_s disk full"); }),
+            Texts{"[17] log error: disk "});
+}
+
 TEST(RuntimeCommands, LogEventAndDumpFromScripts) {
   prepareInterp();
   sftest::LogCapture capture(3);
   EXPECT_EQ(sf::eval("sf_log 3 hello"), "");
   EXPECT_EQ(sf::eval("sf_log 4 quiet"), "");
-  int hello = 0;
-  for (const auto& r : capture.records()) {
-    EXPECT_NE(r.msg, "quiet") << "level 4 is off";
-    if (r.msg != "hello") continue;
-    ++hello;
-    EXPECT_EQ(r.level, 3u);
-    EXPECT_EQ(r.code, 0);
-    EXPECT_EQ(r.file, "");
-    EXPECT_EQ(r.line, 0);
-  }
-  EXPECT_EQ(hello, 1);
+  std::string seen;  // level 4 is off
+  for (const auto& r : capture.records())
+    if (r.msg == "hello" || r.msg == "quiet")
+      seen += r.msg + " " + std::to_string(r.level) + " " + std::to_string(r.code) + " [" + r.file +
+              "] " + std::to_string(r.line) + ";";
+  EXPECT_EQ(seen, "hello 3 0 [] 0;");
 
   // Wrong word counts give the status -1.
   EXPECT_EQ(sf::eval("catch {sf_log 3}"), "-1");

@@ -24,12 +24,15 @@ using sftest::TempDir;
 
 namespace {
 
-// Gives this test process a block of its own (named after a fresh temporary
-// directory) and removes the names when the process ends.
+// Names a block of its own (after a fresh temporary directory) while it
+// lives; then removes the names and restores the naming variables.
 struct OwnBlock {
   TempDir dir;
+  std::map<std::string, std::string> saved;
   std::string blockName, mutexName;
   OwnBlock() {
+    for (const char* v : {"TAVODATDIR", "TAVO_WIN_MEM_GLOBAL"})
+      if (const char* value = getenv(v)) saved[v] = value;
     setenv("TAVO_WIN_MEM_GLOBAL", "OFF", 1);
     setenv("TAVODATDIR", dir.str().c_str(), 1);
     blockName = sf::statsBlockName();
@@ -38,28 +41,13 @@ struct OwnBlock {
   ~OwnBlock() {
     fs::remove("/dev/shm/" + blockName);
     fs::remove("/dev/shm/" + mutexName);
+    unsetenv("TAVODATDIR");
+    unsetenv("TAVO_WIN_MEM_GLOBAL");
+    for (const auto& [name, value] : saved) setenv(name.c_str(), value.c_str(), 1);
   }
 };
 
-// Restores the naming variables when the test is done with them.
-struct NamingEnvironment {
-  std::map<std::string, std::string> saved;
-  NamingEnvironment() {
-    for (const char* v : {"TAVODATDIR", "TAVO_WIN_MEM_GLOBAL"})
-      if (const char* value = getenv(v)) saved[v] = value;
-  }
-  ~NamingEnvironment() {
-    for (const char* v : {"TAVODATDIR", "TAVO_WIN_MEM_GLOBAL"}) {
-      auto it = saved.find(v);
-      if (it == saved.end()) {
-        unsetenv(v);
-      } else {
-        setenv(v, it->second.c_str(), 1);
-      }
-    }
-  }
-};
-
+// The block this test process shares with its children.
 OwnBlock& ownBlock() {
   static OwnBlock block;
   return block;
@@ -127,8 +115,7 @@ const bool kRunAsChild = [] {
 int runChild(const char* role) {
   pid_t child = forkChild([role] {
     setenv("SF_STATS_CHILD", role, 1);
-    std::string self = fs::read_symlink("/proc/self/exe").string();
-    execl(self.c_str(), self.c_str(), static_cast<char*>(nullptr));
+    execl("/proc/self/exe", "self", static_cast<char*>(nullptr));
     _exit(99);
   });
   int status = waitChild(child);
@@ -138,7 +125,7 @@ int runChild(const char* role) {
 }  // namespace
 
 TEST(StatsNames, FollowTheEnvironment) {
-  NamingEnvironment restore;
+  OwnBlock restore;
   setenv("TAVO_WIN_MEM_GLOBAL", "OFF", 1);
   setenv("TAVODATDIR", "C:/data", 1);
   EXPECT_EQ(sf::statsBlockName(), "estatC__data_shm");
@@ -204,13 +191,8 @@ TEST(StatsBlock, CreatorZeroesItAndASecondProcessFindsItAsLeft) {
 }
 
 TEST(StatsBlock, WithoutTheBlockTheLogStillWorks) {
-  NamingEnvironment restore;
-  TempDir dir;
-  setenv("TAVO_WIN_MEM_GLOBAL", "OFF", 1);
-  setenv("TAVODATDIR", dir.str().c_str(), 1);
+  OwnBlock other;
   EXPECT_EQ(runChild("unattached"), 0);
-  fs::remove("/dev/shm/" + sf::statsBlockName());
-  fs::remove("/dev/shm/" + sf::statsMutexName());
 }
 
 TEST(StatsBlock, LockOfAKilledHolderIsTakenOver) {
@@ -309,17 +291,9 @@ TEST(StatsBlock, TwoProcessesWriteAndRotateOneLogWithoutLosingALine) {
   }
   EXPECT_EQ(torn, 0);
   EXPECT_GT(files, 20) << "the log did not rotate";
-  int missing = 0, doubled = 0;
-  for (char who : {'A', 'B'}) {
-    for (int i = 0; i < kLines; ++i) {
-      auto it = seen.find(std::string(1, who) + std::to_string(i));
-      if (it == seen.end()) {
-        ++missing;
-      } else if (it->second != 1) {
-        ++doubled;
-      }
-    }
-  }
-  EXPECT_EQ(missing, 0);
-  EXPECT_EQ(doubled, 0);
+  int lostOrDoubled = 0;
+  for (char who : {'A', 'B'})
+    for (int i = 0; i < kLines; ++i)
+      lostOrDoubled += seen[std::string(1, who) + std::to_string(i)] != 1;
+  EXPECT_EQ(lostOrDoubled, 0);
 }
