@@ -120,7 +120,7 @@ int main(int argc, const char** argv) {
   // (sf_quiesce); then there is nothing left to serve.
   int sig;
   while ((sig = sf::platform::wait_stop_signal_ms(500)) == 0) {
-    if (sf::sfi_shutdownDone()) {
+    if (sf::sfi_quiescedByScript()) {
       SF_LOG(1, "sfhost: shut down by a script");
       SF_LOG(1, "sfhost: stopped");
       leave(0);

@@ -1,6 +1,7 @@
 // Script commands of the network side: bind, sf_echo, sfload, sf_quiesce,
 // sf_ping, tcpReader, and the hand-over commands sf_handover,
 // sf_receiveEnv and sf_startupOk (sfi_pipeEnv lives with the hand-over).
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -58,8 +59,15 @@ int sfi_cmd_sfload(int argc, const char** argv) {
   return 0;
 }
 
+namespace {
+std::atomic<bool> g_quiesced{false};
+}  // namespace
+
+bool sfi_quiescedByScript() { return g_quiesced.load(); }
+
 int sfi_cmd_sf_quiesce(int, const char**) {
   shutdown();
+  g_quiesced.store(true);
   setRes("OK");
   return 0;
 }

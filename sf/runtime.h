@@ -28,8 +28,10 @@ void shutdown();
 // True once shutdown has been requested.
 bool sfi_shuttingDown();
 
-// True once a shutdown has run to its end (readers stopped, queues drained).
-bool sfi_shutdownDone();
+// True once a script's sf_quiesce has run the shutdown to its end (readers
+// stopped, queues drained). The watchdog and sf_fatal shut down and end the
+// process themselves; they do not set it.
+bool sfi_quiescedByScript();
 
 // Writes "dump_<pid>" in the current directory with reason.
 void sfi_writeDump(const char* reason);

@@ -12,7 +12,6 @@ namespace sf {
 
 namespace {
 std::atomic<bool> g_shuttingDown{false};
-std::atomic<bool> g_shutdownDone{false};
 
 void collect(const std::string&, i_Port* port, void* arg) {
   static_cast<std::vector<i_Port*>*>(arg)->push_back(port);
@@ -21,9 +20,6 @@ void collect(const std::string&, i_Port* port, void* arg) {
 
 bool sfi_shuttingDown() {
   return g_shuttingDown.load();
-}
-bool sfi_shutdownDone() {
-  return g_shutdownDone.load();
 }
 
 void shutdown() {
@@ -48,7 +44,6 @@ void shutdown() {
   }
   if (depth) sfi_tclLock().relock(depth);
   MessageQ::quiesceAll();
-  g_shutdownDone.store(true);
 }
 
 }  // namespace sf
