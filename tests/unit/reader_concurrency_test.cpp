@@ -65,50 +65,37 @@ void echoWorker(const char* queue) {
   std::thread([q] { sf::DummyWorker(q.c_str(), "sf_echo").run(); }).detach();
 }
 
-// A bound port served by reader (a TclReader by default) queueing on queue,
-// with one echoing DummyWorker unless told otherwise.
+// A bound port (shared: put in the shared table and taken back, as a
+// script's bind does) served by a reader thread, a TclReader by default, that
+// queues on queue; one echoing DummyWorker unless told otherwise. The reader
+// thread sets *returned when its loop ends and stays alive: Tcl frees
+// per-thread data only for threads it is told about.
 struct Service {
   sf::Port port;
   int portno = 0;
-  sf::Reader* reader;
-  std::string script;
-  Service(const std::string& queue, sf::Reader* r = nullptr, bool worker = true)
-      : reader(r ? r : new sf::TclReader), script("enQ " + queue) {
+  std::atomic<bool>* returned = new std::atomic<bool>(false);
+  explicit Service(const std::string& queue, sf::Reader* r = nullptr, bool worker = true,
+                   bool shared = false) {
     setUp();
     if (!sf::getQ(queue.c_str())) sf::mkQ(queue.c_str());
     sf::setVarInt("sf.tcp.backlog", 128);  // the default 5 drops SYNs of a crowd
     sf::PortAddr addr("127.0.0.1", "0");
     port = sf::bindPort(addr);
     portno = pf::bound_port(port.socketNo());
-    std::thread([this] { reader->run(port, script.c_str(), nullptr); }).detach();
+    if (shared) {
+      sf::PortAddr named("127.0.0.1", std::to_string(portno).c_str());
+      sf::setSharedPort(named, port);
+      port = sf::bindSharedPort(named);
+    }
+    sf::Reader* reader = r ? r : new sf::TclReader;
+    std::thread([reader, p = port, script = "enQ " + queue, done = returned]() mutable {
+      reader->run(p, script.c_str(), nullptr);
+      *done = true;
+      for (;;) pf::sleep_ms(100000);
+    }).detach();
     if (worker) echoWorker(queue.c_str());
   }
 };
-
-// A port put in the shared table and taken from it, as a script's bind does,
-// served by a reader thread that sets *returned when its loop ends. The
-// thread stays alive afterwards: Tcl frees per-thread data only for threads
-// it is told about.
-sf::Port sharedService(const char* queue, int& portno, std::atomic<bool>* returned) {
-  setUp();
-  sf::setVarInt("sf.tcp.backlog", 128);
-  sf::mkQ(queue);
-  sf::PortAddr addr("127.0.0.1", "0");
-  sf::Port bound = sf::bindPort(addr);
-  portno = pf::bound_port(bound.socketNo());
-  sf::PortAddr shared("127.0.0.1", std::to_string(portno).c_str());
-  sf::setSharedPort(shared, bound);
-  sf::Port taken = sf::bindSharedPort(shared);
-  std::string script = std::string("enQ ") + queue;
-  std::thread([taken, script, returned] {
-    sf::TclReader r;
-    r.run(taken, script.c_str(), nullptr);
-    if (returned) *returned = true;
-    for (;;) pf::sleep_ms(100000);
-  }).detach();
-  echoWorker(queue);
-  return taken;
-}
 
 }  // namespace
 
@@ -204,21 +191,19 @@ TEST(Reader, ReservedConnectionIsNotReadUntilGivenBack) {
 }
 
 TEST(Reader, ShutdownClosesSharedPortsWithClientsConnected) {
-  std::atomic<bool> returned{false};
-  int portno = 0;
-  sf::Port taken = sharedService("stop-q", portno, &returned);
+  Service svc("stop-q", nullptr, true, true);
   sf::PortAddr unusedAddr("127.0.0.1", "0");
   sf::setSharedPort(sf::PortAddr("127.0.0.9", "1"), sf::bindPort(unusedAddr));
-  pf::sock_t idle = connectTo(portno);
-  pf::sock_t busy = connectTo(portno);
+  pf::sock_t idle = connectTo(svc.portno);
+  pf::sock_t busy = connectTo(svc.portno);
   ASSERT_TRUE(echoes(busy, "x"));
 
   sf::shutdown();  // wakes the reader; returns once it closed the port
-  for (int i = 0; i < 1000 && !returned.load(); ++i) pf::sleep_ms(10);
-  EXPECT_TRUE(returned.load());
-  EXPECT_EQ(taken.socketNo(), sf::INVALID_SOCK);
+  for (int i = 0; i < 1000 && !svc.returned->load(); ++i) pf::sleep_ms(10);
+  EXPECT_TRUE(svc.returned->load());
+  EXPECT_EQ(svc.port.socketNo(), sf::INVALID_SOCK);
   EXPECT_EQ(sf::sfi_sharedPortUses("127.0.0.9+1"), -1);  // never taken: closed
-  EXPECT_EQ(connectTo(portno), pf::kNoSock);             // the listening socket is gone
+  EXPECT_EQ(connectTo(svc.portno), pf::kNoSock);         // the listening socket is gone
   pf::sock_close(idle);
   pf::sock_close(busy);
 }
@@ -226,11 +211,10 @@ TEST(Reader, ShutdownClosesSharedPortsWithClientsConnected) {
 // sf_quiesce runs inside an evaluation, holding the interpreter lock, while
 // the reader it waits for needs that lock for every message it validates.
 TEST(Reader, QuiesceFromAScriptWhileClientsSendDoesNotDeadlock) {
-  int portno = 0;
-  sf::Port taken = sharedService("quiesce-q", portno, nullptr);
+  Service svc("quiesce-q", nullptr, true, true);
   std::atomic<bool> stop{false};
   std::thread client([&] {
-    pf::sock_t s = connectTo(portno);
+    pf::sock_t s = connectTo(svc.portno);
     while (!stop.load() && s != pf::kNoSock && echoes(s, "tick")) {
     }
     pf::sock_close(s);
@@ -239,7 +223,7 @@ TEST(Reader, QuiesceFromAScriptWhileClientsSendDoesNotDeadlock) {
   EXPECT_EQ(sf::eval("sf_quiesce"), "OK");
   stop = true;
   client.join();
-  EXPECT_EQ(taken.socketNo(), sf::INVALID_SOCK);
+  EXPECT_EQ(svc.port.socketNo(), sf::INVALID_SOCK);
   EXPECT_EQ(sf::getQ("quiesce-q")->size(), 0);
 }
 

@@ -160,7 +160,7 @@ TEST(Message, ContextOwnsItsMessage) {
   EXPECT_EQ(sf::getContext()->user1, 0);
 }
 
-TEST(Worker, ProcessesRepliesAndDisposes) {
+TEST(Worker, ProcessesRepliesDisposesAndSkipsCloseNotices) {
   Peer peer;
   TestWorker w;
   g_destroyed = 0;
@@ -177,20 +177,15 @@ TEST(Worker, ProcessesRepliesAndDisposes) {
   EXPECT_NE(kept->processedAt, 0);
   EXPECT_EQ(g_destroyed.load(), 1);
   delete kept;
-}
 
-TEST(Worker, CloseNoticesAreSkippedUnlessAskedFor) {
-  Peer peer;
-  TestWorker w;
-  w.body = [](sf::Message*, sf::Buffer&) {};
-  g_destroyed = 0;
+  // Close notices are skipped, though unreserved and disposed, unless asked for.
   handle(w, peer.message(true));
-  EXPECT_EQ(w.calls, 0);
-  EXPECT_FALSE(peer.conn.isReserved());  // unreserved all the same
-  EXPECT_EQ(g_destroyed.load(), 1);
+  EXPECT_EQ(w.calls, 2);
+  EXPECT_FALSE(peer.conn.isReserved());
+  EXPECT_EQ(g_destroyed.load(), 2);
   w.skipCloseNotices = false;
   handle(w, peer.message(true));
-  EXPECT_EQ(w.calls, 1);
+  EXPECT_EQ(w.calls, 3);
   EXPECT_FALSE(peer.conn.isReserved());
 }
 
