@@ -182,7 +182,7 @@ TEST(Worker, ProcessesRepliesDisposesAndSkipsCloseNotices) {
   handle(w, peer.message(true));
   EXPECT_EQ(w.calls, 2);
   EXPECT_FALSE(peer.conn.isReserved());
-  EXPECT_EQ(g_destroyed.load(), 2);
+  EXPECT_EQ(g_destroyed.load(), 3);
   w.skipCloseNotices = false;
   handle(w, peer.message(true));
   EXPECT_EQ(w.calls, 3);
