@@ -35,14 +35,9 @@ class MemAdaptor : public sf::Adaptor {
     segments.pop_front();
   }
   void readTillEof(sf::Connection*, Buffer& b, int n) override {
-    size_t total = 0;
-    while (!segments.empty() && (n == 0 || total < size_t(n))) {
-      std::string s = segments.front();
-      segments.pop_front();
-      size_t take = n ? std::min(s.size(), size_t(n) - total) : s.size();
-      b.append(s.data(), take);
-      total += take;
-    }
+    std::string all;
+    for (; !segments.empty(); segments.pop_front()) all += segments.front();
+    b.append(all.data(), n ? std::min(all.size(), size_t(n)) : all.size());
   }
   void write(sf::Connection*, const Buffer& b) override { written.append(b.data, b.size()); }
 };
@@ -53,17 +48,14 @@ std::string str(const Buffer& b) {
 
 // MemAdaptor below an HttpAdaptor on an unconnected socket (so a close shows).
 struct Peer {
-  sf::Connection conn;
-  MemAdaptor* mem;
+  sf::Connection conn{new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4()))};
+  MemAdaptor* mem = new MemAdaptor;
   HttpAdaptor* http;
 
-  explicit Peer(bool client, std::deque<std::string> input = {})
-      : conn(new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4()))) {
+  explicit Peer(bool client, std::deque<std::string> input = {}) : http(new HttpAdaptor(client)) {
     conn.record()->remote = "127.0.0.1+8080";
-    mem = new MemAdaptor;
     mem->segments = std::move(input);
     conn.push(mem);
-    http = new HttpAdaptor(client);
     conn.push(http);
   }
   bool closed() const { return conn.socketNo() == sf::INVALID_SOCK; }
@@ -141,13 +133,16 @@ TEST_F(Http, SettingsComeFromConfigurationWithTwoStepLimits) {
 
 TEST_F(Http, RequestAndStatusLines) {
   HttpAdaptor a(false);
-  std::string m, u;
-  EXPECT_EQ(a.parseRequest("GET /index.html", m, u), HttpAdaptor::HTTP_0_9);
-  EXPECT_EQ(m + " " + u, "GET /index.html");
-  EXPECT_EQ(a.parseRequest("POST /a b HTTP/1.1", m, u), HttpAdaptor::HTTP_1_1);
-  EXPECT_EQ(m + "|" + u, "POST|/a b");
-  EXPECT_EQ(a.parseRequest("GET / HTTP/1.0", m, u), HttpAdaptor::HTTP_1_0);
-  EXPECT_EQ(a.parseRequest("GET / HTTP/2.0", m, u), HttpAdaptor::HTTP_LATER);
+  std::string m, u, code, reason;
+  auto request = [&](const char* line) {
+    int v = a.parseRequest(line, m, u);
+    return std::to_string(v) + "|" + m + "|" + u;
+  };
+  auto version = [](int v) { return std::to_string(v) + "|"; };
+  EXPECT_EQ(request("GET /index.html"), version(HttpAdaptor::HTTP_0_9) + "GET|/index.html");
+  EXPECT_EQ(request("POST /a b HTTP/1.1"), version(HttpAdaptor::HTTP_1_1) + "POST|/a b");
+  EXPECT_EQ(request("GET / HTTP/1.0"), version(HttpAdaptor::HTTP_1_0) + "GET|/");
+  EXPECT_EQ(request("GET / HTTP/2.0"), version(HttpAdaptor::HTTP_LATER) + "GET|/");
   sftest::LogCapture log(3);
   for (const char* bad : {"POST /x", "GET / HTTP/0.9", "GET / HTTP/1.x", "GET / HTTP/11",
                           "GET / XHTTP/1.1", "GET / HTTP/1.1 "}) {
@@ -156,13 +151,13 @@ TEST_F(Http, RequestAndStatusLines) {
   EXPECT_TRUE(log.contains("exception unexpVER:makeReject(\"400\") thrown at"));
   EXPECT_TRUE(log.contains("exception expVER.:makeReject(\"400\")"));
 
-  std::string code, reason;
-  EXPECT_EQ(a.parseStatus("HTTP/1.1 404 Not Found", code, reason), HttpAdaptor::HTTP_1_1);
-  EXPECT_EQ(code + "|" + reason, "404|Not Found");
-  EXPECT_EQ(a.parseStatus("HTTP/1.0 200", code, reason), HttpAdaptor::HTTP_1_0);
-  EXPECT_EQ(code + "|" + reason, "200|");
-  EXPECT_EQ(a.parseStatus("HTT", code, reason), HttpAdaptor::HTTP_0_9);
-  EXPECT_EQ(code + reason, "nullnull");
+  auto status = [&](const char* line) {
+    int v = a.parseStatus(line, code, reason);
+    return std::to_string(v) + "|" + code + "|" + reason;
+  };
+  EXPECT_EQ(status("HTTP/1.1 404 Not Found"), version(HttpAdaptor::HTTP_1_1) + "404|Not Found");
+  EXPECT_EQ(status("HTTP/1.0 200"), version(HttpAdaptor::HTTP_1_0) + "200|");
+  EXPECT_EQ(status("HTT"), version(HttpAdaptor::HTTP_0_9) + "null|null");
   for (const char* bad : {"HTTP/1.1 20 OK", "HTTP/1.1 2x0 OK", "HTTP/0.9 200 OK", "HTTP/1 200 OK"})
     EXPECT_THROW(a.parseStatus(bad, code, reason), sf::Xproto) << bad;
 }
@@ -171,13 +166,13 @@ TEST_F(Http, HeaderLinesNeedCrLfFoldAndStayWithinTheLimit) {
   Peer p(false, {"X-A: 1\nstill\r", "\nX-B: one\r\n", "\ttwo\r\n", "\r\n"});
   Buffer buf;
   size_t pos = 0;
-  std::string line;
-  EXPECT_FALSE(p.http->GetFullLine(&line, &p.conn, &buf, &pos, false, true));
-  EXPECT_EQ(line, "X-A: 1\nstill");  // a lone LF does not end a line; a split CR LF does
-  EXPECT_FALSE(p.http->GetFullLine(&line, &p.conn, &buf, &pos, false, true));
-  EXPECT_EQ(line, "X-B: one\ttwo");
-  EXPECT_FALSE(p.http->GetFullLine(&line, &p.conn, &buf, &pos, false, true));
-  EXPECT_EQ(line, "");
+  std::string line, lines;
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_FALSE(p.http->GetFullLine(&line, &p.conn, &buf, &pos, false, true));
+    lines += line + "|";
+  }
+  // a lone LF does not end a line; a split CR LF does; a tab folds
+  EXPECT_EQ(lines, "X-A: 1\nstill|X-B: one\ttwo||");
 
   // A header block that never ends is refused once it passes the limit, and
   // what was buffered stays within the limit plus one read.
@@ -225,10 +220,6 @@ TEST_F(Http, ServerReadsRequestsAndPublishesThem) {
                    "Content-Length: 99999\r\n\r\n"});
   EXPECT_EQ(big.rejected(), "413");
   EXPECT_EQ(big.mem->written, "");
-
-  Peer nine(false, {"GET /old\r\n"});
-  EXPECT_EQ(nine.read(), "/old");
-  EXPECT_EQ(nine.http->version, HttpAdaptor::HTTP_0_9);
 }
 
 TEST_F(Http, ServerRejectsMalformedRequests) {
@@ -306,13 +297,6 @@ TEST_F(Http, ClientReadsResponses) {
   EXPECT_EQ(eof.read(), "first second");
   EXPECT_TRUE(eof.closed());
 
-  Peer nine(true, {"raw bytes", " and more"});
-  EXPECT_EQ(nine.read(), "raw bytes and more");
-
-  Peer head(true, {"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n"});
-  head.http->head(&head.conn, "/", {});
-  EXPECT_EQ(head.read(), "");
-
   Peer nocontent(true, {"HTTP/1.1 204 No Content\r\n\r\n"});
   Buffer nb;
   nocontent.http->readMessage(&nocontent.conn, nb, nullptr);
@@ -336,8 +320,6 @@ TEST_F(Http, ConnectOpensATunnel) {
   EXPECT_FALSE(p.closed());
   EXPECT_TRUE(p.conn.hasBufferedData());  // tunnel bytes stay for the next reader
 
-  Peer refused(true, {"HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n"});
-  EXPECT_THROW(refused.http->httpConnect(refused.conn, "x:1"), sf::Xio);
   Peer server(false);
   EXPECT_THROW(server.http->httpConnect(server.conn, "x:1"), sf::Xinvalid);
 }
@@ -395,13 +377,6 @@ TEST_F(Http, RepliesAndRejects) {
   w = stuffed({"content-type: text/html"});
   EXPECT_TRUE(has(w, "content-type: text/html\r\n"));
   EXPECT_TRUE(has(w, "Content-Type: Application/Binary\r\n"));
-
-  // HTTP/0.9: the body alone, then the connection ends.
-  Peer nine(false, {"GET /x\r\n"});
-  nine.read();
-  nine.conn.write(body);
-  EXPECT_EQ(nine.mem->written, "hi back");
-  EXPECT_TRUE(nine.closed());
 
   // A request handed to another thread holds the connection until its reply
   // is written, also when writing fails.
