@@ -12,11 +12,9 @@ using sfber::SfBerComponentEncoder;
 
 namespace {
 
-// Log records are formatted and dropped.
 void discard(std::uint32_t, std::uint32_t, std::uint32_t, const char*, std::uint32_t, std::uint32_t,
              const char*, int, const char*, int) {}
 
-// A property that must hold for every valid input.
 void require(bool ok) {
   if (!ok) abort();
 }
@@ -50,8 +48,7 @@ void walk(SfBerComponent& comp) {
     tolerate([&] { comp.GetBitString(out); });
     tolerate([&] { comp.GetConstructedData(out); });
     if (ident & 0x20) {
-      // Into the content: through GetSequence where it applies, else as a
-      // view over the content, which is itself a valid stretch.
+      // Into the content: by GetSequence, else as a view over the content.
       try {
         SfBerComponent seq = comp.GetSequence();
         walk(seq);
@@ -73,8 +70,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
-  // Half the inputs run with every log level on (formatting every trace and
-  // rejection line), half with logging off (the fast paths).
+  // Half the inputs with every log line formatted, half with logging off.
   sf::g_logLevel.store(size & 1 ? 10 : -1);
   sf::Buffer buf;
   if (size) buf.append(data, size);

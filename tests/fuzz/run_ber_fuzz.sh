@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Runs the BER fuzz target for a bounded time from a seed corpus of real
-# data: the DER certificates of the ca-certificates bundle (made now) and the
-# captured LDAP messages kept in tests/data/ber.
+# Runs the BER fuzz target for a bounded time, seeded with the bundle's DER
+# certificates and the captured LDAP messages in tests/data/ber.
 # Usage: run_ber_fuzz.sh FUZZER SOURCE-DIR WORK-DIR SECONDS
 set -euo pipefail
 fuzzer=$1 src=$2 work=$3 seconds=$4
@@ -15,6 +14,5 @@ cp "$src"/tests/data/ber/*.ber "$work/seeds/"
 # Leaks and undefined behaviour are failures as well as crashes.
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-# New inputs go to the scratch corpus; the seeds stay as they are.
 exec "$fuzzer" -max_total_time="$seconds" -max_len=8192 -timeout=10 -rss_limit_mb=2048 \
   -print_final_stats=1 -artifact_prefix="$work/artifacts/" "$work/corpus" "$work/seeds"

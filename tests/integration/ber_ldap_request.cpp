@@ -1,10 +1,6 @@
-// Writes an LDAP search request, built with SfBerComponentEncoder, to
-// standard output. Used by test_ber_ldap.py, which sends it to slapd.
-//
-//   ber_ldap_request MESSAGE-ID BASE [ATTRIBUTE=VALUE]
-//
-// Without ATTRIBUTE=VALUE the filter is (objectClass=*); the attributes
-// asked for are cn and mail.
+// ber_ldap_request MESSAGE-ID BASE [ATTRIBUTE=VALUE]: writes an LDAP search
+// request for cn and mail, built with SfBerComponentEncoder, to standard
+// output (filter (objectClass=*) by default). test_ber_ldap.py sends it.
 #include <cstdio>
 #include <cstdlib>
 #include <memory>

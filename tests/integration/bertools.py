@@ -20,8 +20,7 @@ def sfber(*args, check=True):
 
 
 class Item:
-    """One item of a dump: offset, depth, header length, length, identifier
-    text and the value's rendering (bytes), if any."""
+    """One dump item; value is the rendering (bytes) or None."""
 
     def __init__(self, offset, depth, hl, length, desc, value):
         self.offset, self.depth, self.hl, self.length = offset, depth, hl, length
@@ -44,8 +43,7 @@ def parse_dump(out):
     items = []
     for line in out.splitlines():
         m = DUMP_LINE.match(line)
-        if not m:
-            raise AssertionError("unexpected dump line %r" % line)
+        assert m, "unexpected dump line %r" % line
         rest = m.group(5)
         cut = rest.find(b"): ")
         desc, value = (rest[:cut + 1], rest[cut + 3:]) if cut >= 0 else (rest, None)
@@ -56,38 +54,24 @@ def parse_dump(out):
 
 def dump(path, *extra):
     status, out, err = sfber("dump", path, *extra)
-    if status != 0:
-        raise AssertionError("sfber dump %s failed: %s" % (path, err))
+    assert status == 0, "sfber dump %s failed: %s" % (path, err)
     return parse_dump(out)
 
 
 def unescape(rendered):
-    """The bytes behind a quoted text rendering ('...' with \\xHH escapes);
-    returns (bytes, truncated)."""
+    """(bytes, truncated) behind a quoted rendering with \\xHH escapes."""
     truncated = rendered.endswith(b"'...")
     body = rendered[1:-4] if truncated else rendered[1:-1]
-    out = bytearray()
-    i = 0
-    while i < len(body):
-        if body[i:i + 2] == b"\\x":
-            out.append(int(body[i + 2:i + 4], 16))
-            i += 4
-        else:
-            out.append(body[i])
-            i += 1
-    return bytes(out), truncated
+    return re.sub(rb"\\x(..)", lambda m: bytes([int(m.group(1), 16)]), body, flags=re.S), truncated
 
 
 def split_pdus(stream):
     """Splits a byte stream into its top-level definite-length items."""
     pdus, i = [], 0
     while i < len(stream):
-        first = stream[i + 1]
-        if first < 0x80:
-            hl, n = 2, first
-        else:
-            k = first & 0x7F
-            hl, n = 2 + k, int.from_bytes(stream[i + 2:i + 2 + k], "big")
+        k = stream[i + 1] & 0x7F if stream[i + 1] & 0x80 else 0
+        hl = 2 + k
+        n = int.from_bytes(stream[i + 2:i + hl], "big") if k else stream[i + 1]
         pdus.append(stream[i:i + hl + n])
         i += hl + n
     return pdus

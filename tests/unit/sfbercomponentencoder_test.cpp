@@ -2,7 +2,7 @@
 // deletion, copies, and round trips through the decoder.
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <algorithm>
 #include <memory>
 #include <random>
 #include <string>
@@ -18,18 +18,8 @@ using Bytes = std::vector<unsigned char>;
 namespace {
 
 Bytes bytesOf(const SfBerComponentEncoder& e) {
-  const sf::Buffer* b = e.getROBuffer();
-  const unsigned char* p = reinterpret_cast<const unsigned char*>(b->data);
-  return b->size() ? Bytes(p, p + b->size()) : Bytes();
-}
-
-int berCodeOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const sf::Xber& e) {
-    return e.GetError();
-  }
-  return 0;
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(e.getROBuffer()->data);
+  return Bytes(p, p + e.getROBuffer()->size());
 }
 
 Bytes integer(int v) {
@@ -37,6 +27,17 @@ Bytes integer(int v) {
   e.InsertInteger(v, 0x02);
   return bytesOf(e);
 }
+
+// A validated component over bytes.
+struct Source {
+  sf::Buffer buf;
+  SfBerComponent comp;
+  explicit Source(const Bytes& b) {
+    buf.append(b.data(), b.size());
+    comp.AssignPDU(&buf, 0, buf.size());
+    comp.ValidateStructure();
+  }
+};
 
 }  // namespace
 
@@ -54,36 +55,26 @@ TEST(BerEncoder, IntegerEncodings) {
   EXPECT_EQ(integer(2147483647), (Bytes{0x02, 0x04, 0x7F, 0xFF, 0xFF, 0xFF}));
   EXPECT_EQ(integer(-2147483647), (Bytes{0x02, 0x04, 0x80, 0x00, 0x00, 0x01}));
 
-  // Every value the encoder accepts reads back the same.
+  // Every value the encoder accepts (all but INT_MIN) reads back the same.
   std::mt19937 rng(7);
-  std::vector<int> values{0,        1,        -1,         127,        128,     -128,
-                          -129,     255,      256,        -255,       -256,    32767,
-                          32768,    -32767,   -32768,     -32769,     8388607, 8388608,
-                          -8388608, -8388609, 2147483647, -2147483647};
+  std::vector<int> values{-32769, 8388607, 8388608, -8388608, -8388609};
   for (int i = 0; i < 2000; ++i) values.push_back(static_cast<int>(rng()) >> (rng() % 31));
+  values.erase(std::remove(values.begin(), values.end(), -2147483647 - 1), values.end());
   SfBerComponentEncoder e;
-  for (int v : values)
-    if (v != -2147483647 - 1) e.InsertInteger(v, 0x02);
+  for (int v : values) e.InsertInteger(v, 0x02);
   e.ValidateStructure();
-  unsigned n = 1;
-  for (int v : values) {
-    if (v == -2147483647 - 1) continue;
-    ASSERT_EQ(e.GetInteger(n++), v);
-  }
+  for (unsigned n = 0; n < values.size(); ++n) ASSERT_EQ(e.GetInteger(n + 1), values[n]);
 }
 
 TEST(BerEncoder, LengthAndTagEncodings) {
-  SfBerComponentEncoder e;
-  e.InsertOctetString(std::string(200, 'x'), 0x04);
-  Bytes b = bytesOf(e);
-  EXPECT_EQ(Bytes(b.begin(), b.begin() + 3), (Bytes{0x04, 0x81, 0xC8}));
-  EXPECT_EQ(b.size(), 203u);
-
-  SfBerComponentEncoder f;
-  f.InsertOctetString(std::string(256, 'y'), 0x04);
-  b = bytesOf(f);
-  EXPECT_EQ(Bytes(b.begin(), b.begin() + 4), (Bytes{0x04, 0x82, 0x01, 0x00}));
-
+  for (size_t n : {200, 256}) {
+    SfBerComponentEncoder e;
+    e.InsertOctetString(std::string(n, 'x'), 0x04);
+    Bytes b = bytesOf(e);
+    EXPECT_EQ(b.size(), n + (n < 256 ? 3 : 4));
+    EXPECT_EQ(Bytes(b.begin(), b.end() - n),
+              n < 256 ? (Bytes{0x04, 0x81, 0xC8}) : (Bytes{0x04, 0x82, 0x01, 0x00}));
+  }
   SfBerComponentEncoder g;
   EXPECT_EQ(g._encodeLength(127), 1u);
   EXPECT_EQ(g._encodeLength(128), 2u);
@@ -107,34 +98,22 @@ TEST(BerEncoder, LengthAndTagEncodings) {
 }
 
 TEST(BerEncoder, WrappingAComponent) {
-  // Two items re-encoded under a new SEQUENCE, with the total in front.
-  sf::Buffer src;
-  const unsigned char two[] = {0x02, 0x01, 0x05, 0x04, 0x02, 'h', 'i'};
-  src.append(two, sizeof two);
-  SfBerComponent comp;
-  comp.AssignPDU(&src, 0, src.size());
-  comp.ValidateStructure();
-  SfBerComponentEncoder e;
-  e.InsertChunk(0x30, comp, true);
+  // Two items re-encoded under a new SEQUENCE, with the total in front;
+  // without encodeLength no outer length is written.
+  Source two({0x02, 0x01, 0x05, 0x04, 0x02, 'h', 'i'});
+  SfBerComponentEncoder e, raw;
+  e.InsertChunk(0x30, two.comp, true);
   EXPECT_EQ(bytesOf(e), (Bytes{0x30, 0x07, 0x02, 0x01, 0x05, 0x04, 0x02, 'h', 'i'}));
   EXPECT_EQ(e.GetItemOffset(), 9u);
+  raw.InsertChunk(0x30, two.comp, false);
+  EXPECT_EQ(bytesOf(raw), (Bytes{0x30, 0x02, 0x01, 0x05, 0x04, 0x02, 'h', 'i'}));
 
   // The encoder's own length form replaces the source's; nested content is
   // copied as it stands.
-  sf::Buffer longForm;
-  const unsigned char lf[] = {0x04, 0x81, 0x01, 'z',  0x30, 0x82,
-                              0x00, 0x04, 0x02, 0x81, 0x01, 0x09};
-  longForm.append(lf, sizeof lf);
-  SfBerComponent lc;
-  lc.AssignPDU(&longForm, 0, longForm.size());
-  lc.ValidateStructure();
+  Source longForm({0x04, 0x81, 0x01, 'z', 0x30, 0x82, 0x00, 0x04, 0x02, 0x81, 0x01, 0x09});
   SfBerComponentEncoder w;
-  w.InsertSet(lc, 0x31);
+  w.InsertSet(longForm.comp, 0x31);
   EXPECT_EQ(bytesOf(w), (Bytes{0x31, 0x09, 0x04, 0x01, 'z', 0x30, 0x04, 0x02, 0x81, 0x01, 0x09}));
-  // Without encodeLength no outer length is written.
-  SfBerComponentEncoder raw;
-  raw.InsertChunk(0x30, comp, false);
-  EXPECT_EQ(bytesOf(raw), (Bytes{0x30, 0x02, 0x01, 0x05, 0x04, 0x02, 'h', 'i'}));
 
   // Wrapping the encoder's own items, and a long total.
   SfBerComponentEncoder self;
@@ -155,18 +134,14 @@ TEST(BerEncoder, InsertAtCursorAndDelete) {
   e.InsertInteger(3, 0x02);
   e.SetItem(2);
   e.InsertInteger(2, 0x02);  // goes in before "abc"
-  e.ValidateStructure();
-  EXPECT_EQ(e.GetInteger(1), 1);
-  EXPECT_EQ(e.GetInteger(2), 2);
-  EXPECT_EQ(e.GetOctetString(3), "abc");
-  EXPECT_EQ(e.GetInteger(4), 3);
+  EXPECT_EQ(bytesOf(e), (Bytes{0x02, 0x01, 0x01, 0x02, 0x01, 0x02, 0x04, 0x03, 'a', 'b', 'c', 0x02,
+                               0x01, 0x03}));
 
   // DeleteItem after FirstItem removes exactly the first item and leaves
   // the cursor on the next one's first octet.
   e.FirstItem();
   e.DeleteItem();
   EXPECT_EQ(e.GetItemOffset(), 0u);
-  EXPECT_EQ(bytesOf(e), (Bytes{0x02, 0x01, 0x02, 0x04, 0x03, 'a', 'b', 'c', 0x02, 0x01, 0x03}));
   e.SetItem(2);
   e.DeleteItem();
   EXPECT_EQ(bytesOf(e), (Bytes{0x02, 0x01, 0x02, 0x02, 0x01, 0x03}));
@@ -176,7 +151,12 @@ TEST(BerEncoder, InsertAtCursorAndDelete) {
   e.FirstItem();
   e.DeleteItem();
   EXPECT_TRUE(bytesOf(e).empty());
-  EXPECT_EQ(berCodeOf([&] { e.DeleteItem(); }), sf::Ber::INSUFFICENT_DATA);
+  try {
+    e.DeleteItem();
+    FAIL() << "deleted from nothing";
+  } catch (const sf::Xber& x) {
+    EXPECT_EQ(x.GetError(), sf::Ber::INSUFFICENT_DATA);
+  }
 }
 
 TEST(BerEncoder, CopiesAreIndependent) {
@@ -187,13 +167,12 @@ TEST(BerEncoder, CopiesAreIndependent) {
   a.InsertOctetString("x", 0x04);
   EXPECT_EQ(bytesOf(a), (Bytes{0x02, 0x01, 0x01, 0x04, 0x01, 'x'}));
   EXPECT_EQ(bytesOf(b), (Bytes{0x02, 0x01, 0x01, 0x02, 0x01, 0x02}));
-  EXPECT_NE(a.getROBuffer(), b.getROBuffer());
   b = a;
   a.FirstItem();
   a.DeleteItem();
   EXPECT_EQ(bytesOf(b), (Bytes{0x02, 0x01, 0x01, 0x04, 0x01, 'x'}));
+  // getBuffer hands over a copy.
   std::unique_ptr<sf::Buffer> out(b.getBuffer());
-  EXPECT_NE(out.get(), b.getROBuffer());
   ASSERT_EQ(out->size(), 6u);
   b.InsertInteger(9, 0x02);
   EXPECT_EQ(out->size(), 6u);
