@@ -1,12 +1,8 @@
 // libFuzzer target: HTTP message reading in both roles over an in-memory
-// lower adaptor.
-//
-// Input layout: byte 0 picks the role (even: server reading requests, odd:
-// client reading responses) and the limits; byte 1 is the largest segment
-// one lower read delivers, so that lines and chunks split at every place.
-// The rest is the peer's byte stream. Messages are read until the stream
-// ends or the adaptor refuses one; a refusal in the server role is answered
-// through reject(), as the reader would.
+// lower adaptor. Byte 0: bit 0 client role, bits 1-2 smaller limits, bit 3
+// HEAD, bit 4 read as fragments. Byte 1: the largest segment one lower read
+// delivers. The rest is the peer's stream, read until it ends or a message is
+// refused; a server-side refusal is answered through reject().
 #include <cstddef>
 #include <cstdint>
 #include <string>

@@ -1,14 +1,12 @@
 #!/usr/bin/env bash
-# Runs the HTTP fuzz target for a bounded time from a seed corpus of real
-# requests and responses written here: byte 0 picks the role and limits,
-# byte 1 the size of each lower read (see http_fuzz.cpp).
-# Usage: run_http_fuzz.sh FUZZER WORK-DIR SECONDS
+# Usage: run_http_fuzz.sh FUZZER WORK-DIR SECONDS. Seeds: two control bytes
+# (see http_fuzz.cpp) and a real request or response stream.
 set -euo pipefail
 fuzzer=$1 work=$2 seconds=$3
 
 rm -rf "$work"
 mkdir -p "$work/corpus" "$work/seeds" "$work/artifacts"
-seed() {  # name, control bytes (octal escapes), message
+seed() {  # name, control bytes (octal), message
   printf "$2" >"$work/seeds/$1"
   printf '%s' "$3" >>"$work/seeds/$1"
 }
@@ -22,7 +20,6 @@ seed respchunked '\021\005' "HTTP/1.1 200 OK${crlf}Transfer-Encoding: chunked${c
 seed resp10 '\001\377' "HTTP/1.0 200 OK${crlf}Server: old${crlf}${crlf}until the end"
 seed head '\011\377' "HTTP/1.1 404 Not Found${crlf}Content-Length: 99${crlf}${crlf}"
 
-# Leaks and undefined behaviour are failures as well as crashes.
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 exec "$fuzzer" -max_total_time="$seconds" -max_len=16384 -timeout=10 -rss_limit_mb=2048 \

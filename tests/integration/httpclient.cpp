@@ -1,13 +1,8 @@
-// sf_httpclient: drives HttpAdaptor's client role from the command line, so
-// that the integration tests can point it at real servers and proxies.
-//
-//   sf_httpclient [-m GET|POST|HEAD|CHUNKED] [-d data] [-H "Name: value"]...
-//                 [-n count] [-p proxyhost proxyport] host port url
-//
-// -m CHUNKED posts data as a chunked body (three fragments). -n repeats the
-// request on the same connection. -p opens a CONNECT tunnel through the
-// proxy first. For each response it prints "status CODE", "length N", then
-// the N body bytes and a newline. A failure prints "error TEXT" and exits 1.
+// sf_httpclient: HttpAdaptor's client role from the command line, for the
+// integration tests. -m CHUNKED posts data in three chunks; -n repeats the
+// request on one connection; -p tunnels through a proxy with CONNECT. Prints
+// "status CODE", "length N", the N body bytes and a newline per response, or
+// "error TEXT" and exits 1.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -88,21 +83,15 @@ int main(int argc, char** argv) {
     sf::g_logLevel.store(atoi(level));
   }
   try {
-    sf::Connection c;
+    bool proxy = !proxyHost.empty();
+    sf::PortAddr addr((proxy ? proxyHost : host).c_str(), (proxy ? proxyPort : port).c_str());
+    sf::Connection c = sf::tcp_connect(addr);
     sf::HttpAdaptor* http = new sf::HttpAdaptor(true);
-    if (proxyHost.empty()) {
-      sf::PortAddr addr(host.c_str(), port.c_str());
-      c = sf::tcp_connect(addr);
-      c.push(new sf::TcpAdaptor);
-      c.push(http);
-    } else {
-      sf::PortAddr addr(proxyHost.c_str(), proxyPort.c_str());
-      c = sf::tcp_connect(addr);
-      c.push(new sf::TcpAdaptor);
-      c.push(http);
+    c.push(new sf::TcpAdaptor);
+    c.push(http);
+    if (proxy) {
+      // Through the open tunnel the same adaptor speaks HTTP/1.1 to its far end.
       http->httpConnect(c, (host + ":" + port).c_str());
-      // The tunnel is open: the same adaptor speaks HTTP/1.1 through it, and
-      // names the tunnel's far end as the host.
       http->version = sf::HttpAdaptor::HTTP_1_1;
       headers.push_back("Host: " + host + ":" + port);
     }

@@ -1,7 +1,5 @@
-"""Helpers for the HTTP integration tests: free ports, nginx and squid on
-loopback with throw-away configurations, an sfhost site, and the client
-driver. Everything started here listens on 127.0.0.1 and is stopped by the
-test that started it."""
+"""HTTP integration helpers: nginx, squid and sfhost on loopback with
+throw-away configurations, and the sf_httpclient driver."""
 
 import os
 import shutil
@@ -23,7 +21,6 @@ def free_port():
 
 
 def wait_port(port, proc=None, timeout=20.0):
-    """Waits until something accepts on 127.0.0.1:port."""
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
         if proc is not None and proc.poll() is not None:
@@ -60,9 +57,14 @@ NGINX_SITE = """
 """
 
 
+def write(path, text):
+    with open(path, "w") as f:
+        f.write(text)
+
+
 class Nginx:
-    """nginx on a free loopback port, in the foreground, with a temporary
-    prefix. site is a server block template (see NGINX_SITE)."""
+    """nginx in the foreground with a temporary prefix; site is a server
+    block template like NGINX_SITE."""
 
     def __init__(self, site=NGINX_SITE, extra="", workers=1, master=False):
         self.dir = tempfile.mkdtemp(prefix="sf-nginx-")
@@ -70,12 +72,12 @@ class Nginx:
         self.port = free_port()
         self.www = os.path.join(self.dir, "www")
         os.makedirs(os.path.join(self.www, "static"))
-        with open(os.path.join(self.www, "chunked"), "w") as f:
-            f.write("this body goes out chunked\n" * 40)
-        with open(os.path.join(self.www, "static", "page.txt"), "w") as f:
-            f.write("static page\n")
+        write(os.path.join(self.www, "chunked"), "this body goes out chunked\n" * 40)
+        write(os.path.join(self.www, "static", "page.txt"), "static page\n")
         load = "load_module %s;" % ECHO_MODULE if os.path.exists(ECHO_MODULE) else ""
         d = self.dir
+        temps = "".join(f"{n}_temp_path {d}/{n}; " for n in
+                        ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
         conf = f"""
 {load}
 daemon off;
@@ -87,11 +89,7 @@ events {{ worker_connections 4096; }}
 http {{
     access_log off;
     default_type text/plain;
-    client_body_temp_path {d}/body;
-    proxy_temp_path {d}/proxy;
-    fastcgi_temp_path {d}/fastcgi;
-    uwsgi_temp_path {d}/uwsgi;
-    scgi_temp_path {d}/scgi;
+    {temps}
     keepalive_requests 1000000;
     client_body_buffer_size 1m;
     client_max_body_size 10m;
@@ -99,8 +97,7 @@ http {{
 }}
 """
         self.conf = os.path.join(d, "nginx.conf")
-        with open(self.conf, "w") as f:
-            f.write(conf)
+        write(self.conf, conf)
         self.proc = subprocess.Popen(["nginx", "-p", d, "-c", self.conf],
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_port(self.port, self.proc)
@@ -111,7 +108,7 @@ http {{
 
 
 class Squid:
-    """squid as a forward proxy on a free loopback port, no authentication."""
+    """squid as a forward proxy, no authentication."""
 
     def __init__(self):
         self.dir = tempfile.mkdtemp(prefix="sf-squid-")
@@ -131,8 +128,7 @@ http_access deny all
 shutdown_lifetime 0 seconds
 """
         self.conf = os.path.join(d, "squid.conf")
-        with open(self.conf, "w") as f:
-            f.write(conf)
+        write(self.conf, conf)
         self.proc = subprocess.Popen(["squid", "-N", "-f", self.conf], cwd=d,
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_port(self.port, self.proc, timeout=60)
@@ -159,18 +155,16 @@ def client(*args, timeout=30):
 
 
 class Site:
-    """An sfhost process over a temporary root directory whose etc/ holds the
-    given config.tcl and start.tcl. The data directory (logs) is root/data."""
+    """sfhost over a temporary root whose etc/ holds config.tcl and start.tcl;
+    logs go to root/data."""
 
     def __init__(self, config, start, level=3):
         self.root = tempfile.mkdtemp(prefix="sf-site-")
         os.makedirs(os.path.join(self.root, "etc"))
         self.data = os.path.join(self.root, "data")
         os.makedirs(self.data)
-        with open(os.path.join(self.root, "etc", "config.tcl"), "w") as f:
-            f.write(config)
-        with open(os.path.join(self.root, "etc", "start.tcl"), "w") as f:
-            f.write(start)
+        write(os.path.join(self.root, "etc", "config.tcl"), config)
+        write(os.path.join(self.root, "etc", "start.tcl"), start)
         msg = os.path.join(SOURCE, "etc", "sf_events.msg")
         if os.path.exists(msg):
             shutil.copy(msg, os.path.join(self.root, "etc"))
@@ -182,10 +176,9 @@ class Site:
 
     def log(self):
         text = ""
-        for name in sorted(os.listdir(self.data)):
-            if name.endswith(".log"):
-                with open(os.path.join(self.data, name), errors="replace") as f:
-                    text += f.read()
+        for name in sorted(n for n in os.listdir(self.data) if n.endswith(".log")):
+            with open(os.path.join(self.data, name), errors="replace") as f:
+                text += f.read()
         return text
 
     def close(self):

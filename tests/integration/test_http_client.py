@@ -1,7 +1,5 @@
-"""HttpAdaptor's client role against real servers: nginx (GET, keep-alive,
-POST with a length and chunked, HEAD, a chunked response, a non-200 status),
-Python's http.server speaking HTTP/1.0 (a body that runs to the close), a raw
-HTTP/0.9 answer, and a CONNECT tunnel through squid to nginx."""
+"""HttpAdaptor's client role against nginx, squid (CONNECT), Python's
+http.server speaking HTTP/1.0 and a raw HTTP/0.9 answer."""
 
 import http.server
 import os
@@ -10,7 +8,9 @@ import sys
 import threading
 import unittest
 
-from sfhttp_support import Nginx, Squid, client, free_port
+from sfhttp_support import ECHO_MODULE, Nginx, Squid, client, free_port
+
+OLD_BODY = b"".join(b"line %02d of a body without length\n" % i for i in range(50))
 
 
 class OldServer(http.server.BaseHTTPRequestHandler):
@@ -20,8 +20,7 @@ class OldServer(http.server.BaseHTTPRequestHandler):
         self.send_response(200)
         self.send_header("Content-Type", "text/plain")
         self.end_headers()  # no length: the body ends with the connection
-        for i in range(50):
-            self.wfile.write(b"line %02d of a body without length\n" % i)
+        self.wfile.write(OLD_BODY)
 
     def log_message(self, *args):
         pass
@@ -37,48 +36,36 @@ class ClientAgainstNginx(unittest.TestCase):
         cls.nginx.close()
 
     def call(self, *args):
-        rc, answers, raw = client(*args)
+        """sf_httpclient OPTIONS... URL against nginx."""
+        rc, answers, raw = client(*args[:-1], "127.0.0.1", self.nginx.port, args[-1])
         self.assertEqual(rc, 0, raw)
         return answers
 
     def test_get_keepalive_and_status(self):
-        port = self.nginx.port
-        self.assertEqual(self.call("127.0.0.1", port, "/hello"), [(200, b"hello from nginx\n")])
-        # three requests on one connection
-        self.assertEqual(self.call("-n", 3, "127.0.0.1", port, "/static/page.txt"),
-                         [(200, b"static page\n")] * 3)
-        answers = self.call("127.0.0.1", port, "/teapot")
-        self.assertEqual(answers, [(418, b"short and stout\n")])
-        status, body = self.call("127.0.0.1", port, "/nothing-here")[0]
+        self.assertEqual(self.call("/hello"), [(200, b"hello from nginx\n")])
+        # -n: requests on one connection
+        self.assertEqual(self.call("-n", 3, "/static/page.txt"), [(200, b"static page\n")] * 3)
+        self.assertEqual(self.call("/teapot"), [(418, b"short and stout\n")])
+        status, body = self.call("/nothing-here")[0]
         self.assertEqual(status, 404)
         self.assertIn(b"404 Not Found", body)
-
-    def test_post_with_length_and_chunked(self):
-        port = self.nginx.port
-        if not os.path.exists("/usr/lib/nginx/modules/ngx_http_echo_module.so"):
-            self.skipTest("nginx echo module not installed")
-        data = "payload-" * 300
-        self.assertEqual(self.call("-m", "POST", "-d", data, "127.0.0.1", port, "/echo"),
-                         [(200, data.encode())])
-        self.assertEqual(
-            self.call("-m", "CHUNKED", "-d", data, "-n", 2, "127.0.0.1", port, "/echo"),
-            [(200, data.encode())] * 2)
-
-    def test_head_and_chunked_response(self):
-        port = self.nginx.port
         # HEAD: headers only, and the connection stays usable
-        self.assertEqual(self.call("-m", "HEAD", "-n", 2, "127.0.0.1", port, "/hello"),
-                         [(200, b"")] * 2)
-        expected = b"this body goes out chunked\n" * 40
-        self.assertEqual(self.call("-n", 2, "127.0.0.1", port, "/chunked"),
-                         [(200, expected)] * 2)
+        self.assertEqual(self.call("-m", "HEAD", "-n", 2, "/hello"), [(200, b"")] * 2)
+        self.assertEqual(self.call("-n", 2, "/chunked"),
+                         [(200, b"this body goes out chunked\n" * 40)] * 2)
+
+    @unittest.skipUnless(os.path.exists(ECHO_MODULE), "nginx echo module not installed")
+    def test_post_with_length_and_chunked(self):
+        data = "payload-" * 300
+        self.assertEqual(self.call("-m", "POST", "-d", data, "/echo"), [(200, data.encode())])
+        self.assertEqual(self.call("-m", "CHUNKED", "-d", data, "-n", 2, "/echo"),
+                         [(200, data.encode())] * 2)
 
     def test_connect_through_squid(self):
         squid = Squid()
         try:
-            answers = self.call("-p", "127.0.0.1", squid.port, "-n", 2,
-                                "127.0.0.1", self.nginx.port, "/hello")
-            self.assertEqual(answers, [(200, b"hello from nginx\n")] * 2)
+            self.assertEqual(self.call("-p", "127.0.0.1", squid.port, "-n", 2, "/hello"),
+                             [(200, b"hello from nginx\n")] * 2)
             # a tunnel to a port where nobody listens is refused by the proxy
             rc, answers, raw = client("-p", "127.0.0.1", squid.port,
                                       "127.0.0.1", free_port(), "/hello")
@@ -95,9 +82,7 @@ class ClientAgainstOtherServers(unittest.TestCase):
         t.start()
         try:
             rc, answers, raw = client("127.0.0.1", server.server_address[1], "/")
-            self.assertEqual(rc, 0, raw)
-            expected = b"".join(b"line %02d of a body without length\n" % i for i in range(50))
-            self.assertEqual(answers, [(200, expected)])
+            self.assertEqual((rc, answers), (0, [(200, OLD_BODY)]), raw)
         finally:
             server.shutdown()
             server.server_close()
@@ -117,8 +102,7 @@ class ClientAgainstOtherServers(unittest.TestCase):
         t.start()
         try:
             rc, answers, raw = client("127.0.0.1", listener.getsockname()[1], "/")
-            self.assertEqual(rc, 0, raw)
-            self.assertEqual(answers, [(200, b"<html>no status line at all</html>")])
+            self.assertEqual((rc, answers), (0, [(200, b"<html>no status line at all</html>")]), raw)
         finally:
             t.join(5)
             listener.close()

@@ -1,7 +1,5 @@
-"""The proxy path end to end: curl -> sfhost (httpReader + httpWorker) ->
-nginx on loopback, and back. Also what the client gets when the backend
-answers with an error or cannot be reached, and the example site in
-examples/http-proxy run as its README says."""
+"""The proxy path: curl -> sfhost (httpReader + httpWorker) -> nginx, backend
+errors, and the examples/http-proxy site run as its README says."""
 
 import os
 import subprocess
@@ -9,7 +7,7 @@ import sys
 import time
 import unittest
 
-from sfhttp_support import BIN, SOURCE, Nginx, Site, free_port, stop, wait_port
+from sfhttp_support import BIN, ECHO_MODULE, SOURCE, Nginx, Site, free_port, stop, wait_port
 
 CONFIG = """
 set sf.log.dir .
@@ -62,9 +60,8 @@ class HttpProxy(unittest.TestCase):
 
     def test_forwards_method_url_and_body(self):
         base = "http://127.0.0.1:%d" % self.port
-        self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
         self.assertEqual(curl(base + "/static/page.txt"), (200, b"static page\n"))
-        if os.path.exists("/usr/lib/nginx/modules/ngx_http_echo_module.so"):
+        if os.path.exists(ECHO_MODULE):
             self.assertEqual(curl("--data-binary", "to the backend", base + "/echo"),
                              (200, b"to the backend"))
             big = "q" * 30000
@@ -72,7 +69,6 @@ class HttpProxy(unittest.TestCase):
                                   base + "/echo"), (200, big.encode()))
         # a chunked backend answer is relayed whole, with a length
         self.assertEqual(curl(base + "/chunked"), (200, b"this body goes out chunked\n" * 40))
-        # several requests on one client connection
         out = subprocess.run(["curl", "-s", "-v", base + "/hello", base + "/hello"],
                              capture_output=True, timeout=30)
         self.assertEqual(out.stdout, b"hello from nginx\n" * 2)
@@ -84,16 +80,14 @@ class HttpProxy(unittest.TestCase):
             self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
         time.sleep(1.5)  # and drops the kept connection while idle
         self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
-        log = self.site.log()
-        # one connection served two requests
+        log = self.site.log()  # each backend connection served two requests
         connects = log.count("] to 127.0.0.1+%d" % self.short.port)
         self.assertTrue(3 <= connects <= 4, log[-3000:])
 
     def test_backend_errors_become_the_default_rejection(self):
-        code, _ = curl("http://127.0.0.1:%d/nothing-here" % self.port)
-        self.assertEqual(code, 500)  # nginx said 404: only 200 is relayed
-        code, _ = curl("http://127.0.0.1:%d/hello" % self.deadport)
-        self.assertEqual(code, 500)  # nobody listens behind this one
+        # nginx says 404 (only 200 is relayed); nobody listens behind deadport
+        self.assertEqual(curl("http://127.0.0.1:%d/nothing-here" % self.port)[0], 500)
+        self.assertEqual(curl("http://127.0.0.1:%d/hello" % self.deadport)[0], 500)
         self.assertEqual(curl("http://127.0.0.1:%d/hello" % self.port)[0], 200)
 
 

@@ -1,14 +1,11 @@
-"""The HTTP server role end to end: sfhost runs a site whose httpReader queues
-every request for workers that echo its body (a GET's body is its URL).
-Driven by curl and Python's http.client, and by raw sockets for pipelining,
-HTTP/1.0 and 0.9, and malformed requests with their statuses."""
+"""The HTTP server role end to end: httpReader queues every request for
+workers that echo its body (a GET's body is its URL); driven by curl,
+http.client and raw sockets."""
 
 import http.client
-import os
 import socket
 import subprocess
 import sys
-import time
 import unittest
 
 from sfhttp_support import Site, free_port, wait_port
@@ -34,7 +31,6 @@ spinThread httpReader 127.0.0.1 {filterport} {{
 
 
 def recv_all(sock, timeout=10):
-    """Reads until the peer closes."""
     sock.settimeout(timeout)
     data = b""
     while True:
@@ -48,17 +44,14 @@ def recv_all(sock, timeout=10):
 
 
 def split_responses(data):
-    """Splits a byte stream of responses with Content-Length framing."""
+    """[(status line, body)] from a stream of Content-Length framed responses."""
     out = []
     while data:
         head, _, rest = data.partition(b"\r\n\r\n")
         lines = head.split(b"\r\n")
-        headers = {}
-        for line in lines[1:]:
-            k, _, v = line.partition(b":")
-            headers[k.strip().lower()] = v.strip()
-        n = int(headers.get(b"content-length", b"0"))
-        out.append((lines[0], headers, rest[:n]))
+        n = next((int(v) for k, _, v in (l.partition(b":") for l in lines[1:])
+                  if k.lower() == b"content-length"), 0)
+        out.append((lines[0], rest[:n]))
         data = rest[n:]
     return out
 
@@ -129,17 +122,15 @@ class HttpServer(unittest.TestCase):
                 b"POST /2 HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\ntwo"
                 b"GET /3 HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
         answers = split_responses(self.raw(reqs))
-        self.assertEqual([a[2] for a in answers], [b"/1", b"two", b"/3"])
-        self.assertTrue(all(a[0] == b"HTTP/1.1 200 OK" for a in answers))
+        self.assertEqual(answers, [(b"HTTP/1.1 200 OK", b) for b in (b"/1", b"two", b"/3")])
 
     def test_validate_script_decides(self):
-        # The script reads the request's environment; a request it does not
-        # queue gets no answer and the connection goes on with the next one.
+        # a request the script does not queue gets no answer; the next does
         with socket.create_connection(("127.0.0.1", self.filterport)) as s:
             s.sendall(b"GET /drop HTTP/1.1\r\nHost: x\r\n\r\n"
                       b"GET /kept HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
             answers = split_responses(recv_all(s))
-        self.assertEqual([a[2] for a in answers], [b"/kept"])
+        self.assertEqual([a[1] for a in answers], [b"/kept"])
 
     def test_old_versions(self):
         data = self.raw(b"GET /ten HTTP/1.0\r\n\r\n")  # closed after the reply
@@ -151,15 +142,11 @@ class HttpServer(unittest.TestCase):
         cases = [
             (b"PUT / HTTP/1.1\r\nHost: x\r\n\r\n", b"501 Not Implemented"),
             (b"POST / HTTP/1.1\r\nHost: x\r\n\r\n", b"411 Length Required"),
-            (b"GET / HTTP/1.1\r\n\r\n", b"400 Bad Request"),
-            (b"GET / HTTP/1.1\r\nHost x\r\n\r\n", b"400 Bad Request"),
             (b"GET / HTTP/0.9\r\n\r\n", b"400 Bad Request"),
             (b"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 70000\r\n\r\n",
              b"413 Request Entity Too Large"),
             (b"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"
              b"7FFFFFFFFFFF\r\n", b"413 Request Entity Too Large"),
-            (b"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"
-             b"3\r\nabcXX", b"400 Bad Request"),
             (b"GET / HTTP/1.1\r\nHost: x\r\nX-Big: " + b"a" * 5000 + b"\r\n\r\n",
              b"413 Request Entity Too Large"),
         ]
@@ -167,8 +154,7 @@ class HttpServer(unittest.TestCase):
             data = self.raw(req)
             self.assertTrue(data.startswith(b"HTTP/1.1 " + status + b"\r\n"), (req[:60], data))
             self.assertIn(b"Connection: Close\r\n", data)
-        # a flood of header bytes is cut off at the limit: the server answers
-        # and closes without reading it all
+        # a header flood is answered and closed without reading it all
         with socket.create_connection(("127.0.0.1", self.port)) as s:
             s.sendall(b"GET / HTTP/1.1\r\nHost: x\r\nX-Flood: ")
             try:

@@ -1,10 +1,12 @@
-// HttpAdaptor over an in-memory lower adaptor: settings, request and
-// response reading with every reject, and the bytes written for requests,
-// replies, rejections and chunked bodies.
+// HttpAdaptor over an in-memory lower adaptor: settings, reading in both
+// roles with its rejects, and the exact bytes it writes.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <deque>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "sf/detail/net.h"
 #include "sf/http/httpadaptor.h"
@@ -18,33 +20,24 @@ using sf::HttpAdaptor;
 
 namespace {
 
-// The bottom of the chain: each readPdu hands out the next scripted segment
-// (as one TCP read would), end of input is a closed peer, and everything
-// written is kept.
+// Each readPdu hands out the next scripted segment (one TCP read); end of
+// input is a closed peer; everything written is kept.
 class MemAdaptor : public sf::Adaptor {
  public:
   std::deque<std::string> segments;
   std::string written;
   int pduReads = 0;
-  size_t largestRead = 0;
 
   void readPdu(sf::Connection*, Buffer& b) override {
     if (segments.empty()) throw sf::Xclosed();
     ++pduReads;
-    std::string s = segments.front();
+    b.append(segments.front().data(), segments.front().size());
     segments.pop_front();
-    largestRead = std::max(largestRead, s.size());
-    b.append(s.data(), s.size());
   }
   void readTillEof(sf::Connection*, Buffer& b, int n) override {
-    size_t total = 0;
-    while (!segments.empty() && (n == 0 || total < size_t(n))) {
-      std::string s = segments.front();
-      segments.pop_front();
-      size_t take = n ? std::min(s.size(), size_t(n) - total) : s.size();
-      b.append(s.data(), take);
-      total += take;
-    }
+    std::string all;
+    for (; !segments.empty(); segments.pop_front()) all += segments.front();
+    b.append(all.data(), n ? std::min(all.size(), size_t(n)) : all.size());
   }
   void write(sf::Connection*, const Buffer& b) override { written.append(b.data, b.size()); }
 };
@@ -53,20 +46,16 @@ std::string str(const Buffer& b) {
   return std::string(b.data ? b.data : "", b.size());
 }
 
-// A connection over an unconnected socket (so that closing it shows),
-// carrying MemAdaptor below an HttpAdaptor.
+// MemAdaptor below an HttpAdaptor on an unconnected socket (so a close shows).
 struct Peer {
-  sf::Connection conn;
-  MemAdaptor* mem;
+  sf::Connection conn{new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4()))};
+  MemAdaptor* mem = new MemAdaptor;
   HttpAdaptor* http;
 
-  explicit Peer(bool client, std::deque<std::string> input = {})
-      : conn(new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4()))) {
+  explicit Peer(bool client, std::deque<std::string> input = {}) : http(new HttpAdaptor(client)) {
     conn.record()->remote = "127.0.0.1+8080";
-    mem = new MemAdaptor;
     mem->segments = std::move(input);
     conn.push(mem);
-    http = new HttpAdaptor(client);
     conn.push(http);
   }
   bool closed() const { return conn.socketNo() == sf::INVALID_SOCK; }
@@ -76,6 +65,7 @@ struct Peer {
     http->readPdu(&conn, b);
     return str(b);
   }
+  std::string rejected();
 };
 
 // Installs a current message for the adaptor's environment entries.
@@ -99,6 +89,14 @@ std::string rejectStatus(F fn) {
   return "no reject";
 }
 
+std::string Peer::rejected() {
+  return rejectStatus([this] { read(); });
+}
+using Limits = std::pair<std::int64_t, std::int64_t>;
+bool has(const std::string& s, const char* part) {
+  return s.find(part) != std::string::npos;
+}
+
 class Http : public ::testing::Test {
  protected:
   void SetUp() override { sftest::ensureInterp(); }
@@ -107,59 +105,44 @@ class Http : public ::testing::Test {
 }  // namespace
 
 TEST_F(Http, SettingsComeFromConfigurationWithTwoStepLimits) {
-  {
-    HttpAdaptor a(false);
-    EXPECT_EQ(a.requestURL, "Quindel-Tunnel");
-    EXPECT_EQ(a.contentType, "Application/Binary");
-    EXPECT_EQ(a.statusResult, 200);
-    EXPECT_EQ(a.statusReason, "OK");
-    EXPECT_EQ(a.userAgent, "Quindel");
-    EXPECT_EQ(a.serverType, "Quindel");
-    EXPECT_EQ(a.maxHeader, 1024);
-    EXPECT_EQ(a.maxBody, 65535);
-    EXPECT_EQ(a.rejectStatus, 500);
-  }
+  HttpAdaptor a(false);
+  EXPECT_EQ(a.requestURL + "|" + a.contentType + "|" + a.statusReason + "|" + a.userAgent + "|" +
+                a.serverType,
+            "Quindel-Tunnel|Application/Binary|OK|Quindel|Quindel");
+  EXPECT_EQ(std::vector<std::int64_t>({a.statusResult, a.maxHeader, a.maxBody, a.rejectStatus}),
+            std::vector<std::int64_t>({200, 1024, 65535, 500}));
   sf::setVarInt("proxy.*.maxlength", 4096);
   sf::setVarInt("sf.http.statusResult", 404);
-  {
-    HttpAdaptor a(true, nullptr, "text/plain");
-    EXPECT_EQ(a.maxHeader, 4096);
-    EXPECT_EQ(a.maxBody, 4096);
-    EXPECT_EQ(a.statusReason, "Not Found");
-    EXPECT_EQ(a.requestURL, "Quindel-Tunnel");
-    EXPECT_EQ(a.contentType, "text/plain");
-    EXPECT_TRUE(a.isClient);
-  }
+  HttpAdaptor b(true, nullptr, "text/plain");
+  EXPECT_EQ(std::make_pair(b.maxHeader, b.maxBody), Limits(4096, 4096));
+  EXPECT_EQ(b.statusReason + "|" + b.contentType, "Not Found|text/plain");
   sf::setVarInt("sf.http.body.maxlength", 100);
-  {
-    HttpAdaptor a(false);
-    EXPECT_EQ(a.maxHeader, 4096);
-    EXPECT_EQ(a.maxBody, 100);
-  }
+  HttpAdaptor c(false);
+  EXPECT_EQ(std::make_pair(c.maxHeader, c.maxBody), Limits(4096, 100));
   sf::eval("unset sf.http.body.maxlength proxy.*.maxlength sf.http.statusResult");
 
-  HttpAdaptor a(false);
-  sftest::LogCapture log(10);
   a.setRequestURL(nullptr);
   EXPECT_EQ(a.requestURL, "Quindel-Tunnel");
-  EXPECT_FALSE(log.contains("request URL"));
   a.setStatusResponse(503);
   EXPECT_EQ(a.statusReason, "OK");  // the phrase is the caller's to change
   std::list<std::string> lines{"X-A: 1"};
   a.setStuffHeaders(lines);
-  a.setStuffHeaders(a.stuffHeaders);
+  a.setStuffHeaders(a.stuffHeaders);  // assigning to itself keeps the list
   EXPECT_EQ(a.stuffHeaders, lines);
 }
 
 TEST_F(Http, RequestAndStatusLines) {
   HttpAdaptor a(false);
-  std::string m, u;
-  EXPECT_EQ(a.parseRequest("GET /index.html", m, u), HttpAdaptor::HTTP_0_9);
-  EXPECT_EQ(m + " " + u, "GET /index.html");
-  EXPECT_EQ(a.parseRequest("POST /a b HTTP/1.1", m, u), HttpAdaptor::HTTP_1_1);
-  EXPECT_EQ(m + "|" + u, "POST|/a b");
-  EXPECT_EQ(a.parseRequest("GET / HTTP/1.0", m, u), HttpAdaptor::HTTP_1_0);
-  EXPECT_EQ(a.parseRequest("GET / HTTP/2.0", m, u), HttpAdaptor::HTTP_LATER);
+  std::string m, u, code, reason;
+  auto request = [&](const char* line) {
+    int v = a.parseRequest(line, m, u);
+    return std::to_string(v) + "|" + m + "|" + u;
+  };
+  auto version = [](int v) { return std::to_string(v) + "|"; };
+  EXPECT_EQ(request("GET /index.html"), version(HttpAdaptor::HTTP_0_9) + "GET|/index.html");
+  EXPECT_EQ(request("POST /a b HTTP/1.1"), version(HttpAdaptor::HTTP_1_1) + "POST|/a b");
+  EXPECT_EQ(request("GET / HTTP/1.0"), version(HttpAdaptor::HTTP_1_0) + "GET|/");
+  EXPECT_EQ(request("GET / HTTP/2.0"), version(HttpAdaptor::HTTP_LATER) + "GET|/");
   sftest::LogCapture log(3);
   for (const char* bad : {"POST /x", "GET / HTTP/0.9", "GET / HTTP/1.x", "GET / HTTP/11",
                           "GET / XHTTP/1.1", "GET / HTTP/1.1 "}) {
@@ -168,45 +151,43 @@ TEST_F(Http, RequestAndStatusLines) {
   EXPECT_TRUE(log.contains("exception unexpVER:makeReject(\"400\") thrown at"));
   EXPECT_TRUE(log.contains("exception expVER.:makeReject(\"400\")"));
 
-  std::string code, reason;
-  EXPECT_EQ(a.parseStatus("HTTP/1.1 404 Not Found", code, reason), HttpAdaptor::HTTP_1_1);
-  EXPECT_EQ(code + "|" + reason, "404|Not Found");
-  EXPECT_EQ(a.parseStatus("HTTP/1.0 200", code, reason), HttpAdaptor::HTTP_1_0);
-  EXPECT_EQ(code + "|" + reason, "200|");
-  EXPECT_EQ(a.parseStatus("HTT", code, reason), HttpAdaptor::HTTP_0_9);
-  EXPECT_EQ(code + reason, "nullnull");
-  EXPECT_THROW(a.parseStatus("HTTP/1.1 20 OK", code, reason), sf::Xproto);
-  EXPECT_THROW(a.parseStatus("HTTP/1.1 2x0 OK", code, reason), sf::Xproto);
-  EXPECT_THROW(a.parseStatus("HTTP/0.9 200 OK", code, reason), sf::Xproto);
-  EXPECT_THROW(a.parseStatus("HTTP/1 200 OK", code, reason), sf::Xproto);
+  auto status = [&](const char* line) {
+    int v = a.parseStatus(line, code, reason);
+    return std::to_string(v) + "|" + code + "|" + reason;
+  };
+  EXPECT_EQ(status("HTTP/1.1 404 Not Found"), version(HttpAdaptor::HTTP_1_1) + "404|Not Found");
+  EXPECT_EQ(status("HTTP/1.0 200"), version(HttpAdaptor::HTTP_1_0) + "200|");
+  EXPECT_EQ(status("HTT"), version(HttpAdaptor::HTTP_0_9) + "null|null");
+  for (const char* bad : {"HTTP/1.1 20 OK", "HTTP/1.1 2x0 OK", "HTTP/0.9 200 OK", "HTTP/1 200 OK"})
+    EXPECT_THROW(a.parseStatus(bad, code, reason), sf::Xproto) << bad;
 }
 
 TEST_F(Http, HeaderLinesNeedCrLfFoldAndStayWithinTheLimit) {
   Peer p(false, {"X-A: 1\nstill\r", "\nX-B: one\r\n", "\ttwo\r\n", "\r\n"});
   Buffer buf;
   size_t pos = 0;
-  std::string line;
-  EXPECT_FALSE(p.http->GetFullLine(&line, &p.conn, &buf, &pos, false, true));
-  EXPECT_EQ(line, "X-A: 1\nstill");  // a lone LF does not end a line; a split CR LF does
-  EXPECT_FALSE(p.http->GetFullLine(&line, &p.conn, &buf, &pos, false, true));
-  EXPECT_EQ(line, "X-B: one\ttwo");
-  EXPECT_FALSE(p.http->GetFullLine(&line, &p.conn, &buf, &pos, false, true));
-  EXPECT_EQ(line, "");
+  std::string line, lines;
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_FALSE(p.http->GetFullLine(&line, &p.conn, &buf, &pos, false, true));
+    lines += line + "|";
+  }
+  // a lone LF does not end a line; a split CR LF does; a tab folds
+  EXPECT_EQ(lines, "X-A: 1\nstill|X-B: one\ttwo||");
 
   // A header block that never ends is refused once it passes the limit, and
   // what was buffered stays within the limit plus one read.
   std::deque<std::string> flood(200, std::string(1000, 'a'));
   flood.push_front("GET / HTTP/1.1\r\nHost: x\r\nX-Long: ");
   Peer q(false, flood);
-  EXPECT_EQ(rejectStatus([&] { q.read(); }), "413");
+  EXPECT_EQ(q.rejected(), "413");
   EXPECT_LE(q.mem->pduReads, 3);
 
   // A client sees a response without a status line as HTTP/0.9 data.
   Peer r(true, {"hello"});
-  Buffer rb;
-  size_t rpos = 0;
-  EXPECT_TRUE(r.http->GetFullLine(&line, &r.conn, &rb, &rpos, true, false));
-  EXPECT_EQ(rpos, 0u);
+  buf.resize(0);
+  pos = 0;
+  EXPECT_TRUE(r.http->GetFullLine(&line, &r.conn, &buf, &pos, true, false));
+  EXPECT_EQ(pos, 0u);
 }
 
 TEST_F(Http, ServerReadsRequestsAndPublishesThem) {
@@ -216,11 +197,10 @@ TEST_F(Http, ServerReadsRequestsAndPublishesThem) {
                  "\r\nhel",
                  "lo"});
   EXPECT_EQ(p.read(), "/a?b=1");  // a GET delivers its URL
-  EXPECT_EQ(cur.env("HttpRequestURL"), "/a?b=1");
-  EXPECT_EQ(cur.env("HttpRequestMethod"), "GET");
-  EXPECT_EQ(cur.env("X-Trace"), "t1");
-  EXPECT_EQ(cur.env("Host"), "h:1");
-  EXPECT_EQ(cur.env("Connection"), "");   // framing headers are not published
+  // framing headers (Connection) are not published
+  EXPECT_EQ(cur.env("HttpRequestURL") + "|" + cur.env("HttpRequestMethod") + "|" +
+                cur.env("X-Trace") + "|" + cur.env("Host") + "|" + cur.env("Connection"),
+            "/a?b=1|GET|t1|h:1|");
   EXPECT_TRUE(p.conn.hasBufferedData());  // the pipelined POST was pushed back
   EXPECT_EQ(p.read(), "hello");
   EXPECT_EQ(cur.env("HttpRequestMethod"), "POST");
@@ -238,36 +218,28 @@ TEST_F(Http, ServerReadsRequestsAndPublishesThem) {
   EXPECT_EQ(cont.mem->written, "HTTP/1.1 100 Continue\r\n\r\n");
   Peer big(false, {"POST /e HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\n"
                    "Content-Length: 99999\r\n\r\n"});
-  EXPECT_EQ(rejectStatus([&] { big.read(); }), "413");
+  EXPECT_EQ(big.rejected(), "413");
   EXPECT_EQ(big.mem->written, "");
-
-  Peer nine(false, {"GET /old\r\n"});
-  EXPECT_EQ(nine.read(), "/old");
-  EXPECT_EQ(nine.http->version, HttpAdaptor::HTTP_0_9);
 }
 
 TEST_F(Http, ServerRejectsMalformedRequests) {
-  struct Case {
-    const char* input;
-    const char* status;
-  } cases[] = {
+  const std::string post = "POST / HTTP/1.1\r\nHost: x\r\n";
+  const std::string chunked = post + "Transfer-Encoding: chunked\r\n\r\n";
+  const std::pair<std::string, const char*> cases[] = {
       {"PUT / HTTP/1.1\r\nHost: x\r\n\r\n", "501"},
-      {"POST / HTTP/1.1\r\nHost: x\r\n\r\n", "411"},
+      {post + "\r\n", "411"},
       {"GET / HTTP/1.1\r\n\r\n", "400"},
       {"GET / HTTP/1.1\r\nHost x\r\n\r\n", "400"},
-      {"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 65536\r\n\r\n", "413"},
-      {"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: -1\r\n\r\n", "400"},
-      {"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhelloXX", "400"},
-      {"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n", "400"},
+      {post + "Content-Length: 65536\r\n\r\n", "413"},
+      {post + "Content-Length: -1\r\n\r\n", "400"},
+      {chunked + "5\r\nhelloXX", "400"},
+      {chunked + "zz\r\n", "400"},
       // refused on the size line, before anything of that size is held
-      {"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nFFFFFFFFFFFF\r\n", "413"},
-      {"POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n10000\r\n", "413"},
+      {chunked + "FFFFFFFFFFFF\r\n", "413"},
+      {chunked + "10000\r\n", "413"},
   };
   sftest::LogCapture log(3);
-  for (const Case& c : cases) {
-    Peer p(false, {c.input});
-    EXPECT_EQ(rejectStatus([&] { p.read(); }), c.status) << c.input;
-  }
+  for (const auto& c : cases) EXPECT_EQ(Peer(false, {c.first}).rejected(), c.second) << c.first;
   EXPECT_TRUE(log.contains("exception badmeth:makeReject(\"501\")"));
   EXPECT_TRUE(log.contains("exception nohost:makeReject(\"400\")"));
 }
@@ -282,17 +254,15 @@ TEST_F(Http, ChunkedBodiesWholeAndAsFragments) {
 
   // One chunk per call; the size line is split across reads.
   Peer frag(false, {std::string(req).substr(0, 70), std::string(req).substr(70)});
+  std::string parts;
   Buffer b;
   frag.http->readPduFirst(&frag.conn, b);
-  EXPECT_EQ(str(b), "hello");
-  EXPECT_TRUE(frag.http->readPduIsMore(&frag.conn));
-  b.resize(0);
-  frag.http->readPduNext(&frag.conn, b);
-  EXPECT_EQ(str(b), " world");
-  EXPECT_TRUE(frag.http->readPduIsMore(&frag.conn));
-  b.resize(0);
-  frag.http->readPduNext(&frag.conn, b);
-  EXPECT_EQ(str(b), "");
+  for (int i = 0; i < 4 && frag.http->readPduIsMore(&frag.conn); ++i) {
+    parts += str(b) + "|";
+    b.resize(0);
+    frag.http->readPduNext(&frag.conn, b);
+  }
+  EXPECT_EQ(parts + str(b), "hello| world|");  // the last fragment is empty
   EXPECT_FALSE(frag.http->readPduIsMore(&frag.conn));
 
   // The header limit guards each size line, not the data already taken: a
@@ -311,34 +281,21 @@ TEST_F(Http, ChunkedBodiesWholeAndAsFragments) {
   // A chunk that would take the body past the limit is refused.
   Peer over(false, {many});
   over.http->setMaxBody(5000);
-  EXPECT_EQ(rejectStatus([&] { over.read(); }), "413");
+  EXPECT_EQ(over.rejected(), "413");
 }
 
 TEST_F(Http, ClientReadsResponses) {
   CurrentMessage cur;
   Peer ok(true, {"HTTP/1.1 200 OK\r\nContent-Length: 3\r\nX-Back: b\r\n\r\nabc"});
   EXPECT_EQ(ok.read(), "abc");
-  EXPECT_EQ(cur.env("HttpResultCode"), "200");
-  EXPECT_EQ(cur.env("HttpResultReason"), "OK");
-  EXPECT_EQ(cur.env("X-Back"), "b");
+  EXPECT_EQ(cur.env("HttpResultCode") + cur.env("HttpResultReason") + cur.env("X-Back"), "200OKb");
   EXPECT_FALSE(ok.closed());
-
-  Peer chunked(true,
-               {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n"});
-  EXPECT_EQ(chunked.read(), "abc");
 
   // HTTP/1.0 without a length runs to the end of the stream; the bytes that
   // came with the headers are its start. The connection is closed after it.
   Peer eof(true, {"HTTP/1.0 200 OK\r\nServer: old\r\n\r\nfirst ", "second"});
   EXPECT_EQ(eof.read(), "first second");
   EXPECT_TRUE(eof.closed());
-
-  Peer nine(true, {"raw bytes", " and more"});
-  EXPECT_EQ(nine.read(), "raw bytes and more");
-
-  Peer head(true, {"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n"});
-  head.http->head(&head.conn, "/", {});
-  EXPECT_EQ(head.read(), "");
 
   Peer nocontent(true, {"HTTP/1.1 204 No Content\r\n\r\n"});
   Buffer nb;
@@ -363,8 +320,6 @@ TEST_F(Http, ConnectOpensATunnel) {
   EXPECT_FALSE(p.closed());
   EXPECT_TRUE(p.conn.hasBufferedData());  // tunnel bytes stay for the next reader
 
-  Peer refused(true, {"HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n"});
-  EXPECT_THROW(refused.http->httpConnect(refused.conn, "x:1"), sf::Xio);
   Peer server(false);
   EXPECT_THROW(server.http->httpConnect(server.conn, "x:1"), sf::Xinvalid);
 }
@@ -386,7 +341,7 @@ TEST_F(Http, RepliesAndRejects) {
   Peer k(false, {"HEAD /h HTTP/1.1\r\nHost: x\r\n\r\n"});
   k.read();
   k.conn.write(body);
-  EXPECT_EQ(k.mem->written.find("Content-Length: 7\r\n") != std::string::npos, true);
+  EXPECT_TRUE(has(k.mem->written, "Content-Length: 7\r\n"));
   EXPECT_EQ(k.mem->written.substr(k.mem->written.size() - 4), "\r\n\r\n");
   EXPECT_FALSE(k.closed());
 
@@ -409,29 +364,19 @@ TEST_F(Http, RepliesAndRejects) {
 
   // Stuffed headers: an exact "Content-Type:" replaces the configured type;
   // another spelling does not.
-  Peer s(false);
-  std::list<std::string> stuff{"Content-Type: text/html", "X-Stuffed: 1"};
-  s.http->setStuffHeaders(stuff);
-  Buffer none;
-  s.http->replyOk(&s.conn);
-  EXPECT_NE(
-      s.mem->written.find("Content-Type: text/html\r\nX-Stuffed: 1\r\nServer: Quindel\r\n\r\n"),
-      std::string::npos);
-  EXPECT_EQ(s.mem->written.find("Application/Binary"), std::string::npos);
-  EXPECT_FALSE(s.closed());
-  Peer l(false);
-  std::list<std::string> lower{"content-type: text/html"};
-  l.http->setStuffHeaders(lower);
-  l.http->replyOk(&l.conn);
-  EXPECT_NE(l.mem->written.find("content-type: text/html\r\n"), std::string::npos);
-  EXPECT_NE(l.mem->written.find("Content-Type: Application/Binary\r\n"), std::string::npos);
-
-  // HTTP/0.9: the body alone, then the connection ends.
-  Peer nine(false, {"GET /x\r\n"});
-  nine.read();
-  nine.conn.write(body);
-  EXPECT_EQ(nine.mem->written, "hi back");
-  EXPECT_TRUE(nine.closed());
+  auto stuffed = [](std::list<std::string> stuff) {
+    Peer s(false);
+    s.http->setStuffHeaders(stuff);
+    s.http->replyOk(&s.conn);
+    EXPECT_FALSE(s.closed());
+    return s.mem->written;
+  };
+  std::string w = stuffed({"Content-Type: text/html", "X-Stuffed: 1"});
+  EXPECT_TRUE(has(w, "Content-Type: text/html\r\nX-Stuffed: 1\r\nServer: Quindel\r\n\r\n"));
+  EXPECT_FALSE(has(w, "Application/Binary"));
+  w = stuffed({"content-type: text/html"});
+  EXPECT_TRUE(has(w, "content-type: text/html\r\n"));
+  EXPECT_TRUE(has(w, "Content-Type: Application/Binary\r\n"));
 
   // A request handed to another thread holds the connection until its reply
   // is written, also when writing fails.
@@ -449,17 +394,14 @@ TEST_F(Http, RepliesAndRejects) {
   EXPECT_STREQ(HttpAdaptor::getStatusReason(416), "Requested range not satisfiable");
   EXPECT_THROW(HttpAdaptor::getStatusReason(306), sf::Xinvalid);
   EXPECT_FALSE(HttpAdaptor::getStatusClose(410));
-  EXPECT_TRUE(HttpAdaptor::getStatusClose(305));
-  EXPECT_TRUE(HttpAdaptor::getStatusClose(599));
-  EXPECT_THROW(s.http->replyGen(&s.conn, 306, nullptr, nullptr, none, {}), sf::Xinvalid);
+  EXPECT_TRUE(HttpAdaptor::getStatusClose(305) && HttpAdaptor::getStatusClose(599));
   Peer cli(true);
   EXPECT_THROW(cli.http->replyOk(&cli.conn), sf::Xinvalid);
 }
 
 TEST_F(Http, ClientRequests) {
   Peer p(true);
-  Buffer empty;
-  p.conn.write(empty);
+  p.conn.write(Buffer());
   EXPECT_EQ(p.mem->written,
             "GET Quindel-Tunnel HTTP/1.1\r\nUser-Agent: Quindel\r\nHost: 127.0.0.1:8080\r\n\r\n");
   p.mem->written.clear();
@@ -483,8 +425,8 @@ TEST_F(Http, ChunkedWritingRoundTripsThroughTheReader) {
   cli.http->writePduNext(&cli.conn, c);  // an empty fragment writes nothing
   cli.http->writePduLast(&cli.conn, b);
   const std::string& wire = cli.mem->written;
-  EXPECT_NE(wire.find("Transfer-Encoding: chunked\r\n"), std::string::npos);
-  EXPECT_NE(wire.find("\r\n\r\nFF\r\nxxx"), std::string::npos);
+  EXPECT_TRUE(has(wire, "Transfer-Encoding: chunked\r\n"));
+  EXPECT_TRUE(has(wire, "\r\n\r\nFF\r\nxxx"));
   EXPECT_EQ(wire.substr(wire.size() - 14), "4\r\ntail\r\n0\r\n\r\n");
 
   Peer srv(false, {wire});
