@@ -37,8 +37,10 @@ void writeFile(const std::filesystem::path& p, const std::string& text) {
 }
 
 namespace {
-std::mutex g_lock;
-std::vector<Record> g_records;
+// Never destroyed: library threads that outlive a test (readers, workers)
+// may still log into them while the process runs its exit handlers.
+std::mutex& g_lock = *new std::mutex;
+std::vector<Record>& g_records = *new std::vector<Record>;
 
 void keep(std::uint32_t, std::uint32_t, std::uint32_t level, const char*, std::uint32_t,
           std::uint32_t, const char* msg, int code, const char* file, int line) {
