@@ -1,9 +1,7 @@
 """Helpers for the TCP tests: an sfhost site built from a config text,
-clients, and waiting for log lines. Servers listen on 127.0.0.1 only and are
-stopped by the test that started them."""
+clients, and waiting for log lines. Servers listen on 127.0.0.1 only."""
 
 import os
-import shutil
 import signal
 import socket
 import subprocess
@@ -11,7 +9,6 @@ import tempfile
 import time
 
 BUILD = os.environ.get("SF_BUILD_DIR", "build")
-SOURCE = os.environ.get("SF_SOURCE_DIR", ".")
 SFHOST = os.path.join(BUILD, "bin", "sfhost")
 
 
@@ -26,6 +23,23 @@ def shm_names(tavodatdir):
     return [base + "_shm", base + "_mx"]
 
 
+def poll(pred, timeout, what):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if pred():
+            return
+        time.sleep(0.05)
+    raise AssertionError(what())
+
+
+def can_connect(port):
+    try:
+        socket.create_connection(("127.0.0.1", port), timeout=1).close()
+        return True
+    except OSError:
+        return False
+
+
 class Site:
     """A throw-away site: root with etc/config.tcl (and start.tcl when
     given), its own data directory and statistics block name."""
@@ -35,38 +49,33 @@ class Site:
         self.root = self.tmp.name
         self.port = port or free_port()
         os.makedirs(os.path.join(self.root, "etc"))
-        self.write("etc/config.tcl", config.replace("@PORT@", str(self.port)))
+        self.write("etc/config.tcl", config)
         if start is not None:
-            self.write("etc/start.tcl", start.replace("@PORT@", str(self.port)))
+            self.write("etc/start.tcl", start)
         self.env = {k: v for k, v in os.environ.items()
                     if not k.startswith(("SF", "TAVO", "ESTAT"))}
         self.env["TAVODATDIR"] = self.root
-        self.proc = None
+        self.proc = self._err = None
         self.log = os.path.join(self.root, "stderr.txt")
 
     def write(self, rel, text):
         with open(os.path.join(self.root, rel), "w") as f:
-            f.write(text)
+            f.write(text.replace("@PORT@", str(self.port)))
 
-    def start(self, *args, level=3):
+    def start(self, level=3):
         """Starts sfhost with its log on stderr (kept in stderr.txt)."""
         self._err = open(self.log, "w")
         self.proc = subprocess.Popen(
-            [SFHOST, "-rootdir", self.root, "-datdir", self.root, "-l", "-d", str(level), *args],
+            [SFHOST, "-rootdir", self.root, "-datdir", self.root, "-l", "-d", str(level)],
             cwd=self.root, env=self.env, stdout=subprocess.PIPE, stderr=self._err, text=True)
         return self.proc
 
     def wait_listening(self, timeout=30.0):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
+        def up():
             if self.proc.poll() is not None:
                 raise RuntimeError("sfhost exited with %s:\n%s" % (self.proc.returncode, self.text()))
-            try:
-                with socket.create_connection(("127.0.0.1", self.port), timeout=1):
-                    return
-            except OSError:
-                time.sleep(0.05)
-        raise RuntimeError("sfhost does not listen on %d" % self.port)
+            return can_connect(self.port)
+        poll(up, timeout, lambda: "sfhost does not listen on %d" % self.port)
 
     def text(self):
         try:
@@ -76,12 +85,8 @@ class Site:
             return ""
 
     def wait_log(self, needle, timeout=30.0):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            if needle in self.text():
-                return
-            time.sleep(0.05)
-        raise AssertionError("log never said %r:\n%s" % (needle, self.text()[-3000:]))
+        poll(lambda: needle in self.text(), timeout,
+             lambda: "log never said %r:\n%s" % (needle, self.text()[-3000:]))
 
     def stop(self, timeout=30.0):
         """SIGTERM, and the exit status (None if it had to be killed)."""
@@ -97,7 +102,7 @@ class Site:
 
     def close(self):
         self.stop()
-        if getattr(self, "_err", None):
+        if self._err:
             self._err.close()
         for name in shm_names(self.root):
             try:
@@ -137,3 +142,8 @@ def recv_exactly(s, n):
             break
         out += chunk
     return out
+
+
+def echoes(s, msg):
+    s.sendall(msg)
+    return recv_exactly(s, len(msg)) == msg

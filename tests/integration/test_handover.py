@@ -1,15 +1,14 @@
 """Hand-over of a listening port between two real sfhost processes: the
-parent binds, starts the child with the socket and a pipe inherited, the
-child takes the port with `bind`, serves, reports start-up OK, and the parent
+parent binds and starts the child with the socket and a pipe inherited; the
+child takes the port with `bind`, serves and reports start-up OK; the parent
 closes its copy. Clients keep connecting throughout; none is refused."""
 
 import os
-import socket
 import threading
 import time
 import unittest
 
-from sfnet_support import SFHOST, Site, connect, recv_exactly
+from sfnet_support import SFHOST, Site, can_connect, connect, poll, recv_exactly
 
 CHILD_CONFIG = """
 set sf.log.level 0
@@ -41,12 +40,10 @@ class HandoverTest(unittest.TestCase):
     def test_port_moves_to_child_without_refusing_anyone(self):
         child = Site(CHILD_CONFIG)
         self.addCleanup(child.close)
-        parent = Site(PARENT_CONFIG, port=child.port)
+        parent = Site(PARENT_CONFIG, port=child.port,
+                      start=PARENT_START.format(sfhost=SFHOST, childroot=child.root))
         self.addCleanup(parent.close)
-        # Re-write the child's config with the parent's port (same number).
         port = parent.port
-        parent.write("etc/start.tcl", PARENT_START.format(sfhost=SFHOST, childroot=child.root))
-
         stats = {"refused": 0, "ok": 0, "other": []}
         stop = threading.Event()
 
@@ -54,9 +51,9 @@ class HandoverTest(unittest.TestCase):
             i = 0
             while not stop.is_set():
                 msg = b"c%d-%d" % (n, i)
+                i += 1
                 try:
-                    with socket.create_connection(("127.0.0.1", port), timeout=60) as c:
-                        c.settimeout(60)
+                    with connect(port, timeout=60) as c:
                         c.sendall(msg)
                         if recv_exactly(c, len(msg)) == msg:
                             stats["ok"] += 1
@@ -67,19 +64,11 @@ class HandoverTest(unittest.TestCase):
                     time.sleep(0.01)
                 except OSError as e:
                     stats["other"].append(repr(e))
-                i += 1
 
         parent.start(level=4)
         # The parent binds before it hands over; wait until the port exists.
-        deadline = time.monotonic() + 30
-        while True:
-            try:
-                socket.create_connection(("127.0.0.1", port), timeout=1).close()
-                break
-            except OSError:
-                if time.monotonic() > deadline or parent.proc.poll() is not None:
-                    self.fail("parent never listened:\n" + parent.text())
-                time.sleep(0.02)
+        poll(lambda: parent.proc.poll() is None and can_connect(port), 30,
+             lambda: "parent never listened:\n" + parent.text())
         threads = [threading.Thread(target=hammer, args=(n,)) for n in range(4)]
         for t in threads:
             t.start()
@@ -108,15 +97,18 @@ class HandoverTest(unittest.TestCase):
             self.assertEqual(recv_exactly(c, 21), b"after the parent left")
         self.assertIn("child got greeting hello-child", parent.text())
         os.kill(child_pid, 15)
-        for _ in range(600):  # the child now belongs to init, which reaps it
+
+        def gone():  # the child now belongs to init, which reaps it
             try:
                 os.kill(child_pid, 0)
+                return False
             except ProcessLookupError:
-                break
-            time.sleep(0.05)
-        else:
+                return True
+        try:
+            poll(gone, 30, lambda: "child did not stop on SIGTERM")
+        except AssertionError:
             os.kill(child_pid, 9)
-            self.fail("child did not stop on SIGTERM")
+            raise
 
 
 if __name__ == "__main__":

@@ -1,7 +1,4 @@
-"""Queues, script threads, timers and the watchdog in a running sfhost: a
-site's scripts make a queue, start a dummy worker on it and feed it timer
-messages; a worker that hangs past sf.watchdog ends the process with a dump;
-a script thread whose procedure does not exist ends it too."""
+"""Queues, script threads, timers and the watchdog in a running sfhost."""
 import glob
 import os
 import re
@@ -39,8 +36,7 @@ class QueuesTest(unittest.TestCase):
         self.assertRegex(text, r"timer \d+ has no queue, message dropped")
 
     def test_hung_worker_is_ended_by_the_watchdog(self):
-        # The worker's script sleeps inside the interpreter, so it holds the
-        # interpreter lock while the watchdog fires.
+        # The script sleeps holding the interpreter lock when the watchdog fires.
         site = self.site(
             "set sf.log.dir .\nset sf.watchdog 1\nmkQ jobs\n"
             "spinThread dummyWorker jobs {after 30000}\n",

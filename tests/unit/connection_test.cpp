@@ -25,10 +25,7 @@ struct Listener {
     portno = pf::bound_port(port.socketNo());
     text = std::to_string(portno);
   }
-  ~Listener() {
-    // The record normally lives until process end; tests free theirs.
-    delete port.p;
-  }
+  ~Listener() { delete port.p; }  // records normally live until process end
 };
 
 // A raw client socket connected to port.
@@ -50,7 +47,6 @@ TEST(PortAddr, ResolvesAndRefusesWhatItMust) {
   sf::PortAddr named("localhost", "http");  // not a number: port 0
   EXPECT_EQ(named.str(), "localhost+http");
   EXPECT_EQ(named.backlog, 5);
-  EXPECT_EQ(named.linger, 0);
   EXPECT_THROW(sf::PortAddr("/local", "1"), sf::Xstate);
   EXPECT_THROW(sf::PortAddr("no-such-host.invalid", "1"), sf::Xsys);
 
@@ -62,7 +58,6 @@ TEST(PortAddr, ResolvesAndRefusesWhatItMust) {
 
 TEST(Port, ATakenPortIsRefusedAndReported) {
   Listener l;
-  EXPECT_GT(l.portno, 0);
   sftest::LogCapture log(4);
   sf::PortAddr again("127.0.0.1", l.text.c_str());
   EXPECT_THROW(sf::bindPort(again), sf::Xio);

@@ -1,7 +1,5 @@
 // Script commands for queues, messages and script threads, driven through the
-// interpreter as a configuration script would. Dummy workers and the fatal
-// end of a thread without a procedure run in sfhost, in the integration test
-// test_sfhost_queues.py.
+// interpreter. Dummy workers run in sfhost, in test_sfhost_queues.py.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -29,27 +27,23 @@ TEST(QueueCommands, MakeQueueAndForwardTheCurrentMessage) {
   sf::setVarInt("sf.qsize", 3);
   sf::eval("mkQ cmd-q");
   sf::MessageQ* q = sf::getQ("cmd-q");
-  ASSERT_NE(q, nullptr);
-  EXPECT_EQ(q->capacity(), 3);
+  ASSERT_EQ(q->capacity(), 3);
   EXPECT_THROW(sf::eval("mkQ cmd-q"), sf::Xtcl);
   EXPECT_TRUE(log.contains("exception mkQ:Xinvalid() thrown at"));
 
   sf::TransactionContext* ctx = sf::getContext();
   EXPECT_THROW(sf::eval("enQ cmd-q"), sf::Xtcl);  // no current message
 
-  sf::Message* m = new sf::Message;
-  ctx->message = m;
+  sf::Message* m = ctx->message = new sf::Message;
   EXPECT_THROW(sf::eval("enQ no-such-queue"), sf::Xtcl);
   EXPECT_EQ(ctx->message, m);
   sf::eval("enQ cmd-q");
   EXPECT_EQ(ctx->message, nullptr);  // the queue owns it now
 
-  // Fill the queue (capacity 3 holds 2): the refused message stays with us.
-  sf::Message* second = new sf::Message;
-  ctx->message = second;
+  // Capacity 3 holds 2: the refused message stays with us.
+  sf::Message* second = ctx->message = new sf::Message;
   sf::eval("enQ cmd-q");
-  sf::Message* third = new sf::Message;
-  ctx->message = third;
+  sf::Message* third = ctx->message = new sf::Message;
   EXPECT_THROW(sf::eval("enQ cmd-q"), sf::Xtcl);
   EXPECT_EQ(ctx->message, third);
   EXPECT_TRUE(log.contains("enQ: queue cmd-q refused the current message"));
@@ -86,8 +80,7 @@ TEST(QueueCommands, EnvironmentDumpAndThreadId) {
 std::atomic<int> g_calls{0};
 std::string g_args;
 
-// A script thread procedure: records how it was called and serves for ever,
-// as thread procedures do.
+// A thread procedure: records its arguments and serves for ever.
 int parkedProc(int argc, const char** argv) {
   for (int i = 0; i < argc; ++i) g_args += std::string(argv[i]) + "|";
   ++g_calls;

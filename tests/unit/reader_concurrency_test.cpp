@@ -56,42 +56,53 @@ std::string recvN(pf::sock_t s, size_t n) {
   return out;
 }
 
-// A bound port with a reader thread (TclReader running script) and, when
-// workerScript is given, one DummyWorker thread on queue.
+bool echoes(pf::sock_t s, const std::string& t) {
+  return sendAll(s, t) && recvN(s, t.size()) == t;
+}
+
+void echoWorker(const char* queue) {
+  std::string q = queue;
+  std::thread([q] { sf::DummyWorker(q.c_str(), "sf_echo").run(); }).detach();
+}
+
+// A bound port (shared: put in the shared table and taken back, as a
+// script's bind does) served by a reader thread, a TclReader by default, that
+// queues on queue; one echoing DummyWorker unless told otherwise. The reader
+// thread sets *returned when its loop ends and stays alive: Tcl frees
+// per-thread data only for threads it is told about.
 struct Service {
   sf::Port port;
   int portno = 0;
-  std::string script;
-  Service(const std::string& queue, const std::string& validate, sf::Reader* reader = nullptr) {
+  std::atomic<bool>* returned = new std::atomic<bool>(false);
+  explicit Service(const std::string& queue, sf::Reader* r = nullptr, bool worker = true,
+                   bool shared = false) {
     setUp();
     if (!sf::getQ(queue.c_str())) sf::mkQ(queue.c_str());
     sf::setVarInt("sf.tcp.backlog", 128);  // the default 5 drops SYNs of a crowd
     sf::PortAddr addr("127.0.0.1", "0");
     port = sf::bindPort(addr);
     portno = pf::bound_port(port.socketNo());
-    script = validate;
-    reader_ = reader ? reader : new sf::TclReader;
-    std::thread([this] { reader_->run(port, script.c_str(), nullptr); }).detach();
+    if (shared) {
+      sf::PortAddr named("127.0.0.1", std::to_string(portno).c_str());
+      sf::setSharedPort(named, port);
+      port = sf::bindSharedPort(named);
+    }
+    sf::Reader* reader = r ? r : new sf::TclReader;
+    std::thread([reader, p = port, script = "enQ " + queue, done = returned]() mutable {
+      reader->run(p, script.c_str(), nullptr);
+      *done = true;
+      for (;;) pf::sleep_ms(100000);
+    }).detach();
+    if (worker) echoWorker(queue.c_str());
   }
-  sf::Reader* reader_;
 };
-
-void echoWorker(const char* queue) {
-  std::string q = queue;
-  std::thread([q] {
-    sf::DummyWorker w(q.c_str(), "sf_echo");
-    w.run();
-  }).detach();
-}
 
 }  // namespace
 
 TEST(Reader, EchoesManyConcurrentClientsAndPipelinedPdus) {
-  Service svc("echo-q", "enQ echo-q");
+  Service svc("echo-q");
   echoWorker("echo-q");
-  echoWorker("echo-q");
-
-  const int kClients = 24, kRounds = 30;
+  const int kClients = 24;
   std::atomic<int> good{0};
   std::vector<std::thread> clients;
   for (int c = 0; c < kClients; ++c) {
@@ -99,45 +110,16 @@ TEST(Reader, EchoesManyConcurrentClientsAndPipelinedPdus) {
       pf::sock_t s = connectTo(svc.portno);
       if (s == pf::kNoSock) return;
       bool ok = true;
-      for (int r = 0; r < kRounds && ok; ++r) {
-        std::string msg = "client" + std::to_string(c) + "-round" + std::to_string(r) + ";";
-        ok = sendAll(s, msg) && recvN(s, msg.size()) == msg;
-      }
-      // Pipelined: several PDUs in one go; the answer is the same bytes.
-      std::string burst;
+      for (int r = 0; r < 30 && ok; ++r)
+        ok = echoes(s, "client" + std::to_string(c) + "-round" + std::to_string(r) + ";");
+      std::string burst;  // pipelined: the answer is the same bytes
       for (int i = 0; i < 20; ++i) burst += "p" + std::to_string(i) + "/";
-      ok = ok && sendAll(s, burst) && recvN(s, burst.size()) == burst;
-      if (ok) ++good;
+      if (ok && echoes(s, burst)) ++good;
       pf::sock_close(s);
     });
   }
   for (auto& t : clients) t.join();
   EXPECT_EQ(good.load(), kClients);
-}
-
-// The limit is read once per process: CTest runs each case in its own.
-TEST(Reader, ConnectionLimitKeepsTheThirdClientWaiting) {
-  setUp();
-  sftest::LogCapture log(1);
-  sf::setVarInt("sf.maxConnections", 2);
-  sf::setVarInt("sf.connWaitingAlarmSeconds", 1);
-  Service svc("limit-q", "enQ limit-q");
-  echoWorker("limit-q");
-
-  pf::sock_t a = connectTo(svc.portno), b = connectTo(svc.portno);
-  ASSERT_TRUE(sendAll(a, "a") && recvN(a, 1) == "a");
-  ASSERT_TRUE(sendAll(b, "b") && recvN(b, 1) == "b");
-  pf::sock_t c = connectTo(svc.portno);  // completes in the backlog
-  ASSERT_NE(c, pf::kNoSock);
-  ASSERT_TRUE(sendAll(c, "c"));
-  // Not served while two are connected: no answer within a few passes.
-  EXPECT_EQ(pf::wait_readable(c, 3500), 0);
-  EXPECT_TRUE(log.contains("ZEM configuration sets maximum 2 client connections"));
-  EXPECT_TRUE(log.contains("ALARM: Maximum 2 client connections are reached."));
-  pf::sock_close(a);
-  EXPECT_EQ(recvN(c, 1), "c");  // accepted once a client left
-  pf::sock_close(b);
-  pf::sock_close(c);
 }
 
 namespace {
@@ -153,11 +135,9 @@ class NotifyingReader : public sf::TclReader {
 TEST(Reader, ClosedAndResetClientsPostCloseNotices) {
   setUp();
   sf::MessageQ* notices = sf::mkQ("notice-q");
-  Service svc("data-q", "enQ data-q", new NotifyingReader(notices));
-  echoWorker("data-q");
-
+  Service svc("data-q", new NotifyingReader(notices));
   pf::sock_t s = connectTo(svc.portno);
-  ASSERT_TRUE(sendAll(s, "hi") && recvN(s, 2) == "hi");
+  ASSERT_TRUE(echoes(s, "hi"));
   pf::sock_close(s);  // orderly close
   sf::Message* m = notices->deQ();
   EXPECT_TRUE(m->isCloseNotice);
@@ -168,37 +148,21 @@ TEST(Reader, ClosedAndResetClientsPostCloseNotices) {
   // A reset mid-stream (linger 0 makes close send RST) is a close too, and
   // the reader goes on serving others.
   s = connectTo(svc.portno);
-  ASSERT_TRUE(sendAll(s, "partial"));
-  ASSERT_EQ(recvN(s, 7), "partial");
+  ASSERT_TRUE(echoes(s, "partial"));
   pf::set_linger(s, 1, 0);
   pf::sock_close(s);
   m = notices->deQ();
   EXPECT_TRUE(m->isCloseNotice);
   delete m;
-
   pf::sock_t t = connectTo(svc.portno);
-  EXPECT_TRUE(sendAll(t, "still") && recvN(t, 5) == "still");
+  EXPECT_TRUE(echoes(t, "still"));
   pf::sock_close(t);
   delete notices->deQ();
 }
 
-TEST(Reader, IdleClientIsClosedWithEvent) {
-  sftest::LogCapture log(1);
-  Service svc("idle-q", "enQ idle-q");
-  svc.port.setIdleTimeout_s(1);
-  echoWorker("idle-q");
-  pf::sock_t s = connectTo(svc.portno);
-  // The reaper closes it: the client sees the end of the stream.
-  EXPECT_EQ(recvN(s, 1), "");
-  pf::sock_close(s);
-  EXPECT_TRUE(log.contains("closing idle connection"));
-  EXPECT_TRUE(log.contains("10_sf_idletimeout_s_s"));
-}
-
 TEST(Reader, ReservedConnectionIsNotReadUntilGivenBack) {
-  sf::MessageQ* held = nullptr;
   setUp();
-  held = sf::mkQ("held-q");
+  sf::MessageQ* held = sf::mkQ("held-q");
   // Validate keeps the connection reserved (as a worker would) and queues.
   class Holding : public sf::TclReader {
    public:
@@ -207,15 +171,14 @@ TEST(Reader, ReservedConnectionIsNotReadUntilGivenBack) {
       sf::TclReader::validate(msg, target);
     }
   };
-  Service svc("held-q", "enQ held-q", new Holding);
+  Service svc("held-q", new Holding, false);
   pf::sock_t s = connectTo(svc.portno);
   ASSERT_TRUE(sendAll(s, "one"));
   sf::Message* m = held->deQ();
   ASSERT_TRUE(m->conn.isReserved());
   ASSERT_TRUE(sendAll(s, "two"));
-  // Not read while reserved.
   pf::sleep_ms(300);
-  EXPECT_EQ(held->size(), 0);
+  EXPECT_EQ(held->size(), 0);  // not read while reserved
   std::string sid = m->getSid();
   m->conn.unreserve(true);  // wakes the reader at once
   sf::Message* n = held->deQ();
@@ -228,38 +191,19 @@ TEST(Reader, ReservedConnectionIsNotReadUntilGivenBack) {
 }
 
 TEST(Reader, ShutdownClosesSharedPortsWithClientsConnected) {
-  setUp();
-  sf::mkQ("stop-q");
-  sf::PortAddr addr("127.0.0.1", "0");
-  sf::Port bound = sf::bindPort(addr);
-  int portno = pf::bound_port(bound.socketNo());
-  sf::PortAddr shared("127.0.0.1", std::to_string(portno).c_str());
-  sf::setSharedPort(shared, bound);
+  Service svc("stop-q", nullptr, true, true);
   sf::PortAddr unusedAddr("127.0.0.1", "0");
-  sf::Port unused = sf::bindPort(unusedAddr);
-  sf::setSharedPort(sf::PortAddr("127.0.0.9", "1"), unused);
-
-  sf::Port taken = sf::bindSharedPort(shared);
-  std::atomic<bool> returned{false};
-  // The thread stays alive after the loop returns: Tcl keeps per-thread
-  // data that it frees only for threads it is told about.
-  std::thread([&] {
-    sf::TclReader r;
-    r.run(taken, "enQ stop-q", nullptr);
-    returned = true;
-    for (;;) pf::sleep_ms(100000);
-  }).detach();
-  echoWorker("stop-q");
-  pf::sock_t idle = connectTo(portno);
-  pf::sock_t busy = connectTo(portno);
-  ASSERT_TRUE(sendAll(busy, "x") && recvN(busy, 1) == "x");
+  sf::setSharedPort(sf::PortAddr("127.0.0.9", "1"), sf::bindPort(unusedAddr));
+  pf::sock_t idle = connectTo(svc.portno);
+  pf::sock_t busy = connectTo(svc.portno);
+  ASSERT_TRUE(echoes(busy, "x"));
 
   sf::shutdown();  // wakes the reader; returns once it closed the port
-  for (int i = 0; i < 1000 && !returned.load(); ++i) pf::sleep_ms(10);
-  EXPECT_TRUE(returned.load());
-  EXPECT_EQ(taken.socketNo(), sf::INVALID_SOCK);
+  for (int i = 0; i < 1000 && !svc.returned->load(); ++i) pf::sleep_ms(10);
+  EXPECT_TRUE(svc.returned->load());
+  EXPECT_EQ(svc.port.socketNo(), sf::INVALID_SOCK);
   EXPECT_EQ(sf::sfi_sharedPortUses("127.0.0.9+1"), -1);  // never taken: closed
-  EXPECT_EQ(connectTo(portno), pf::kNoSock);             // the listening socket is gone
+  EXPECT_EQ(connectTo(svc.portno), pf::kNoSock);         // the listening socket is gone
   pf::sock_close(idle);
   pf::sock_close(busy);
 }
@@ -267,27 +211,11 @@ TEST(Reader, ShutdownClosesSharedPortsWithClientsConnected) {
 // sf_quiesce runs inside an evaluation, holding the interpreter lock, while
 // the reader it waits for needs that lock for every message it validates.
 TEST(Reader, QuiesceFromAScriptWhileClientsSendDoesNotDeadlock) {
-  setUp();
-  sf::setVarInt("sf.tcp.backlog", 128);
-  sf::mkQ("quiesce-q");
-  sf::PortAddr addr("127.0.0.1", "0");
-  sf::Port bound = sf::bindPort(addr);
-  int portno = pf::bound_port(bound.socketNo());
-  sf::PortAddr shared("127.0.0.1", std::to_string(portno).c_str());
-  sf::setSharedPort(shared, bound);
-  sf::Port taken = sf::bindSharedPort(shared);
-  std::thread([taken] {
-    sf::TclReader r;
-    r.run(taken, "enQ quiesce-q", nullptr);
-    for (;;) pf::sleep_ms(100000);
-  }).detach();
-  echoWorker("quiesce-q");
-
+  Service svc("quiesce-q", nullptr, true, true);
   std::atomic<bool> stop{false};
   std::thread client([&] {
-    pf::sock_t s = connectTo(portno);
-    while (!stop.load() && s != pf::kNoSock) {
-      if (!sendAll(s, "tick") || recvN(s, 4) != "tick") break;
+    pf::sock_t s = connectTo(svc.portno);
+    while (!stop.load() && s != pf::kNoSock && echoes(s, "tick")) {
     }
     pf::sock_close(s);
   });
@@ -295,7 +223,7 @@ TEST(Reader, QuiesceFromAScriptWhileClientsSendDoesNotDeadlock) {
   EXPECT_EQ(sf::eval("sf_quiesce"), "OK");
   stop = true;
   client.join();
-  EXPECT_EQ(taken.socketNo(), sf::INVALID_SOCK);
+  EXPECT_EQ(svc.port.socketNo(), sf::INVALID_SOCK);
   EXPECT_EQ(sf::getQ("quiesce-q")->size(), 0);
 }
 
@@ -321,33 +249,24 @@ class RefusingReader : public sf::TclReader {
  public:
   void acceptHook(sf::Connection& c) override { c.push(new Refusing); }
   void validate(sf::Message* msg, const void* target) override {
-    std::string text(msg->data->data, msg->data->size());
-    if (text == "boom") SF_THROW("validate", sf::Xproto());
+    if (std::string(msg->data->data, msg->data->size()) == "boom")
+      SF_THROW("validate", sf::Xproto());
     sf::TclReader::validate(msg, target);
   }
 };
 }  // namespace
 
 TEST(Reader, RejectsFromTheChainAndFromValidate) {
-  Service svc("reject-q", "enQ reject-q", new RefusingReader);
-  echoWorker("reject-q");
-  pf::sock_t keep = connectTo(svc.portno);
+  Service svc("reject-q", new RefusingReader);
+  pf::sock_t keep = connectTo(svc.portno), closed = connectTo(svc.portno),
+             boom = connectTo(svc.portno);
   ASSERT_TRUE(sendAll(keep, "quiet please"));
   EXPECT_EQ(recvN(keep, 3), "NO\n");  // answered, connection kept
-  ASSERT_TRUE(sendAll(keep, "fine"));
-  EXPECT_EQ(recvN(keep, 4), "fine");
-
-  pf::sock_t closed = connectTo(svc.portno);
+  EXPECT_TRUE(echoes(keep, "fine"));
   ASSERT_TRUE(sendAll(closed, "bad request"));
   EXPECT_EQ(recvN(closed, 100), "NO\n");  // the reply, then the end
-
-  pf::sock_t boom = connectTo(svc.portno);
   ASSERT_TRUE(sendAll(boom, "boom"));
   EXPECT_EQ(recvN(boom, 100), "");  // the default reject closes
-
-  ASSERT_TRUE(sendAll(keep, "still here"));
-  EXPECT_EQ(recvN(keep, 10), "still here");
-  pf::sock_close(keep);
-  pf::sock_close(closed);
-  pf::sock_close(boom);
+  EXPECT_TRUE(echoes(keep, "still here"));
+  for (pf::sock_t s : {keep, closed, boom}) pf::sock_close(s);
 }

@@ -1,8 +1,7 @@
-// Timers: firing order, cancellation against firing, periodic re-arming, the
-// script commands, and what happens when a queue refuses a due message.
+// Timers: firing order, cancellation racing firing, periodic re-arming, the
+// script commands, and due messages a queue refuses.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -18,8 +17,7 @@ namespace {
 
 std::atomic<int> g_destroyed{0};
 
-// Counts its own destruction, so a test can tell cancelled messages (deleted
-// by rmTimeout) from delivered ones.
+// Counts its own destruction: tells cancelled messages from delivered ones.
 struct Counted : sf::Message {
   int tag;
   explicit Counted(int t) : tag(t) {}
@@ -31,19 +29,15 @@ void setUp() {
   sf::initTimer();
 }
 
-TEST(Timer, TimeoutIdReadsTheWayCallersExpect) {
-  setUp();
-  sf::TimeoutId none;
-  EXPECT_TRUE(none.isNull());
-  EXPECT_FALSE(!none);  // operator! is true only for a live id
-  sf::MessageQ q(4, "tid");
-  sf::TimeoutId id = sf::mkTimeout_rel(3600, 0, &q, new sf::Message);
-  EXPECT_FALSE(id.isNull());
-  EXPECT_TRUE(!id);
-  sf::TimeoutId next = sf::mkTimeout_rel(3600, 0, &q, new sf::Message);
-  EXPECT_EQ(next.id, id.id + 1);
-  sf::rmTimeout(id);
-  sf::rmTimeout(next);
+int tagOf(sf::Message* m) {
+  int t = static_cast<Counted*>(m)->tag;
+  delete m;
+  return t;
+}
+
+void waitDestroyed(int n) {
+  for (int i = 0; i < 3000 && g_destroyed.load() < n; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
 TEST(Timer, ClockCarriesOnAcrossTheTickWrap) {
@@ -60,23 +54,17 @@ TEST(Timer, FiresInExpiryOrderAndEqualDelaysInMakingOrder) {
   setUp();
   sftest::LogCapture log(4);
   sf::MessageQ q(64, "order");
-  // Made latest-first: the list must sort them by expiry. (Delays are far
-  // apart, so that a slow machine making them cannot reorder them.)
+  // Made latest-first, far apart so a slow machine cannot reorder them.
   for (int i = 5; i >= 1; --i) sf::mkTimeout_rel(0, i * 150000, &q, new Counted(100 + i));
-  // Same delay, made one after the other: they fire in making order.
-  for (int i = 0; i < 10; ++i) sf::mkTimeout_rel(0, 900000, &q, new Counted(i));
-  // Zero delay still goes through the timer thread, and fires first.
-  sf::mkTimeout_rel(0, 0, &q, new Counted(-1));
-
+  for (int i = 0; i < 10; ++i) sf::mkTimeout_rel(0, 900000, &q, new Counted(i));  // same delay
+  sf::mkTimeout_rel(0, 0, &q, new Counted(-1));  // zero delay goes through the timer thread too
   std::vector<int> order;
   for (int i = 0; i < 16; ++i) {
     sf::Message* m = q.deQ();
     EXPECT_TRUE(m->isTimeout);
-    order.push_back(static_cast<Counted*>(m)->tag);
-    delete m;
+    order.push_back(tagOf(m));
   }
-  std::vector<int> expected{-1, 101, 102, 103, 104, 105, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
-  EXPECT_EQ(order, expected);
+  EXPECT_EQ(order, (std::vector<int>{-1, 101, 102, 103, 104, 105, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
   EXPECT_TRUE(log.contains("mkTimeout_gen(): inserted timeout"));
   EXPECT_TRUE(log.contains("appended timeout"));
   EXPECT_TRUE(log.contains("due, popping front of queue"));
@@ -85,17 +73,12 @@ TEST(Timer, FiresInExpiryOrderAndEqualDelaysInMakingOrder) {
 TEST(Timer, MicrosecondsAreNotCarriedIntoSeconds) {
   setUp();
   sf::MessageQ q(8, "carry");
-  // 0 s + 1 500 000 us stays in the current second's field: it compares as
-  // earlier than any later second, so it fires before a timer of 1 s + 0 us
-  // made after it. Carried, it would fire half a second after that one.
+  // 0 s + 1 500 000 us keeps the current second, so it fires before 1 s + 0 us
+  // made after it; carried, it would fire half a second later.
   sf::mkTimeout_rel(0, 1500000, &q, new Counted(1));
   sf::mkTimeout_rel(1, 0, &q, new Counted(2));
-  sf::Message* a = q.deQ();
-  sf::Message* b = q.deQ();
-  EXPECT_EQ(static_cast<Counted*>(a)->tag, 1);
-  EXPECT_EQ(static_cast<Counted*>(b)->tag, 2);
-  delete a;
-  delete b;
+  EXPECT_EQ(tagOf(q.deQ()), 1);
+  EXPECT_EQ(tagOf(q.deQ()), 2);
 }
 
 TEST(Timer, CancellingRacesFiringWithoutLosingOrDoublingAMessage) {
@@ -127,11 +110,9 @@ TEST(Timer, CancellingRacesFiringWithoutLosingOrDoublingAMessage) {
     });
   }
   for (auto& m : makers) m.join();
-  // Whatever was not cancelled is delivered; wait until every message is
-  // accounted for, one way or the other.
+  // Every message is either cancelled or delivered, once.
   const int total = threads * perThread;
-  for (int i = 0; i < 3000 && g_destroyed.load() < total; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  waitDestroyed(total);
   stop = true;
   q.enQ(nullptr);  // wake the consumer
   consumer.join();
@@ -145,7 +126,11 @@ TEST(Timer, RemovingAPendingTimerDeletesItsMessageAndAFiredOneIsLeftAlone) {
   g_destroyed = 0;
   sftest::LogCapture log(4);
   sf::MessageQ q(4, "rm");
+  sf::TimeoutId none;
+  EXPECT_TRUE(none.isNull());
+  EXPECT_FALSE(!none);  // operator! is true only for a live id
   sf::TimeoutId pending = sf::mkTimeout_rel(3600, 0, &q, new Counted(1));
+  EXPECT_TRUE(!pending);
   sf::rmTimeout(pending);
   EXPECT_EQ(g_destroyed.load(), 1);
   EXPECT_TRUE(log.contains("removed timeout " + std::to_string(pending.id)));
@@ -178,8 +163,7 @@ TEST(Timer, PeriodicTimerPostsTheSameMessageUnderNewIds) {
   EXPECT_TRUE(log.contains("rmTimeout " + std::to_string(first.id) + ", timeout not found"));
   EXPECT_EQ(q.deQ(), msg);  // and the timer goes on
 
-  // Each firing made the next id, so the live timer has the highest id
-  // given out so far. Cancel it; if it fires first, try the next one.
+  // The live timer has the highest id so far; if it fires first, try the next.
   g_destroyed = 0;
   std::uint32_t id = first.id + 1;
   for (;; ++id) {
@@ -190,8 +174,7 @@ TEST(Timer, PeriodicTimerPostsTheSameMessageUnderNewIds) {
     while (q.size() > 0) q.deQ();  // copies posted meanwhile
   }
   EXPECT_EQ(g_destroyed.load(), 1);
-  // Copies posted before the cancel point at the deleted message: drop them.
-  while (q.size() > 0) q.deQ();
+  while (q.size() > 0) q.deQ();  // copies pointing at the deleted message
 }
 
 TEST(Timer, RefusedDueMessageIsLoggedAndDeleted) {
@@ -203,8 +186,7 @@ TEST(Timer, RefusedDueMessageIsLoggedAndDeleted) {
   full.enQ(&occupant);
   sf::mkTimeout_rel(0, 0, &full, new Counted(1));
   sf::mkTimeout_rel(0, 0, nullptr, new Counted(2));
-  for (int i = 0; i < 500 && g_destroyed.load() < 2; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  waitDestroyed(2);
   EXPECT_EQ(g_destroyed.load(), 2);
   EXPECT_TRUE(log.contains("queue refusing refused message"));
   EXPECT_TRUE(log.contains("has no queue, message dropped"));
