@@ -62,33 +62,23 @@ class Script : public sf::Adaptor {
 }  // namespace
 
 TEST(TcpRecv, ThreeModes) {
-  {
-    Pair p;
-    p.send("abcd");
-    p.closeClient();
-    sf::Buffer b(0);
-    EXPECT_THROW(sf::tcp_recv(p.conn, b, sf::RecvExact, 10), sf::Xclosed);
-    EXPECT_EQ(text(b), "abcd");
-  }
-  {
-    Pair p;
-    sf::Buffer b(0);
-    b.append("x", 1);
-    p.send("hello");
-    sf::tcp_recv(p.conn, b, sf::RecvUptoNB, 100);
-    EXPECT_EQ(text(b), "xhello");  // earlier contents kept, one chunk only
-    EXPECT_THROW(sf::tcp_recv(p.conn, b, sf::RecvUptoNB, 0), sf::Xio);
-  }
-  {
-    Pair p;
-    std::string big(20000, 'z');
-    p.send(big);
-    p.send("end");
-    p.closeClient();
-    sf::Buffer b(0);
-    sf::tcp_recv(p.conn, b, sf::RecvTillEof, 0);
-    EXPECT_EQ(b.size(), big.size() + 3);
-  }
+  Pair exact, upto, tillEof;
+  sf::Buffer b1(0), b2(0), b3(0);
+  exact.send("abcd");
+  exact.closeClient();
+  EXPECT_THROW(sf::tcp_recv(exact.conn, b1, sf::RecvExact, 10), sf::Xclosed);
+  EXPECT_EQ(text(b1), "abcd");
+
+  b2.append("x", 1);
+  upto.send("hello");
+  sf::tcp_recv(upto.conn, b2, sf::RecvUptoNB, 100);
+  EXPECT_EQ(text(b2), "xhello");  // earlier contents kept, one chunk only
+  EXPECT_THROW(sf::tcp_recv(upto.conn, b2, sf::RecvUptoNB, 0), sf::Xio);
+
+  tillEof.send(std::string(20000, 'z') + "end");
+  tillEof.closeClient();
+  sf::tcp_recv(tillEof.conn, b3, sf::RecvTillEof, 0);
+  EXPECT_EQ(b3.size(), 20003u);
 }
 
 TEST(TcpRecv, SilentPeerTimesOutWithEvent) {

@@ -157,11 +157,11 @@ TEST(Connection, IoDumpRecordsEveryWriteEvenAnEmptyOne) {
   }
   pf::sock_close(client);
   std::string log = sftest::readFile(dir.path() / "io.log");
-  EXPECT_NE(log.find("send["), std::string::npos);
-  EXPECT_NE(log.find("] 0 bytes on 127.0.0.1+" + l.text), std::string::npos);
-  EXPECT_NE(log.find("] 7 bytes on 127.0.0.1+" + l.text), std::string::npos);
-  EXPECT_NE(log.find("payload\n"), std::string::npos);  // raw bytes with SF_IOLOG
-  EXPECT_NE(log.find("recv["), std::string::npos);
-  EXPECT_NE(log.find("] 2 bytes on 127.0.0.1+" + l.text + " from 127.0.0.1+"), std::string::npos);
+  for (const std::string& want :
+       {std::string("send["), "] 0 bytes on 127.0.0.1+" + l.text,
+        "] 7 bytes on 127.0.0.1+" + l.text,
+        std::string("payload\n"),  // raw bytes with SF_IOLOG
+        std::string("recv["), "] 2 bytes on 127.0.0.1+" + l.text + " from 127.0.0.1+"})
+    EXPECT_NE(log.find(want), std::string::npos) << want;
   unsetenv("SF_IOLOG");
 }
