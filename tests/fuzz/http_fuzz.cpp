@@ -22,18 +22,18 @@ class Feed : public sf::Adaptor {
   size_t segment = 1;
   size_t written = 0;
 
-  void readPdu(sf::Connection*, sf::Buffer& b) override {
-    if (left == 0) throw sf::Xclosed();
-    size_t n = std::min(left, segment);
+  void take(sf::Buffer& b, size_t n) {
+    n = std::min(left, n);
     b.append(p, n);
     p += n;
     left -= n;
   }
+  void readPdu(sf::Connection*, sf::Buffer& b) override {
+    if (left == 0) throw sf::Xclosed();
+    take(b, segment);
+  }
   void readTillEof(sf::Connection*, sf::Buffer& b, int n) override {
-    size_t take = n > 0 ? std::min(left, static_cast<size_t>(n)) : left;
-    b.append(p, take);
-    p += take;
-    left -= take;
+    take(b, n > 0 ? static_cast<size_t>(n) : left);
   }
   void write(sf::Connection*, const sf::Buffer& b) override { written += b.size(); }
 };

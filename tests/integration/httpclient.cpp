@@ -16,7 +16,7 @@ namespace {
 
 void usage() {
   fprintf(stderr,
-          "usage: sf_httpclient [-m GET|POST|HEAD|CHUNKED] [-d data] [-H header]... [-n count]\n"
+          "usage: sf_httpclient [-m GET|POST|HEAD|CHUNKED] [-d data] [-n count]\n"
           "                     [-p proxyhost proxyport] host port url\n");
   exit(2);
 }
@@ -37,13 +37,12 @@ void request(sf::Connection& c, sf::HttpAdaptor* http, const std::string& method
     http->requestHeader.url = url;
     http->requestHeader.headers = headers;
     size_t third = data.size() / 3;
-    sf::Buffer a, b, rest;
-    a.append(data.data(), third);
-    b.append(data.data() + third, third);
-    rest.append(data.data() + 2 * third, data.size() - 2 * third);
-    http->writePduFirst(&c, a);
-    http->writePduNext(&c, b);
-    http->writePduLast(&c, rest);
+    sf::Buffer parts[3];
+    for (size_t k = 0; k < 3; ++k)
+      parts[k].append(data.data() + k * third, k < 2 ? third : data.size() - 2 * third);
+    http->writePduFirst(&c, parts[0]);
+    http->writePduNext(&c, parts[1]);
+    http->writePduLast(&c, parts[2]);
   } else {
     usage();
   }
@@ -62,8 +61,6 @@ int main(int argc, char** argv) {
       method = argv[++i];
     } else if (o == "-d" && i + 1 < argc) {
       data = argv[++i];
-    } else if (o == "-H" && i + 1 < argc) {
-      headers.push_back(argv[++i]);
     } else if (o == "-n" && i + 1 < argc) {
       count = atoi(argv[++i]);
     } else if (o == "-p" && i + 2 < argc) {
@@ -77,11 +74,6 @@ int main(int argc, char** argv) {
   std::string host = argv[i], port = argv[i + 1], url = argv[i + 2];
 
   sf::sfi_tclCreate();
-  if (const char* level = getenv("SF_HTTPCLIENT_LOG")) {
-    sf::sfi_logToStderr();
-    sf::sfi_setLogLevel(atoi(level));
-    sf::g_logLevel.store(atoi(level));
-  }
   try {
     bool proxy = !proxyHost.empty();
     sf::PortAddr addr((proxy ? proxyHost : host).c_str(), (proxy ? proxyPort : port).c_str());
@@ -98,12 +90,10 @@ int main(int argc, char** argv) {
     for (int n = 0; n < count; ++n) {
       request(c, http, method, url, data, headers);
       sf::Buffer answer;
-      std::list<std::string> responseHeaders;
-      http->readMessage(&c, answer, &responseHeaders);
+      http->readMessage(&c, answer, nullptr);
       printf("status %d\nlength %zu\n", http->lastStatus, answer.size());
       fwrite(answer.data ? answer.data : "", 1, answer.size(), stdout);
-      printf("\n");
-      fflush(stdout);
+      puts("");
     }
   } catch (sf::X& x) {
     printf("error %s\n", x.str().c_str());

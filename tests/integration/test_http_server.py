@@ -75,8 +75,8 @@ class HttpServer(unittest.TestCase):
             return recv_all(s, timeout)
 
     def curl(self, *args):
-        out = subprocess.run(["curl", "-s", "-S", "--max-time", "20"] + list(args),
-                             capture_output=True, timeout=30)
+        out = subprocess.run(["curl", "-sS", "--max-time", "20", *args], capture_output=True,
+                             timeout=30)
         self.assertEqual(out.returncode, 0, out.stderr)
         return out.stdout
 
@@ -88,20 +88,18 @@ class HttpServer(unittest.TestCase):
         self.assertEqual(self.curl("-H", "Transfer-Encoding: chunked", "--data-binary", big,
                                    url + "/c"), big.encode())
         head = self.curl("-I", url + "/head")
-        self.assertTrue(head.startswith(b"HTTP/1.1 200 OK\r\n"), head)
-        self.assertIn(b"Server: sf-test\r\n", head)
+        self.assertTrue(head.startswith(b"HTTP/1.1 200 OK\r\n") and b"Server: sf-test\r\n" in head,
+                        head)
         # keep-alive across requests: curl reuses one connection for both URLs
         out = subprocess.run(["curl", "-s", "-v", url + "/one", url + "/two"],
                              capture_output=True, timeout=30)
         self.assertEqual(out.stdout, b"/one/two")
         self.assertIn(b"Re-using existing connection", out.stderr)
-        self.assertEqual(self.curl("--http1.0", url + "/old"), b"/old")
 
     def test_http_client_keepalive_and_close(self):
         c = http.client.HTTPConnection("127.0.0.1", self.port, timeout=10)
         c.request("GET", "/a")
-        r = c.getresponse()
-        self.assertEqual((r.status, r.read()), (200, b"/a"))
+        self.assertEqual(c.getresponse().read(), b"/a")
         sock = c.sock
         c.request("POST", "/b", body=b"x" * 1000, headers={"Content-Type": "text/plain"})
         self.assertEqual(c.getresponse().read(), b"x" * 1000)
@@ -110,10 +108,9 @@ class HttpServer(unittest.TestCase):
         self.assertIs(c.sock, sock)  # all on one connection
         c.request("GET", "/last", headers={"Connection": "close"})
         r = c.getresponse()
-        self.assertEqual(r.getheader("Connection"), "Close")
-        self.assertEqual(r.read(), b"/last")
+        self.assertEqual((r.getheader("Connection"), r.read()), ("Close", b"/last"))
         c.close()
-        # the server closes after a request that asked for it
+        # the server closes after a request that asked for it (raw() reads to the close)
         data = self.raw(b"GET /bye HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
         self.assertTrue(data.endswith(b"\r\n\r\n/bye"), data)
 
@@ -134,8 +131,7 @@ class HttpServer(unittest.TestCase):
 
     def test_old_versions(self):
         data = self.raw(b"GET /ten HTTP/1.0\r\n\r\n")  # closed after the reply
-        self.assertTrue(data.startswith(b"HTTP/1.1 200 OK\r\n"), data)
-        self.assertTrue(data.endswith(b"/ten"))
+        self.assertTrue(data.startswith(b"HTTP/1.1 200 OK\r\n") and data.endswith(b"/ten"), data)
         self.assertEqual(self.raw(b"GET /nine\r\n"), b"/nine")  # the body alone
 
     def test_malformed_requests(self):

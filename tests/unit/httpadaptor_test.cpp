@@ -354,14 +354,6 @@ TEST_F(Http, RepliesAndRejects) {
             "Server: Quindel\r\nContent-Type: Application/Binary\r\n\r\nbusy");
   EXPECT_TRUE(r.closed());
 
-  // A reader's reject payload carries the status digits.
-  Peer q(false);
-  Buffer payload;
-  payload.append("413");
-  q.http->reject(&q.conn, payload);
-  EXPECT_EQ(q.mem->written.substr(0, 40), "HTTP/1.1 413 Request Entity Too Large\r\nC");
-  EXPECT_TRUE(q.closed());
-
   // Stuffed headers: an exact "Content-Type:" replaces the configured type;
   // another spelling does not.
   auto stuffed = [](std::list<std::string> stuff) {
