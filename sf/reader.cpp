@@ -142,6 +142,13 @@ static void serve(Reader* self, i_Port* p, PortLock& held, Connection c, const c
 
     ull fd = static_cast<ull>(c.socketNo());
     SF_LOG(5, "reader reading on ready %llu", fd);
+    auto disconnect = [&] {
+      held.lock();
+      tcp_close(c);
+      hold.release();
+      held.unlock();
+      setContext(nullptr);
+    };
     try {
       c.read(*buf);
     } catch (Xreject& x) {
@@ -152,19 +159,11 @@ static void serve(Reader* self, i_Port* p, PortLock& held, Connection c, const c
       return;
     } catch (const Xclosed&) {
       SF_LOG(5, "reader: connection closed detected");
-      held.lock();
-      tcp_close(c);
-      hold.release();
-      held.unlock();
-      setContext(nullptr);
+      disconnect();
       return;
     } catch (...) {
       SF_LOG(1, "reader: caught exception during read...disconnecting");
-      held.lock();
-      tcp_close(c);
-      hold.release();
-      held.unlock();
-      setContext(nullptr);
+      disconnect();
       return;
     }
 

@@ -5,12 +5,20 @@
 #include <random>
 #include <sstream>
 
+#include "sf/detail/commands.h"
 #include "sf/sflib.h"
 
 namespace sftest {
 
 void ensureInterp() {
   sf::sfi_tclCreate();
+}
+
+void ensureCommands() {
+  static bool done = false;
+  ensureInterp();
+  if (!done) sf::sfi_registerCommands();
+  done = true;
 }
 
 TempDir::TempDir() {

@@ -10,6 +10,8 @@ namespace sftest {
 
 // Creates the process's interpreter once (without the site script).
 void ensureInterp();
+// ensureInterp(), and the library's script commands registered once.
+void ensureCommands();
 
 // A fresh directory under the system's temporary directory, removed with
 // everything in it when the object goes.

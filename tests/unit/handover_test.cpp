@@ -15,10 +15,7 @@ namespace pf = sf::platform;
 namespace {
 
 void setUp() {
-  static bool done = false;
-  sftest::ensureInterp();
-  if (!done) sf::sfi_registerCommands();
-  done = true;
+  sftest::ensureCommands();
 }
 
 struct Pipe {

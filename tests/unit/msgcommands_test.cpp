@@ -8,17 +8,13 @@
 #include <string>
 #include <thread>
 
-#include "sf/detail/commands.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
 
 namespace {
 
 void setUp() {
-  static bool done = false;
-  sftest::ensureInterp();
-  if (!done) sf::sfi_registerCommands();
-  done = true;
+  sftest::ensureCommands();
 }
 
 TEST(QueueCommands, MakeQueueAndForwardTheCurrentMessage) {
