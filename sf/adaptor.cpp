@@ -61,6 +61,8 @@ bool Adaptor::hasBufferedData() const {
   return next && next->hasBufferedData();
 }
 
+Framing Adaptor::frame(Connection*, const char*, size_t) { return Framing::Unknown; }
+
 void Adaptor::closing(Connection* c) {
   if (next) next->closing(c);
 }

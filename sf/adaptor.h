@@ -16,6 +16,15 @@ namespace sf {
 
 struct Buffer;
 
+// What the framing step says about the bytes that have arrived on a
+// connection and that no readPdu has consumed yet.
+enum class Framing {
+  Unknown,  // this adaptor cannot tell: the reader falls back to a blocking readPdu
+  Header,   // more bytes are needed; the message's header block is not complete
+  Body,     // more bytes are needed; the header block is complete, the body is not
+  Whole,    // a whole message is buffered: readPdu will not wait for the peer
+};
+
 class Adaptor {
  public:
   // Owns next: destroying an adaptor destroys the chain below it.
@@ -43,6 +52,13 @@ class Adaptor {
   virtual void pushback(const void* data, size_t len);
   // Bytes read but not yet delivered, anywhere below.
   virtual bool hasBufferedData() const;
+  // The framing step, asked by the reader before it calls readPdu. data and
+  // len are the bytes that have arrived on c and that no readPdu has consumed,
+  // starting at the first byte of the next message; between two readPdu calls
+  // later calls only see more bytes appended, so an adaptor may keep state and
+  // look at each byte once. Throws an X for a message that must be refused,
+  // as readPdu would. The base answers Unknown.
+  virtual Framing frame(Connection* c, const char* data, size_t len);
   // Once, when the last handle of the connection goes; forwards to next.
   virtual void closing(Connection* c);
   // Sends buf with write().
