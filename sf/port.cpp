@@ -201,6 +201,11 @@ std::mutex& sharesLock() {
   static auto* lock = new std::mutex;
   return *lock;
 }
+// Ports swept from the table, kept until the process ends.
+std::vector<i_Port*>& retired() {
+  static auto* ports = new std::vector<i_Port*>;
+  return *ports;
+}
 }  // namespace
 
 void setSharedPort(const PortAddr& addr, const Port& port) {
@@ -256,6 +261,7 @@ void sfi_closeUnusedSharedPorts() {
         ++it;
       } else {
         unused.push_back(it->second.port);
+        retired().push_back(it->second.port);
         it = table.erase(it);
       }
     }
