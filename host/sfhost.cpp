@@ -71,9 +71,14 @@ bool startScriptFound() {
          fs::is_regular_file(fs::path(sf::sfi_rootDir()) / "etc" / "start.tcl", ec);
 }
 
-// Xtcl's text carries the Tcl error and where it happened.
+// Xtcl's text carries the Tcl error and where it happened; a bad setting is
+// said in one line of its own.
 void reportScriptFailure(const char* what, const sf::X& x) {
-  fprintf(stderr, "sfhost: %s failed: %s\n", what, x.str().c_str());
+  const sf::Xtcl* tcl = dynamic_cast<const sf::Xtcl*>(&x);
+  if (tcl && tcl->errorCode == "SF CONFIG")
+    fprintf(stderr, "sfhost: bad configuration: %s\n", tcl->errorInfo.c_str());
+  else
+    fprintf(stderr, "sfhost: %s failed: %s\n", what, x.str().c_str());
 }
 
 [[noreturn]] void leave(int status) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "sf/detail/commands.h"
+#include "sf/detail/configcheck.h"
 #include "sf/detail/httpcommands.h"
 #include "sf/detail/eventsettings.h"
 #include "sf/events.h"
@@ -152,6 +153,7 @@ void init(int& argc, const char** argv) {
   }
 
   initTcl(argc, argv);
+  sfi_checkConfiguration();
 
   int attached = sfi_attachStats();
 

@@ -15,5 +15,8 @@ std::string current_directory();
 // True when path names an existing directory.
 bool is_directory(const std::string& path);
 
+// True when this process may create files in the directory path.
+bool is_writable(const std::string& path);
+
 }  // namespace platform
 }  // namespace sf
