@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -22,10 +23,10 @@ namespace sf {
 namespace {
 
 enum class Kind {
-  Integer,    // an integer in [min, max]
-  HeaderText, // text sent in HTTP headers: no control characters
-  FileName,   // a plain file name: not empty, no '/'
-  Directory,  // an existing directory the process can write into
+  Integer,     // an integer in [min, max]
+  HeaderText,  // text sent in HTTP headers: no control characters
+  FileName,    // a plain file name: not empty, no '/'
+  Directory,   // an existing directory the process can write into
 };
 
 struct Key {
@@ -100,13 +101,32 @@ bool hasControlCharacter(const std::string& text) {
   return false;
 }
 
+// The value as the message shows it: control characters as \r, \n, \xNN,
+// so that the message stays one line.
+std::string printable(const std::string& value) {
+  std::string out;
+  for (unsigned char c : value) {
+    if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c < 0x20 || c == 0x7f) {
+      char hex[8];
+      snprintf(hex, sizeof hex, "\\x%02x", c);
+      out += hex;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
 // What a value of kind must look like, for the message.
 std::string allowed(const Key& key) {
   switch (key.kind) {
     case Kind::Integer:
       if (key.min == INT_MIN) return "a decimal integer up to " + std::to_string(key.max);
-      return "a decimal integer from " + std::to_string(key.min) + " to " +
-             std::to_string(key.max);
+      return "a decimal integer from " + std::to_string(key.min) + " to " + std::to_string(key.max);
     case Kind::HeaderText:
       return "text without control characters (no CR, LF or NUL)";
     case Kind::FileName:
@@ -143,7 +163,8 @@ void sfi_checkConfiguration() {
     if (value == kUnset || acceptable(key, value)) continue;
     Xtcl bad;
     bad.errorCode = "SF CONFIG";
-    bad.errorInfo = std::string(key.name) + " is \"" + value + "\"; allowed: " + allowed(key);
+    bad.errorInfo =
+        std::string(key.name) + " is \"" + printable(value) + "\"; allowed: " + allowed(key);
     SF_LOG(1, "configuration: %s", bad.errorInfo.c_str());
     SF_THROW("config", bad);
   }

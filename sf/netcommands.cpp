@@ -22,9 +22,25 @@
 
 namespace sf {
 
+namespace {
+// A listening port the operator names must be one: the address itself reads
+// the text as C's atoi does, so "70000" or "abc" would listen elsewhere.
+bool isPortNumber(const char* text) {
+  size_t n = strlen(text);
+  if (n == 0 || n > 5 || strspn(text, "0123456789") != n || text[0] == '0') return false;
+  return atoi(text) <= 65535;
+}
+}  // namespace
+
 // bind addrA addrB ?-idletimeout seconds? ?acceptAction?
 int sfi_cmd_bind(int argc, const char** argv) {
   if (argc < 3) return 1;
+  if (!isPortNumber(argv[2])) {
+    std::string why = std::string("bind: port \"") + argv[2] + "\" is not a number from 1 to 65535";
+    SF_LOG(1, "%s", why.c_str());
+    setRes(why.c_str());
+    return 1;
+  }
   PortAddr addr(argv[1], argv[2]);
   Port port;
   try {
@@ -63,10 +79,14 @@ namespace {
 std::atomic<bool> g_quiesced{false};
 }  // namespace
 
-bool sfi_quiescedByScript() { return g_quiesced.load(); }
+bool sfi_quiescedByScript() {
+  return g_quiesced.load();
+}
 
 namespace {
-void markQuiesced() { g_quiesced.store(true); }
+void markQuiesced() {
+  g_quiesced.store(true);
+}
 }  // namespace
 
 // sf_quiesce: shuts the library down. Inside an evaluation (the usual case)

@@ -152,9 +152,13 @@ bool sfi_tclInitLibrary() {
   return Tcl_Init(g_interp) == TCL_OK;
 }
 
-bool sfi_tclReady() { return g_interp != nullptr; }
+bool sfi_tclReady() {
+  return g_interp != nullptr;
+}
 
-bool sfi_tclHeldByCaller() { return g_tclLock && g_tclLock->ownedByCaller(); }
+bool sfi_tclHeldByCaller() {
+  return g_tclLock && g_tclLock->ownedByCaller();
+}
 
 void sfi_tclThreadDone() {
   if (!g_interp) return;
@@ -164,15 +168,21 @@ void sfi_tclThreadDone() {
   Tcl_FinalizeThread();
 }
 
-Mx& sfi_tclLock() { return *g_tclLock; }
+Mx& sfi_tclLock() {
+  return *g_tclLock;
+}
 
 void sfi_setDirectories(const std::string& datadir, const std::string& rootdir) {
   g_dataDir = datadir;
   g_rootDir = rootdir;
 }
 
-const std::string& sfi_dataDir() { return g_dataDir; }
-const std::string& sfi_rootDir() { return g_rootDir; }
+const std::string& sfi_dataDir() {
+  return g_dataDir;
+}
+const std::string& sfi_rootDir() {
+  return g_rootDir;
+}
 
 void exportProc(const char* name, TclProc proc) {
   // Threads started by the configuration may already be evaluating.

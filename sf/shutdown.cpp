@@ -69,6 +69,8 @@ void sfi_shutdown(void (*then)()) {
   if (then) then();
 }
 
-void shutdown() { sfi_shutdown(nullptr); }
+void shutdown() {
+  sfi_shutdown(nullptr);
+}
 
 }  // namespace sf

@@ -146,7 +146,7 @@ class SfhostTest(unittest.TestCase):
         site.write("etc/config.tcl", "set sf.log.filemax big\n")
         r = site.run()
         self.assertEqual(r.returncode, 2)
-        self.assertIn('expected integer but got "big"', r.stderr)
+        self.assertIn('bad configuration: sf.log.filemax is "big"', r.stderr)
         self.assertIn("sf.log", r.stderr)
 
         r = site.run(env=dict(site.env, SFROOTDIR=site.path("nowhere")))

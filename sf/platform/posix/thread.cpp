@@ -44,7 +44,9 @@ std::uint32_t thread_id() {
   return id;
 }
 
-std::uint32_t process_id() { return static_cast<std::uint32_t>(getpid()); }
+std::uint32_t process_id() {
+  return static_cast<std::uint32_t>(getpid());
+}
 
 void sleep_ms(std::uint32_t ms) {
   timespec ts{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
@@ -62,7 +64,9 @@ void sleep_ms(std::uint32_t ms) {
 
 #ifdef SF_SANITIZER_RUNTIME
 extern "C" void __sanitizer_print_stack_trace();
-void print_stack_trace() { __sanitizer_print_stack_trace(); }
+void print_stack_trace() {
+  __sanitizer_print_stack_trace();
+}
 #else
 void print_stack_trace() {
   void* frames[64];
@@ -71,7 +75,9 @@ void print_stack_trace() {
 }
 #endif
 
-void exit_now(int status) { _exit(status); }
+void exit_now(int status) {
+  _exit(status);
+}
 
 }  // namespace platform
 }  // namespace sf
