@@ -176,12 +176,18 @@ void MessageQ::waitForEmptyQueues(void*) {
   for (auto& entry : queues) {
     QueueState* s = entry.second->q;
     SF_LOG(2, "quiesce: waiting for queue %s to empty", s->name.c_str());
-    platform::mutex_lock(s->mx);
-    bool empty = s->head == s->tail;
-    release(s->mx);
     // The emptying deQ signals the event even if nobody waits yet, so a
     // queue that empties between the check and the wait still releases us.
-    if (!empty) platform::event_wait(s->emptied);
+    // The event releases one waiter only: when two stops wait at once (a
+    // script's and a signal's), the other one sees the empty ring at its
+    // next look.
+    for (;;) {
+      platform::mutex_lock(s->mx);
+      bool empty = s->head == s->tail;
+      release(s->mx);
+      if (empty) break;
+      platform::event_wait_ms(s->emptied, 200);
+    }
   }
 }
 
