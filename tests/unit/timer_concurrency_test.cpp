@@ -52,7 +52,6 @@ TEST(Timer, ClockCarriesOnAcrossTheTickWrap) {
 
 TEST(Timer, FiresInExpiryOrderAndEqualDelaysInMakingOrder) {
   setUp();
-  sftest::LogCapture log(4);
   sf::MessageQ q(64, "order");
   // Made latest-first, far apart so a slow machine cannot reorder them.
   for (int i = 5; i >= 1; --i) sf::mkTimeout_rel(0, i * 150000, &q, new Counted(100 + i));
@@ -65,9 +64,6 @@ TEST(Timer, FiresInExpiryOrderAndEqualDelaysInMakingOrder) {
     order.push_back(tagOf(m));
   }
   EXPECT_EQ(order, (std::vector<int>{-1, 101, 102, 103, 104, 105, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
-  EXPECT_TRUE(log.contains("mkTimeout_gen(): inserted timeout"));
-  EXPECT_TRUE(log.contains("appended timeout"));
-  EXPECT_TRUE(log.contains("due, popping front of queue"));
 }
 
 TEST(Timer, MicrosecondsAreNotCarriedIntoSeconds) {
