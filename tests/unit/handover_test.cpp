@@ -124,3 +124,29 @@ TEST(NetCommands, BindOptionsAndArgumentCounts) {
   sf::setContext(nullptr);
   EXPECT_EQ(sf::sfi_cmd_sf_echo(1, echoArgs), -1);  // no current message
 }
+
+TEST(Ports, RestartAfterOwnClosesButNeverBesideAListener) {
+  setUp();
+  // A server that closed a connection itself leaves it in TIME_WAIT on the
+  // port; a restart must bind the port again at once.
+  sf::Port first = sf::bindPort(sf::PortAddr("127.0.0.1", "0"));
+  const std::string port = std::to_string(pf::bound_port(first.socketNo()));
+  char addr[pf::kIpv4AddrLen];
+  pf::make_ipv4_addr("127.0.0.1", pf::bound_port(first.socketNo()), addr);
+  pf::sock_t client = pf::sock_stream(pf::family_ipv4());
+  ASSERT_EQ(pf::sock_connect(client, addr, pf::kIpv4AddrLen), 0);
+  {
+    sf::Connection served = sf::tcp_accept(first);
+    sf::tcp_close(served);
+  }
+  pf::sock_close(client);
+  delete first.p;
+  const sf::PortAddr same("127.0.0.1", port.c_str());
+  sf::Port again = sf::bindPort(same);
+
+  // While it listens, the port cannot be bound a second time.
+  sftest::LogCapture log(0);
+  EXPECT_THROW(sf::bindPort(same), sf::Xio);
+  EXPECT_TRUE(log.contains("02_sf_bind_s"));
+  delete again.p;
+}
