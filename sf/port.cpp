@@ -8,6 +8,7 @@
 
 #include "sf/detail/net.h"
 #include "sf/events.h"
+#include "sf/platform/syserr.h"
 #include "sf/platform/thread.h"
 #include "sf/sferr.h"
 #include "sf/sflib.h"
@@ -107,45 +108,72 @@ size_t Port::connectionCount() const {
 
 // ---- binding ----
 
-// One bind with SO_REUSEADDR both proves that nobody else holds the port and
-// lets a restart take it at once: on Linux such a bind still fails while
-// another socket listens on the port, but not over connections this server
-// closed itself (TIME_WAIT), which a bind without it refuses for a minute.
-socket_t bindUserSock(const PortAddr& addr) {
+namespace {
+
+// Whether a socket with SO_REUSEADDR could bind addr. On Linux such a bind
+// fails while another socket listens on the port, but not over connections
+// that a previous server closed itself (TIME_WAIT). Leaves the system error
+// as it found it.
+bool onlyLeftoversHold(const PortAddr& addr) {
+  const int error = platform::last_error();
   socket_t s = platform::sock_stream(addr.addr->family());
-  if (s == INVALID_SOCK) SF_THROW("bindUserSock", Xsys("socket"));
-  int reuseaddr = 1;
-  SF_LOG(4, "binding with SO_REUSEADDR set to %d", reuseaddr);
-  if (platform::set_reuseaddr(s, reuseaddr) != 0) {
-    SF_SYSFAIL(-1, "setsockopt(s, SOL_SOCKET, SO_REUSEADDR, (char*)&reuseaddr, sizeof reuseaddr)");
-    platform::sock_close(s);
-    SF_THROW("bindUserSock", Xio());
-  }
-  if (addr.linger > 0 && platform::set_linger(s, 1, addr.linger) != 0) {
-    SF_SYSFAIL(-1, "setsockopt(s, SOL_SOCKET, SO_LINGER, (char*)&ling, sizeof(ling))");
-    platform::sock_close(s);
-    SF_THROW("bindUserSock", Xio());
-  }
-  if (addr.nic().compare(0, 6, "/local") != 0 && platform::set_nodelay(s, 1) != 0) {
-    SF_SYSFAIL(-1, "setsockopt(s,6,TCP_NODELAY,(char*)&status, sizeof status)");
-    platform::sock_close(s);
-    SF_THROW("bindUserSock", Xio());
-  }
-  if (platform::sock_bind(s, addr.addr->addr(), addr.addr->addrlen()) != 0) {
-    SF_SYSFAIL(-1, "bind(s, addr.addr->addr(), addr.addr->addrlen())");
-    platform::sock_close(s);
-    SF_THROW("bindUserSock", Xio());
-  }
-  int sndbuf = getVarInt("sf.socksndbufsize", -1);
-  if (sndbuf != -1) {
-    SF_LOG(4, "setting socket sndbuf to %d", sndbuf);
-    platform::set_sndbuf(s, sndbuf);
-    int got = -1;
-    platform::get_sndbuf(s, &got);
-    if (got != sndbuf)
-      SF_LOG(4,
-             "setsockopt for SO_SNDBUF did not succeed - value is still %d and not %d as requested",
-             got, sndbuf);
+  bool free = s != INVALID_SOCK && platform::set_reuseaddr(s, 1) == 0 &&
+              platform::sock_bind(s, addr.addr->addr(), addr.addr->addrlen()) == 0;
+  if (s != INVALID_SOCK) platform::sock_close(s);
+  platform::set_last_error(error);
+  return free;
+}
+
+}  // namespace
+
+// The socket is bound twice on purpose: the first pass, without address
+// reuse, proves that nobody else holds the port; the socket kept is a second
+// one bound with SO_REUSEADDR, so that a restart finds the port free at once.
+// A first pass refused only because of the previous server's closed
+// connections (a bind without reuse refuses those for a minute) is proof
+// enough.
+socket_t bindUserSock(const PortAddr& addr) {
+  socket_t s = INVALID_SOCK;
+  for (int pass = 0; pass < 2; ++pass) {
+    if (s != INVALID_SOCK) platform::sock_close(s);
+    s = platform::sock_stream(addr.addr->family());
+    if (s == INVALID_SOCK) SF_THROW("bindUserSock", Xsys("socket"));
+    SF_LOG(4, "binding with SO_REUSEADDR set to %d", pass);
+    int reuseaddr = pass;
+    if (platform::set_reuseaddr(s, reuseaddr) != 0) {
+      SF_SYSFAIL(-1,
+                 "setsockopt(s, SOL_SOCKET, SO_REUSEADDR, (char*)&reuseaddr, sizeof reuseaddr)");
+      platform::sock_close(s);
+      SF_THROW("bindUserSock", Xio());
+    }
+    if (addr.linger > 0 && platform::set_linger(s, 1, addr.linger) != 0) {
+      SF_SYSFAIL(-1, "setsockopt(s, SOL_SOCKET, SO_LINGER, (char*)&ling, sizeof(ling))");
+      platform::sock_close(s);
+      SF_THROW("bindUserSock", Xio());
+    }
+    if (addr.nic().compare(0, 6, "/local") != 0 && platform::set_nodelay(s, 1) != 0) {
+      SF_SYSFAIL(-1, "setsockopt(s,6,TCP_NODELAY,(char*)&status, sizeof status)");
+      platform::sock_close(s);
+      SF_THROW("bindUserSock", Xio());
+    }
+    if (platform::sock_bind(s, addr.addr->addr(), addr.addr->addrlen()) != 0) {
+      if (pass == 0 && onlyLeftoversHold(addr)) continue;
+      SF_SYSFAIL(-1, "bind(s, addr.addr->addr(), addr.addr->addrlen())");
+      platform::sock_close(s);
+      SF_THROW("bindUserSock", Xio());
+    }
+    int sndbuf = getVarInt("sf.socksndbufsize", -1);
+    if (sndbuf != -1) {
+      SF_LOG(4, "setting socket sndbuf to %d", sndbuf);
+      platform::set_sndbuf(s, sndbuf);
+      int got = -1;
+      platform::get_sndbuf(s, &got);
+      if (got != sndbuf)
+        SF_LOG(
+            4,
+            "setsockopt for SO_SNDBUF did not succeed - value is still %d and not %d as requested",
+            got, sndbuf);
+    }
   }
   return s;
 }
