@@ -9,7 +9,6 @@
 #include "sf/detail/net.h"
 #include "sf/events.h"
 #include "sf/platform/syserr.h"
-#include "sf/platform/thread.h"
 #include "sf/sferr.h"
 #include "sf/sflib.h"
 #include "sf/tcl.h"
@@ -76,8 +75,15 @@ i_Port::~i_Port() {
   // connections, the event and the lock go with the members.
 }
 
-void i_Port::wake() {
-  if (readerThread.load() != platform::thread_id()) wakeup.notify();
+ReaderMailbox* i_Port::newMailbox() {
+  MxLock guard(lock);
+  mailboxes.emplace_back();
+  return &mailboxes.back();
+}
+
+void i_Port::wakeAll() {
+  MxLock guard(lock);
+  for (ReaderMailbox& m : mailboxes) m.wake();
 }
 
 // Neither setter takes the port lock: scripts call them holding the
@@ -102,8 +108,7 @@ std::string Port::name() const {
 
 size_t Port::connectionCount() const {
   if (!p) return 0;
-  MxLock guard(p->lock);
-  return p->connections.size();
+  return p->open.load();
 }
 
 // ---- binding ----
