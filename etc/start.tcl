@@ -15,9 +15,13 @@ set site.http.port 8080
 if {[info exists env(SF_HTTP_PORT)] && $env(SF_HTTP_PORT) ne ""} {
   set site.http.port $env(SF_HTTP_PORT)
 }
+if {![regexp {^[1-9][0-9]{0,4}$} ${site.http.port}] || ${site.http.port} > 65535} {
+  error "SF_HTTP_PORT is \"${site.http.port}\"; allowed: a port number from 1 to 65535"
+}
 # A port that is taken already leaves the site up without the service.
 if {[catch {bind 127.0.0.1 ${site.http.port}} problem]} {
   sf_log 1 "HTTP echo service not started: 127.0.0.1:${site.http.port}: $problem"
+  set site.serves "no HTTP echo (127.0.0.1:${site.http.port}: $problem)"
 } else {
   # Each connection has at most one request waiting, so the queue has room
   # for as many connections as a busy client brings (other queues keep
@@ -30,4 +34,8 @@ if {[catch {bind 127.0.0.1 ${site.http.port}} problem]} {
   spinThread dummyWorker http sf_echo
   spinThread dummyWorker http sf_echo
   sf_log 1 "HTTP echo service on 127.0.0.1:${site.http.port}"
+  set site.serves "HTTP echo on http://127.0.0.1:${site.http.port}/"
 }
+# One line for whoever started the site: what it serves and where it logs.
+puts stderr "${site.serves} - log in [file join ${sf.log.dir} ${sf.log.filename}.log]\
+  - Ctrl-C stops"

@@ -112,14 +112,11 @@ void handle(sf::Worker& w, sf::Message* m) {
 }
 
 TEST(Message, EnvironmentSessionIdAndOwnership) {
-  sftest::LogCapture log(8);
   sf::Message m;
   EXPECT_EQ(m.getenv("HttpRequestURL"), "");
-  EXPECT_TRUE(log.contains("getenv HttpRequestURL = "));
   m.setenv("k", "one");
   m.setenv("k", "two");
   EXPECT_EQ(m.getenv("k"), "two");
-  EXPECT_TRUE(log.contains("setenv k = two"));
 
   // Copies are shallow: they share the buffer and the environment.
   m.data = new sf::Buffer;
@@ -228,7 +225,6 @@ TEST(Worker, FailuresBecomeDefaultRejects) {
   handle(plain, peer.message());
   EXPECT_EQ(peer.calls.defaultRejects, 1);
   EXPECT_TRUE(peer.calls.written.empty());
-  EXPECT_TRUE(log.contains("exception processMsg:Xstate() thrown at"));
   EXPECT_TRUE(log.contains("worker: sf exception during processing, rejecting - 2-1"));
   EXPECT_FALSE(peer.conn.isReserved());
   EXPECT_EQ(g_destroyed.load(), 1);
