@@ -4,7 +4,10 @@
 //   sfi_pipeEnv, sfload, sf_quiesce, sf_ping, sf_dump, sfThreadId, sf_event,
 //   sf_log, status
 // Each module adds its commands here, in their place, when it lands.
+#include <string>
+
 #include "sf/detail/commands.h"
+#include "sf/log.h"
 #include "sf/tcl.h"
 
 namespace sf {
@@ -44,6 +47,16 @@ const Command kCommands[] = {
 
 void sfi_registerCommands() {
   for (const Command* c = kCommands; c->name; ++c) exportProc(c->name, c->proc);
+}
+
+bool sfi_refuseInsideEvaluation(const char* command) {
+  if (!sfi_tclHeldByCaller()) return false;
+  std::string why = std::string(command) +
+                    " never returns: start it in a thread of its own (spinThread " + command +
+                    " ...), not from inside a script";
+  SF_LOG(1, "%s", why.c_str());
+  setRes(why.c_str());
+  return true;
 }
 
 }  // namespace sf

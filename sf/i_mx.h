@@ -31,10 +31,8 @@ class Mx {
   // Releases one level; a release by a non-owner is fatal.
   void unlock();
 
-  // Releases every level the calling thread holds and returns the count, so
-  // that it can wait for threads that need this lock; relock(n) takes it back.
-  int releaseAll();
-  void relock(int depth);
+  // True when the calling thread holds this lock.
+  bool ownedByCaller() const;
 
   // Guards the library's lazy one-time initialisations; created by sf::init.
   static Mx* g_initLock;

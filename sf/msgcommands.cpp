@@ -132,10 +132,8 @@ int sfi_cmd_sfenv(int argc, const char** argv) {
 
 int sfi_cmd_dummyWorker(int argc, const char** argv) {
   if (argc < 2) return -1;
+  if (sfi_refuseInsideEvaluation("dummyWorker")) return 1;
   DummyWorker worker(argv[1], argc > 2 ? argv[2] : nullptr);
-  // This thread now serves the queue for good. Called from a script it holds
-  // the interpreter lock, which it must not keep for ever.
-  if (sfi_tclReady()) sfi_tclLock().releaseAll();
   worker.run();
 }
 

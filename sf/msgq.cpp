@@ -16,6 +16,7 @@
 #include "sf/runtime.h"
 #include "sf/sferr.h"
 #include "sf/tcl.h"
+#include "sf/worker.h"
 
 namespace sf {
 
@@ -165,18 +166,13 @@ Message* MessageQ::deQ() {
   return msg;
 }
 
-void MessageQ::quiesceAll() {
-  SF_LOG(4, "quiesceAll - about to clean up Q's.");
-  g_quiescing.store(true);
-
+// Waits until every queue has been emptied once quiescing started.
+void MessageQ::waitForEmptyQueues(void*) {
   std::map<std::string, MessageQ*> queues;
   {
     std::lock_guard<std::mutex> guard(registryLock());
     queues = registry();
   }
-  // Consumers may need the interpreter (a worker evaluating a script) to
-  // drain their queue; a caller running inside a script command holds it.
-  int tclDepth = sfi_tclReady() ? sfi_tclLock().releaseAll() : 0;
   for (auto& entry : queues) {
     QueueState* s = entry.second->q;
     SF_LOG(2, "quiesce: waiting for queue %s to empty", s->name.c_str());
@@ -187,7 +183,17 @@ void MessageQ::quiesceAll() {
     // queue that empties between the check and the wait still releases us.
     if (!empty) platform::event_wait(s->emptied);
   }
-  if (tclDepth) sfi_tclLock().relock(tclDepth);
+}
+
+void MessageQ::quiesceAll() {
+  SF_LOG(4, "quiesceAll - about to clean up Q's.");
+  g_quiescing.store(true);
+  // Consumers may need the interpreter (a worker evaluating a script) to
+  // drain their queue: a caller holding it leaves the waiting to a thread.
+  if (sfi_tclHeldByCaller())
+    startThread(waitForEmptyQueues, nullptr);
+  else
+    waitForEmptyQueues(nullptr);
 }
 
 namespace {

@@ -42,13 +42,15 @@ class MessageQ {
   int size() const;
 
   // Refuses every later enQ, on every queue, and waits until each registered
-  // queue is empty. Drops the calling thread's hold on the interpreter lock
-  // while it waits, so consumers that evaluate scripts can drain.
+  // queue is empty. A caller holding the interpreter lock (a script command)
+  // does not wait: consumers that evaluate scripts need that lock to drain,
+  // so the waiting goes to a thread of its own.
   static void quiesceAll();
   // True once quiesceAll has begun.
   static bool quiescing();
 
  private:
+  static void waitForEmptyQueues(void*);
   QueueState* q;
 };
 

@@ -34,9 +34,7 @@ void Mx::unlock() {
   if (platform::mutex_unlock(i_mx) != 0) sf_fatal("ReleaseMutex");
 }
 
-int Mx::releaseAll() { return platform::mutex_release_all(i_mx); }
-
-void Mx::relock(int depth) { platform::mutex_relock(i_mx, depth); }
+bool Mx::ownedByCaller() const { return platform::mutex_owned_by_caller(i_mx); }
 
 Event::Event() : i_event(platform::event_create()) {}
 

@@ -65,9 +65,15 @@ std::atomic<bool> g_quiesced{false};
 
 bool sfi_quiescedByScript() { return g_quiesced.load(); }
 
+namespace {
+void markQuiesced() { g_quiesced.store(true); }
+}  // namespace
+
+// sf_quiesce: shuts the library down. Inside an evaluation (the usual case)
+// the readers and queues are waited for by a thread of shutdown's own, so
+// the result comes at once; sfi_quiescedByScript() turns true at the end.
 int sfi_cmd_sf_quiesce(int, const char**) {
-  shutdown();
-  g_quiesced.store(true);
+  sfi_shutdown(markQuiesced);
   setRes("OK");
   return 0;
 }
@@ -108,6 +114,7 @@ int sfi_cmd_sf_ping(int argc, const char** argv) {
 // in its own thread (spinThread).
 int sfi_cmd_tcpReader(int argc, const char** argv) {
   if (argc != 4) return 1;
+  if (sfi_refuseInsideEvaluation("tcpReader")) return 1;
   SF_LOG(2, "TCP reader starting on %s+%s", argv[1], argv[2]);
   Port port;
   {
@@ -161,16 +168,10 @@ int sfi_cmd_sf_handover(int argc, const char** argv) {
   SF_LOG(2, "started child %ld with pipe %d", pid, fds[1]);
   try {
     sendEnv(fds[0]);
-    // The child needs nothing from this interpreter, but this process's
-    // other threads may: do not hold it while the child starts.
-    int depth = sfi_tclLock().releaseAll();
-    try {
-      receiveStartupOk(fds[0]);
-    } catch (...) {
-      sfi_tclLock().relock(depth);
-      throw;
-    }
-    sfi_tclLock().relock(depth);
+    // The child needs nothing from this interpreter. This evaluation keeps
+    // it while the child starts: releasing it here would let other threads
+    // evaluate inside this unfinished evaluation.
+    receiveStartupOk(fds[0]);
   } catch (...) {
     platform::fd_close(fds[0]);
     throw;

@@ -2,6 +2,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <mutex>
+#include <utility>
+#include <vector>
 
 #include "sf/detail/net.h"
 #include "sf/events.h"
@@ -179,8 +182,11 @@ Port bindPort(const PortAddr& addr) {
 
 // ---- the shared-port table ----
 //
-// Filled at start-up and hand-over and read by the configuration's `bind`,
-// all on the start-up thread, and swept at shutdown: no lock of its own.
+// Filled at start-up and hand-over, read by `bind` and by reader threads as
+// they start (which may be while the process stops), swept at shutdown and
+// after a hand-over. Its lock is never held while logging: logging may take
+// the interpreter lock, which `bind` holds. A port record, once made, lives
+// until the process ends: a starting reader may still hold it.
 
 namespace {
 struct Share {
@@ -188,61 +194,94 @@ struct Share {
   std::uint32_t uses;
 };
 std::map<std::string, Share>& shares() {
-  // Never destroyed: the ports in it live until the process ends.
   static auto* table = new std::map<std::string, Share>;
   return *table;
+}
+std::mutex& sharesLock() {
+  static auto* lock = new std::mutex;
+  return *lock;
+}
+// Ports swept from the table, kept until the process ends.
+std::vector<i_Port*>& retired() {
+  static auto* ports = new std::vector<i_Port*>;
+  return *ports;
 }
 }  // namespace
 
 void setSharedPort(const PortAddr& addr, const Port& port) {
+  std::lock_guard<std::mutex> guard(sharesLock());
   shares()[addr.str()] = Share{port.p, 0};
 }
 
 void setSharedPort(const PortAddr& addr, socket_t s) {
-  shares()[addr.str()] = Share{new i_Port(addr.str(), s), 0};
+  sfi_setSharedPortByName(addr.str(), s);
 }
 
 void sfi_setSharedPortByName(const std::string& name, socket_t s) {
-  shares()[name] = Share{new i_Port(name, s), 0};
+  i_Port* port = new i_Port(name, s);
+  std::lock_guard<std::mutex> guard(sharesLock());
+  shares()[name] = Share{port, 0};
 }
 
 Port bindSharedPort(const PortAddr& addr) {
   std::string key = addr.str();
-  auto it = shares().find(key);
-  if (it == shares().end()) {
+  i_Port* port = nullptr;
+  {
+    std::lock_guard<std::mutex> guard(sharesLock());
+    auto it = shares().find(key);
+    if (it != shares().end()) {
+      it->second.uses++;
+      port = it->second.port;
+    }
+  }
+  if (!port) {
     SF_LOG(2, "bind %s -> not found in shared list", key.c_str());
     SF_THROW("bindShared", Xio());
   }
-  it->second.uses++;
   SF_LOG(2, "bind shared port %s -> %llu", key.c_str(),
-         static_cast<unsigned long long>(it->second.port->fd.load()));
-  return Port(it->second.port);
+         static_cast<unsigned long long>(port->fd.load()));
+  return Port(port);
 }
 
 int sfi_sharedPortUses(const std::string& key) {
+  std::lock_guard<std::mutex> guard(sharesLock());
   auto it = shares().find(key);
   return it == shares().end() ? -1 : static_cast<int>(it->second.uses);
 }
 
 void sfi_closeUnusedSharedPorts() {
-  for (;;) {
+  std::vector<i_Port*> unused;
+  {
+    std::lock_guard<std::mutex> guard(sharesLock());
     auto& table = shares();
-    auto it = table.begin();
-    // A port with a running reader counts as taken even if nobody bound it
-    // through the table: closing it would pull it from under the reader.
-    while (it != table.end() && (it->second.uses != 0 || it->second.port->readerRunning.load()))
-      ++it;
-    if (it == table.end()) return;
-    SF_LOG(2, "closing unused share port %llu",
-           static_cast<unsigned long long>(it->second.port->fd.load()));
-    delete it->second.port;
-    table.erase(it);
+    for (auto it = table.begin(); it != table.end();) {
+      // A port with a running reader counts as taken even if nobody bound it
+      // through the table: closing it would pull it from under the reader.
+      if (it->second.uses != 0 || it->second.port->readerRunning.load()) {
+        ++it;
+      } else {
+        unused.push_back(it->second.port);
+        retired().push_back(it->second.port);
+        it = table.erase(it);
+      }
+    }
+  }
+  for (i_Port* port : unused) {
+    socket_t s = port->fd.exchange(INVALID_SOCK);
+    SF_LOG(2, "closing unused share port %llu", static_cast<unsigned long long>(s));
+    if (s != INVALID_SOCK) platform::sock_close(s);
   }
 }
 
-// Used by shutdown and hand-over.
+// Used by shutdown and hand-over; fn runs without the table's lock, on the
+// ports that were in the table when the call began.
 void sfi_forEachSharedPort(void (*fn)(const std::string& key, i_Port* port, void* arg), void* arg) {
-  for (auto& e : shares()) fn(e.first, e.second.port, arg);
+  std::vector<std::pair<std::string, i_Port*>> ports;
+  {
+    std::lock_guard<std::mutex> guard(sharesLock());
+    for (auto& e : shares()) ports.emplace_back(e.first, e.second.port);
+  }
+  for (auto& e : ports) fn(e.first, e.second, arg);
 }
 
 }  // namespace sf

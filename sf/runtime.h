@@ -22,8 +22,14 @@ void initTcl(int& argc, const char** argv);
 [[noreturn]] void sf_fatal(const char* reason);
 
 // Orderly shutdown: closes ports nobody took over, stops the readers and
-// lets the queues drain.
+// lets the queues drain. Called by a thread that holds the interpreter lock
+// (a script command), it starts the stop and returns at once, leaving the
+// waiting to a thread of its own.
 void shutdown();
+
+// shutdown(), then then() once readers have stopped and queues drained, on
+// whichever thread did the waiting. then may be null.
+void sfi_shutdown(void (*then)());
 
 // True once shutdown has been requested.
 bool sfi_shuttingDown();

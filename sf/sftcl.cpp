@@ -1,15 +1,23 @@
 // The Tcl bridge: one interpreter, one recursive lock.
+//
+// The interpreter keeps its evaluation stack in the interpreter itself, so
+// besides being used under the lock it must never see a second thread while
+// one thread's evaluation is unfinished: nothing may release the lock from
+// inside an evaluation. Debug builds check both rules at every entry.
 #include <tcl.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <string>
+#include <thread>
 
 #include "sf/events.h"
 #include "sf/i_mx.h"
 #include "sf/platform/fs.h"
+#include "sf/platform/thread.h"
 #include "sf/sferr.h"
 #include "sf/tcl.h"
 
@@ -25,6 +33,46 @@ std::map<std::string, TclProc>& commandTable() {
 }
 std::string g_dataDir;
 std::string g_rootDir;
+
+// The thread inside the outermost unfinished evaluation, and how deeply it
+// is nested. Changed only under the lock; read by the entry check.
+std::atomic<std::thread::id> g_evalThread{};
+std::atomic<int> g_evalDepth{0};
+
+#ifndef NDEBUG
+[[noreturn]] void misuse(const char* entry, const char* why) {
+  fprintf(stderr, "sf: Tcl interpreter entered through %s %s; called from:\n", entry, why);
+  platform::print_stack_trace();
+  abort();
+}
+#endif
+
+// Called at every entry into the interpreter, with the lock taken. In debug
+// builds a use that could corrupt the interpreter ends the process at once,
+// naming the entry and showing the caller's stack.
+inline void checkEntry(const char* entry) {
+#ifndef NDEBUG
+  if (!g_tclLock->ownedByCaller()) misuse(entry, "without holding the Tcl lock");
+  if (g_evalDepth.load() > 0 && g_evalThread.load() != std::this_thread::get_id())
+    misuse(entry, "while another thread's evaluation is unfinished");
+#else
+  (void)entry;
+#endif
+}
+
+// Marks the calling thread as evaluating for its scope. The lock is held.
+class Evaluating {
+ public:
+  explicit Evaluating(const char* entry) {
+    checkEntry(entry);
+    if (g_evalDepth.fetch_add(1) == 0) g_evalThread.store(std::this_thread::get_id());
+  }
+  ~Evaluating() {
+    if (g_evalDepth.fetch_sub(1) == 1) g_evalThread.store(std::thread::id());
+  }
+  Evaluating(const Evaluating&) = delete;
+  Evaluating& operator=(const Evaluating&) = delete;
+};
 
 // Every exported command enters here. Exceptions never reach the
 // interpreter: they are logged and the command fails with status 1.
@@ -79,7 +127,8 @@ bool readable(const std::string& path) {
 }  // namespace
 
 Xtcl::Xtcl() : X(2, 8) {
-  if (!g_interp) return;
+  if (!g_interp || !g_tclLock->ownedByCaller()) return;
+  checkEntry("Xtcl");
   Tcl_AddErrorInfo(g_interp, "");
   const char* c = Tcl_GetVar(g_interp, "errorCode", TCL_GLOBAL_ONLY);
   const char* i = Tcl_GetVar(g_interp, "errorInfo", TCL_GLOBAL_ONLY);
@@ -93,18 +142,26 @@ void sfi_tclCreate() {
   // The lock exists before the interpreter is published: code that finds the
   // interpreter may take the lock at once.
   g_tclLock = new Mx(true);
+  MxLock guard(*g_tclLock);
   g_interp = Tcl_CreateInterp();
 }
 
 bool sfi_tclInitLibrary() {
   MxLock guard(*g_tclLock);
+  Evaluating scope("Tcl_Init");
   return Tcl_Init(g_interp) == TCL_OK;
 }
 
 bool sfi_tclReady() { return g_interp != nullptr; }
 
+bool sfi_tclHeldByCaller() { return g_tclLock && g_tclLock->ownedByCaller(); }
+
 void sfi_tclThreadDone() {
-  if (g_interp) Tcl_FinalizeThread();
+  if (!g_interp) return;
+  // What Tcl keeps for this thread may refer to the shared interpreter.
+  MxLock guard(*g_tclLock);
+  checkEntry("sfi_tclThreadDone");
+  Tcl_FinalizeThread();
 }
 
 Mx& sfi_tclLock() { return *g_tclLock; }
@@ -118,11 +175,15 @@ const std::string& sfi_dataDir() { return g_dataDir; }
 const std::string& sfi_rootDir() { return g_rootDir; }
 
 void exportProc(const char* name, TclProc proc) {
+  // Threads started by the configuration may already be evaluating.
+  MxLock guard(*g_tclLock);
+  checkEntry("exportProc");
   commandTable()[name] = proc;
   Tcl_CreateCommand(g_interp, name, dispatch, reinterpret_cast<ClientData>(proc), nullptr);
 }
 
 TclProc findProc(const char* name) {
+  MxLock guard(*g_tclLock);
   auto it = commandTable().find(name);
   return it == commandTable().end() ? nullptr : it->second;
 }
@@ -131,7 +192,11 @@ std::string eval(const char* script) {
   ScriptCopy copy(script);
   SF_LOG(6, "eval %s", copy.get());
   MxLock guard(*g_tclLock);
-  int status = Tcl_Eval(g_interp, copy.get());
+  int status;
+  {
+    Evaluating scope("eval");
+    status = Tcl_Eval(g_interp, copy.get());
+  }
   if (status == TCL_OK) {
     std::string result = Tcl_GetStringResult(g_interp);
     SF_LOG(3, "eval %s->%s", script, result.c_str());
@@ -144,6 +209,7 @@ std::string eval(const char* script) {
 std::string sfi_quietEval(const char* script) {
   ScriptCopy copy(script);
   MxLock guard(*g_tclLock);
+  Evaluating scope("sfi_quietEval");
   if (Tcl_Eval(g_interp, copy.get()) != TCL_OK) throw "tcl";
   return Tcl_GetStringResult(g_interp);
 }
@@ -160,7 +226,12 @@ void evalFile(const char* name) {
   } catch (...) {
     SF_THROW("eval", Xtcl());
   }
-  if (Tcl_EvalFile(g_interp, chosen.c_str()) == TCL_OK) return;
+  int status;
+  {
+    Evaluating scope("evalFile");
+    status = Tcl_EvalFile(g_interp, chosen.c_str());
+  }
+  if (status == TCL_OK) return;
   // The event's translation runs scripts of its own; the exception must
   // still carry this file's errorCode and errorInfo.
   Tcl_InterpState state = Tcl_SaveInterpState(g_interp, TCL_ERROR);
@@ -180,15 +251,33 @@ void evalScript(int, const char** argv) {
   }
 }
 
-void setRes(const char* s) { Tcl_SetResult(g_interp, const_cast<char*>(s), TCL_VOLATILE); }
+namespace {
+// A command procedure that a script thread calls directly (spinThread) runs
+// outside any evaluation, without the lock: it has nobody to give a result
+// to, and must not write into what another thread is evaluating.
+bool resultWanted(const char* entry) {
+  if (!g_tclLock->ownedByCaller()) return false;
+  checkEntry(entry);
+  return true;
+}
+}  // namespace
 
-void appRes(const char* s) { Tcl_AppendResult(g_interp, s, static_cast<char*>(nullptr)); }
+void setRes(const char* s) {
+  if (resultWanted("setRes")) Tcl_SetResult(g_interp, const_cast<char*>(s), TCL_VOLATILE);
+}
 
-void appResElem(const char* s) { Tcl_AppendElement(g_interp, s); }
+void appRes(const char* s) {
+  if (resultWanted("appRes")) Tcl_AppendResult(g_interp, s, static_cast<char*>(nullptr));
+}
+
+void appResElem(const char* s) {
+  if (resultWanted("appResElem")) Tcl_AppendElement(g_interp, s);
+}
 
 int getVarInt(const char* name, int dflt) {
   if (!g_interp) return dflt;
   MxLock guard(*g_tclLock);
+  checkEntry("getVarInt");
   Tcl_Obj* value = Tcl_GetVar2Ex(g_interp, name, nullptr, TCL_GLOBAL_ONLY);
   if (!value) return dflt;
   int result;
@@ -199,6 +288,7 @@ int getVarInt(const char* name, int dflt) {
 std::string getVarStr(const char* name, const char* dflt) {
   if (!g_interp) return dflt;
   MxLock guard(*g_tclLock);
+  checkEntry("getVarStr");
   const char* value = Tcl_GetVar(g_interp, name, TCL_GLOBAL_ONLY);
   return value ? value : dflt;
 }
@@ -211,6 +301,7 @@ void setVarInt(const char* name, int v) {
 
 void setVarStr(const char* name, const char* v) {
   MxLock guard(*g_tclLock);
+  checkEntry("setVarStr");
   // The interpreter copies the value; our copy is released at once.
   std::string copy(v);
   Tcl_SetVar(g_interp, name, copy.c_str(), TCL_GLOBAL_ONLY);
@@ -218,6 +309,7 @@ void setVarStr(const char* name, const char* v) {
 
 void tclsplit(const char* list, std::list<std::string>& out) {
   MxLock guard(*g_tclLock);
+  checkEntry("tclsplit");
   int argc = 0;
   const char** argv = nullptr;
   if (Tcl_SplitList(g_interp, list, &argc, &argv) != TCL_OK) SF_THROW("tclsplit", Xtcl());

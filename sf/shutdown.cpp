@@ -16,22 +16,10 @@ std::atomic<bool> g_shuttingDown{false};
 void collect(const std::string&, i_Port* port, void* arg) {
   static_cast<std::vector<i_Port*>*>(arg)->push_back(port);
 }
-}  // namespace
 
-bool sfi_shuttingDown() {
-  return g_shuttingDown.load();
-}
-
-void shutdown() {
-  SF_LOG(3, "shutdown - about to close ports.");
-  sfi_closeUnusedSharedPorts();
-  g_shuttingDown.store(true);
-  sfi_wakeAllReaders();
-
-  // The readers may need the interpreter (accept actions, validate scripts)
-  // before they notice the stop: never wait while holding it. A caller inside
-  // a script command holds it, possibly several levels deep.
-  int depth = sfi_tclReady() ? sfi_tclLock().releaseAll() : 0;
+// Waits until every shared port's reader has closed its socket, then until
+// the queues are empty.
+void waitForReadersAndQueues() {
   std::vector<i_Port*> ports;
   sfi_forEachSharedPort(collect, &ports);
   for (i_Port* p : ports) {
@@ -42,8 +30,45 @@ void shutdown() {
       if (p->closed.wait_ms(1000)) break;
     }
   }
-  if (depth) sfi_tclLock().relock(depth);
   MessageQ::quiesceAll();
 }
+
+struct Stopper {
+  void (*then)();
+};
+
+void stopperThread(void* arg) {
+  Stopper stopper = *static_cast<Stopper*>(arg);
+  delete static_cast<Stopper*>(arg);
+  waitForReadersAndQueues();
+  if (stopper.then) stopper.then();
+}
+}  // namespace
+
+bool sfi_shuttingDown() {
+  return g_shuttingDown.load();
+}
+
+void sfi_shutdown(void (*then)()) {
+  SF_LOG(3, "shutdown - about to close ports.");
+  sfi_closeUnusedSharedPorts();
+  g_shuttingDown.store(true);
+  sfi_wakeAllReaders();
+
+  // Readers and workers may need the interpreter (accept actions, validate
+  // scripts, worker scripts) before they stop. A caller that holds it, as
+  // every script command does, would wait for them while they wait for it;
+  // and releasing it inside the caller's unfinished evaluation would let
+  // them corrupt that evaluation. Such a caller hands the waiting to a
+  // thread of its own and returns.
+  if (sfi_tclHeldByCaller()) {
+    startThread(stopperThread, new Stopper{then});
+    return;
+  }
+  waitForReadersAndQueues();
+  if (then) then();
+}
+
+void shutdown() { sfi_shutdown(nullptr); }
 
 }  // namespace sf

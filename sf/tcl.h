@@ -5,7 +5,9 @@
 // start threads through commands registered here) and its log formatting
 // engine. One interpreter serves the whole process, guarded by one recursive
 // lock: every evaluation, variable access and list split takes it, and
-// command procedures run under it, so they may evaluate again freely.
+// command procedures run under it, so they may evaluate again freely. No
+// thread may release the lock from inside an unfinished evaluation: the
+// interpreter's evaluation stack would be shared by two threads.
 #pragma once
 
 #include <list>
@@ -36,7 +38,9 @@ void evalFile(const char* name);
 // not begin with "-". argc is not consulted.
 void evalScript(int argc, const char** argv);
 
-// Result of the running command procedure (no lock: callers already hold it).
+// Result of the running command procedure (no lock: callers already hold
+// it). A procedure called directly by a script thread, outside any
+// evaluation, has no result to set: these then do nothing.
 void setRes(const char* s);
 void appRes(const char* s);
 void appResElem(const char* s);
@@ -61,6 +65,10 @@ bool sfi_tclInitLibrary();
 bool sfi_tclReady();
 // The Tcl lock. Valid after sfi_tclCreate().
 Mx& sfi_tclLock();
+// True when the calling thread holds the Tcl lock, as every script command
+// does. Such a thread must not wait for threads that may need the
+// interpreter: they would wait for it in turn.
+bool sfi_tclHeldByCaller();
 // Releases what the interpreter keeps for the calling thread (allocator
 // caches, thread-specific data). Call it last in a thread that used the
 // bridge and is about to end; the thread must not use the bridge afterwards.

@@ -8,6 +8,12 @@ namespace sf {
 // initTcl once the interpreter exists.
 void sfi_registerCommands();
 
+// For commands that never return (readers and workers): true when the caller
+// runs inside an evaluation, where it would keep the interpreter for ever.
+// Then the command's result says to start it with spinThread, and the
+// command must fail (return 1).
+bool sfi_refuseInsideEvaluation(const char* command);
+
 // Queues, messages and script threads (msgcommands.cpp).
 int sfi_cmd_spinThread(int argc, const char** argv);
 int sfi_cmd_mkQ(int argc, const char** argv);

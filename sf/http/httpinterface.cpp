@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sf/detail/commands.h"
 #include "sf/detail/httpcommands.h"
 #include "sf/http/httpreader.h"
 #include "sf/message.h"
@@ -23,6 +24,7 @@ int httpReaderCmd(int argc, const char** argv) {
     SF_LOG(1, "http: usage: httpReader address port script");
     return 1;
   }
+  if (sfi_refuseInsideEvaluation("httpReader")) return 1;
   PortAddr addr(argv[1], argv[2]);
   Port port = bindSharedPort(addr);
   std::string script = argv[3];
@@ -39,6 +41,7 @@ int httpWorkerCmd(int argc, const char** argv) {
     SF_LOG(1, "http: usage: httpWorker queue address port");
     return 1;
   }
+  if (sfi_refuseInsideEvaluation("httpWorker")) return 1;
   HttpWorker worker(argv[1], argv[2], argv[3]);
   worker.run();
 }

@@ -19,11 +19,8 @@ RecursiveMutex* mutex_create();
 void mutex_destroy(RecursiveMutex* m);
 int mutex_lock(RecursiveMutex* m);    // 0 or a system error code
 int mutex_unlock(RecursiveMutex* m);  // 0 or a system error code (EPERM: not owner)
-// Releases every level of a lock the calling thread holds and returns how many
-// there were; mutex_relock(m, n) takes it back that many times. Used to wait
-// for other threads without holding a lock they need.
-int mutex_release_all(RecursiveMutex* m);
-void mutex_relock(RecursiveMutex* m, int depth);
+// True when the calling thread holds m (at any depth).
+bool mutex_owned_by_caller(const RecursiveMutex* m);
 // Opaque value that identifies the mutex in trace records.
 std::uint64_t mutex_trace_value(const RecursiveMutex* m);
 

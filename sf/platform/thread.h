@@ -16,6 +16,10 @@ std::uint32_t process_id();
 
 void sleep_ms(std::uint32_t ms);
 
+// Writes the calling thread's stack to standard error: symbolised in
+// sanitizer builds, raw return addresses otherwise.
+void print_stack_trace();
+
 // Ends the process at once with status, running no destructors or handlers.
 [[noreturn]] void exit_now(int status);
 

@@ -159,8 +159,8 @@ int quiesceChild() {
   for (int i = 0; i < 40; ++i) busy->enQ(tagged(0, i));
 
   // The consumer needs the interpreter lock per message, as a dummy worker
-  // does; the quiescing thread holds it twice, as a nested script command
-  // would, and must let it go while it waits, then have it back.
+  // does. A caller holding it, as a nested script command does, must not
+  // wait (nor drop it); a caller without it waits until the queue is empty.
   std::atomic<int> drained{0};
   std::thread consumer([&] {
     for (;;) {
@@ -173,7 +173,10 @@ int quiesceChild() {
   sf::sfi_tclLock().lock();
   sf::sfi_tclLock().lock();
   sf::MessageQ::quiesceAll();
-  if (sf::sfi_tclLock().releaseAll() != 2) return 6;
+  sf::sfi_tclLock().unlock();
+  if (!sf::sfi_tclHeldByCaller()) return 6;
+  sf::sfi_tclLock().unlock();
+  sf::MessageQ::quiesceAll();
   if (busy->size() != 0) return 1;
   if (drained.load() < 39) return 2;  // the last deQ may still be finishing
   if (!sf::MessageQ::quiescing()) return 3;
@@ -185,7 +188,6 @@ int quiesceChild() {
   } catch (const sf::Xstate&) {
   }
   if (late.enqueuedAt != 0) return 5;  // refused before being touched
-  sf::MessageQ::quiesceAll();          // again: nothing left to wait for
   return 0;
 }
 

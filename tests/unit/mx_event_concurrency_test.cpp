@@ -47,15 +47,14 @@ TEST(Mx, RecursiveLockNeedsAsManyUnlocks) {
   }
   std::thread([&] { sf::MxLock guard(mx); }).join();
 
-  // releaseAll gives up every level for a while; relock takes them back.
+  // Ownership is the calling thread's, at any depth, until the last unlock.
   mx.lock();
   mx.lock();
-  EXPECT_EQ(mx.releaseAll(), 2);
-  std::thread([&] { sf::MxLock guard(mx); }).join();
-  mx.relock(2);
+  std::thread([&] { EXPECT_FALSE(mx.ownedByCaller()); }).join();
   mx.unlock();
+  EXPECT_TRUE(mx.ownedByCaller());
   mx.unlock();
-  EXPECT_EQ(mx.releaseAll(), 0);
+  EXPECT_FALSE(mx.ownedByCaller());
 }
 
 TEST(Mx, ExcludesOtherThreads) {

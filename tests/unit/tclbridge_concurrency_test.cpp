@@ -146,3 +146,33 @@ TEST(TclBridgeConcurrency, TemplateRecordsAndLoggingEvaluationsShareTheLocks) {
                                                {"6 eval t_addone", 2 * rounds},
                                                {"3 eval t_addone-", 2 * rounds}}));
 }
+
+#ifndef NDEBUG
+namespace {
+// A command that lets go of the lock inside its evaluation, as a careless
+// waiting command would, while another thread enters the interpreter.
+int releaseInside(int, const char**) {
+  sf::sfi_tclLock().unlock();
+  std::thread([] { sf::eval("set unit.intruder 1"); }).join();
+  sf::sfi_tclLock().lock();
+  return 0;
+}
+}  // namespace
+#endif
+
+// Debug builds turn an interleaved evaluation, which corrupts the
+// interpreter's stack at random, into a certain abort naming the entry.
+TEST(TclBridgeConcurrency, DebugBuildsStopAnEvaluationInsideAnotherThreads) {
+#ifdef NDEBUG
+  GTEST_SKIP() << "the entry checks are compiled into debug builds only";
+#else
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        sftest::ensureInterp();
+        sf::exportProc("t_releaseinside", releaseInside);
+        sf::eval("t_releaseinside");
+      },
+      "entered through eval while another thread's evaluation is unfinished");
+#endif
+}

@@ -93,7 +93,7 @@ TEST(TclBridge, EvalLogsAndThrowsXtclWithThisError) {
   ASSERT_EQ(errors.size(), 2u);
   EXPECT_EQ(errors[0], "eval error unit-failure {} {UNIT CODE} -> error 1");
   EXPECT_EQ(errors[1].rfind("exception eval:Xtcl() thrown at ", 0), 0u);
-  EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);  // released on the way out
+  EXPECT_FALSE(sf::sfi_tclHeldByCaller());  // released on the way out
 
   // Scripts of every length around the 512-byte stack copy.
   for (size_t len : {size_t(0), size_t(495), size_t(496), size_t(497), size_t(9000)}) {
@@ -112,7 +112,7 @@ TEST(TclBridge, EvalLogsAndThrowsXtclWithThisError) {
     EXPECT_STREQ(text, "tcl");
   }
   EXPECT_TRUE(log.records().empty());
-  EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);
+  EXPECT_FALSE(sf::sfi_tclHeldByCaller());
 }
 
 TEST(TclBridge, EvalFileTriesThreePlaces) {
@@ -145,7 +145,7 @@ TEST(TclBridge, EvalFileTriesThreePlaces) {
   std::string info = xtcl([] { sf::evalFile("unit_bad.tcl"); }).second;
   EXPECT_EQ(info.rfind("unit-bad-file\n", 0), 0u) << info;
   sf::setVarInt("sf.log.useevorsyslog", 0);
-  EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);
+  EXPECT_FALSE(sf::sfi_tclHeldByCaller());
 
   // Script words: everything from index 1 that is not an option.
   sftest::writeFile(data.path() / "a.tcl", "incr unit.count");
@@ -194,5 +194,5 @@ TEST(TclBridge, DispatcherKeepsExceptionsOutOfTcl) {
   // the lock and may evaluate again.
   EXPECT_EQ(sf::eval("list [catch t_fail msg] $msg"), "1 {plain failure}");
   EXPECT_EQ(sf::eval("t_nested {t_nested {expr 1+1}}"), "nested:nested:2");
-  EXPECT_EQ(sf::sfi_tclLock().releaseAll(), 0);
+  EXPECT_FALSE(sf::sfi_tclHeldByCaller());
 }

@@ -64,18 +64,7 @@ int mutex_unlock(RecursiveMutex* m) {
   return pthread_mutex_unlock(&m->mx);
 }
 
-int mutex_release_all(RecursiveMutex* m) {
-  if (!owned_by_caller(m)) return 0;
-  int depth = m->depth;
-  m->depth = 0;
-  m->owner.store(pthread_t(), std::memory_order_relaxed);
-  for (int i = 0; i < depth; ++i) pthread_mutex_unlock(&m->mx);
-  return depth;
-}
-
-void mutex_relock(RecursiveMutex* m, int depth) {
-  for (int i = 0; i < depth; ++i) mutex_lock(m);
-}
+bool mutex_owned_by_caller(const RecursiveMutex* m) { return owned_by_caller(m); }
 
 std::uint64_t mutex_trace_value(const RecursiveMutex* m) {
   return reinterpret_cast<std::uintptr_t>(m);

@@ -2,6 +2,7 @@
 #include "sf/platform/thread.h"
 
 #include <errno.h>
+#include <execinfo.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -50,6 +51,25 @@ void sleep_ms(std::uint32_t ms) {
   while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
   }
 }
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define SF_SANITIZER_RUNTIME 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define SF_SANITIZER_RUNTIME 1
+#endif
+#endif
+
+#ifdef SF_SANITIZER_RUNTIME
+extern "C" void __sanitizer_print_stack_trace();
+void print_stack_trace() { __sanitizer_print_stack_trace(); }
+#else
+void print_stack_trace() {
+  void* frames[64];
+  int n = backtrace(frames, 64);
+  backtrace_symbols_fd(frames, n, STDERR_FILENO);
+}
+#endif
 
 void exit_now(int status) { _exit(status); }
 
