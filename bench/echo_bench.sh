@@ -2,7 +2,7 @@
 # Echo round trips per second and latency with 1, 50 and 500 keep-alive
 # clients: the sf echo site (examples/echo under sfhost, as shipped with a
 # 300-second idle time-out, and with the idle time-out off) against the
-# minimal poll echo loop, in one run.
+# minimal event-loop echo server, in one run.
 #
 #   bench/echo_bench.sh BUILD_DIR [SECONDS]
 #
@@ -22,7 +22,7 @@ sf_pid=$!
 mkdir "$tmp/noidle"
 ECHO_IDLE=0 ECHO_PORT=$port_sf0 TAVODATDIR=$tmp/noidle "$build/bin/sfhost" -rootdir "$src/examples/echo" -datdir "$tmp/noidle" &
 sf0_pid=$!
-"$build/bin/poll_echo" "$port_ref" &
+"$build/bin/event_echo" "$port_ref" &
 ref_pid=$!
 trap 'kill $sf_pid $sf0_pid $ref_pid 2>/dev/null; wait 2>/dev/null; rm -rf "$tmp"' EXIT
 sleep 1
@@ -31,5 +31,5 @@ echo "nproc=$(nproc) seconds=$secs"
 for n in 1 50 500; do
   printf 'sf echo    '; "$build/bin/echo_load" "$port_sf" "$n" "$secs"
   printf 'sf no idle '; "$build/bin/echo_load" "$port_sf0" "$n" "$secs"
-  printf 'poll echo  '; "$build/bin/echo_load" "$port_ref" "$n" "$secs"
+  printf 'event echo '; "$build/bin/echo_load" "$port_ref" "$n" "$secs"
 done

@@ -4,7 +4,7 @@
 //
 //   echo_load PORT CLIENTS SECONDS [WARMUP_SECONDS]
 //
-// One thread drives every connection with poll, so the client itself stays
+// One thread drives every connection with one event set, so the client itself stays
 // cheap next to the server it measures.
 #include <algorithm>
 #include <chrono>
@@ -13,7 +13,7 @@
 #include <cstring>
 #include <vector>
 
-#include "sf/platform/poll.h"
+#include "sf/platform/events.h"
 #include "sf/platform/socket.h"
 
 namespace pf = sf::platform;
@@ -61,8 +61,8 @@ int main(int argc, char** argv) {
     }
     pf::set_nodelay(c.s, 1);
   }
-  pf::PollSet set;
-  for (Client& c : clients) set.add(c.s);
+  pf::EventSet set;
+  for (size_t i = 0; i < clients.size(); ++i) set.add(clients[i].s, i, pf::EventSet::Level);
   for (Client& c : clients) sendOne(c);
 
   std::vector<std::uint32_t> lat;
@@ -76,10 +76,10 @@ int main(int argc, char** argv) {
   for (;;) {
     Clock::time_point now = Clock::now();
     if (now >= end) break;
-    if (set.wait(100) <= 0) continue;
-    for (size_t i = 0; i < clients.size(); ++i) {
-      Client& c = clients[i];
-      if (!set.readySlot(i)) continue;
+    std::uint64_t ready[64];
+    int nready = set.wait(ready, 64, 100);
+    for (int k = 0; k < nready; ++k) {
+      Client& c = clients[ready[k]];
       long r = pf::sock_recv(c.s, c.buf + c.got, kMsg - c.got);
       if (r <= 0) {
         ++errors;

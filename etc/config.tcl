@@ -22,8 +22,9 @@ source [file join ${sf.rootdir} etc sf_events.msg]
 # --- Log -------------------------------------------------------------------
 # Read when the log starts, right after this file.
 
-# Directory of the log files.
-set sf.log.dir .
+# Directory of the log files. The library's default is "." (the current
+# directory); this site logs into its data directory instead.
+set sf.log.dir ${sf.datdir}
 # File name stem: <dir>/<stem>.log, rotated to <stem>-0.log (newest) ...
 set sf.log.filename sf
 # Size in KiB at which the log file is rotated.

@@ -18,6 +18,7 @@ if {[info exists env(SF_HTTP_PORT)] && $env(SF_HTTP_PORT) ne ""} {
 # A port that is taken already leaves the site up without the service.
 if {[catch {bind 127.0.0.1 ${site.http.port}} problem]} {
   sf_log 1 "HTTP echo service not started: 127.0.0.1:${site.http.port}: $problem"
+  set site.serves "no HTTP echo (127.0.0.1:${site.http.port}: $problem)"
 } else {
   # Each connection has at most one request waiting, so the queue has room
   # for as many connections as a busy client brings (other queues keep
@@ -30,4 +31,8 @@ if {[catch {bind 127.0.0.1 ${site.http.port}} problem]} {
   spinThread dummyWorker http sf_echo
   spinThread dummyWorker http sf_echo
   sf_log 1 "HTTP echo service on 127.0.0.1:${site.http.port}"
+  set site.serves "HTTP echo on http://127.0.0.1:${site.http.port}/"
 }
+# One line for whoever started the site: what it serves and where it logs.
+puts stderr "${site.serves} - log in [file join ${sf.log.dir} ${sf.log.filename}.log]\
+  - Ctrl-C stops"

@@ -35,3 +35,10 @@ if [ -f tests/fuzz/CMakeLists.txt ]; then
     -DSF_SANITIZE=address,undefined
   ctest --test-dir build-fuzz --output-on-failure --timeout 900 -L fuzz
 fi
+
+# Test code against library code, non-blank lines (kept at most 0.35).
+count() {
+  git ls-files -- "$@" | grep -E '\.(c|cc|cpp|h|hpp|tcl|py|sh)$' | xargs cat | grep -cv '^[[:space:]]*$'
+}
+tests=$(count tests) library=$(count sf host tools)
+stage "test code: $tests lines, library: $library lines, ratio $(awk "BEGIN { printf \"%.2f\", $tests / $library }")"

@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "sf/detail/net.h"
 #include "sf/sferr.h"
 #include "sf/sflib.h"
 
@@ -61,7 +62,9 @@ bool Adaptor::hasBufferedData() const {
   return next && next->hasBufferedData();
 }
 
-Framing Adaptor::frame(Connection*, const char*, size_t) { return Framing::Unknown; }
+Framing Adaptor::frame(Connection*, const char*, size_t) {
+  return Framing::Unknown;
+}
 
 void Adaptor::closing(Connection* c) {
   if (next) next->closing(c);
@@ -88,6 +91,16 @@ Adaptor* Adaptor::unchain() {
 }
 
 // ---- TcpAdaptor ----
+
+void TcpAdaptor::init(Connection* c) {
+  conn_ = c ? c->record() : nullptr;
+}
+bool TcpAdaptor::hasBufferedData() const {
+  return conn_ && sfi_pending(conn_) != 0;
+}
+Framing TcpAdaptor::frame(Connection*, const char*, size_t len) {
+  return len ? Framing::Whole : Framing::Header;
+}
 
 void TcpAdaptor::readPdu(Connection* c, Buffer& buf) {
   readUptoNB(c, buf, 4096);
@@ -204,6 +217,14 @@ size_t PushbackSandwich::pending() const {
   size_t n = 0;
   for (const Node& node : nodes_) n += node.buf->size() - node.offset;
   return n;
+}
+
+void PushbackSandwich::takeAll(std::string& out) {
+  for (Node& node : nodes_) {
+    out.append(node.buf->data + node.offset, node.buf->size() - node.offset);
+    delete node.buf;
+  }
+  nodes_.clear();
 }
 
 }  // namespace sf

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <list>
+#include <string>
 
 #include "sf/connection.h"
 
@@ -76,15 +77,23 @@ class Adaptor {
 };
 
 // The bottom layer: raw TCP through tcp_recv and tcp_write. A PDU is whatever
-// arrives, at most 4096 bytes.
+// arrives, at most 4096 bytes, so a whole one is there as soon as any byte
+// is.
 class TcpAdaptor : public Adaptor {
  public:
   TcpAdaptor() : Adaptor(nullptr) {}
+  // Remembers the connection, whose arrived bytes are this layer's buffer.
+  void init(Connection* c) override;
+  bool hasBufferedData() const override;
+  Framing frame(Connection* c, const char* data, size_t len) override;
   void readPdu(Connection* c, Buffer& buf) override;
   void write(Connection* c, const Buffer& buf) override;
   void readTillEof(Connection* c, Buffer& buf, int n) override;
   void readUptoNB(Connection* c, Buffer& buf, int n) override;
   void read(Connection* c, Buffer& buf, int n) override;
+
+ private:
+  i_Connection* conn_ = nullptr;
 };
 
 // Keeps bytes that a higher layer read too far and serves them before
@@ -107,6 +116,9 @@ class PushbackSandwich : public Adaptor {
 
   // Bytes pushed back and not yet served.
   size_t pending() const;
+  // Appends every byte pushed back to out, in the order they would be
+  // served, and forgets them.
+  void takeAll(std::string& out);
 
  private:
   struct Node {

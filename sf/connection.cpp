@@ -1,4 +1,5 @@
 // Connection records, the registry, and the raw TCP operations.
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -75,7 +76,9 @@ i_Connection::i_Connection(socket_t fd_)
       id(0),
       idleTimer(0),
       top(nullptr),
-      port(nullptr),
+      mailbox(nullptr),
+      inputPos(0),
+      nonBlocking(false),
       heldFd(INVALID_SOCK) {
   auto& r = registry();
   MxLock guard(r.lock);
@@ -97,6 +100,7 @@ void sfi_unregister(i_Connection* rec) {
 
 i_Connection::~i_Connection() {
   sfi_unregister(this);
+  mailbox = nullptr;  // nobody may take a new handle on a record being destroyed
   if (idleTimer) rmTimeout(TimeoutId(idleTimer));
   close();
   delete top;
@@ -123,7 +127,7 @@ void i_Connection::close() {
   // holds it.
   platform::sock_shutdown(s);
   heldFd = s;
-  if (port) port->wake();
+  if (ReaderMailbox* m = mailbox.load()) m->post(this);
 }
 
 // ---- handles ----
@@ -168,6 +172,7 @@ Connection::~Connection() {
     // destroy it. The count goes back to one for the duration so that
     // copies the adaptors make come and go without a second destruction.
     sfi_unregister(r);
+    r->mailbox = nullptr;
     r->refs = 1;
     reserve();
     try {
@@ -207,7 +212,7 @@ void Connection::unreserve(bool all) {
     if (left > 0) return;
   }
   SF_LOG(5, "conn %llu/%d now unreserved", static_cast<ull>(rec_->fd.load()), rec_->id);
-  if (rec_->port) rec_->port->wake();
+  if (ReaderMailbox* m = rec_->mailbox.load()) m->post(rec_);
 }
 
 Adaptor* Connection::getAdaptor() const {
@@ -310,17 +315,19 @@ void setsocketblockingmode(socket_t fd, bool blocking) {
     SF_THROW("setsocketnonblocking.ioctlsocket", Xio());
 }
 
-Connection tcp_accept(Port& port) {
+Connection sfi_accept(Port& port, int* error) {
   i_Port* p = port.p;
-  Connection c(new i_Connection(INVALID_SOCK));
+  socket_t lfd = p->fd.load();
+  socket_t s = lfd == INVALID_SOCK ? INVALID_SOCK : platform::sock_accept(lfd);
+  if (s == INVALID_SOCK) {
+    *error = platform::last_error();
+    return Connection();
+  }
+  *error = 0;
+  Connection c(new i_Connection(s));
   i_Connection* ic = c.record();
   ic->readTimeout_s = static_cast<std::uint32_t>(getVarInt("sf.reader.readtimeout", 5));
-  socket_t lfd = p->fd.load();
-  setsocketblockingmode(lfd, false);
-  socket_t s = platform::sock_accept(lfd);
   setsocketblockingmode(s, true);
-  ic->fd = s;
-  ic->port = p;
   platform::set_rcvtimeo_ms(s, ic->readTimeout_s * 1000u);
   // A peer that stops reading must not hold a worker in send() for ever: a
   // send that makes no progress for as long as a read may wait fails, the
@@ -339,6 +346,19 @@ Connection tcp_accept(Port& port) {
   SF_LOG(1, "%llu.accept fd=%llu/id=%d on %s from %s", static_cast<ull>(lfd), static_cast<ull>(s),
          ic->id, ic->local.c_str(), ic->remote.c_str());
   NET_TRACE("accept", "", s, ic->id);
+  return c;
+}
+
+Connection tcp_accept(Port& port) {
+  socket_t lfd = port.p->fd.load();
+  setsocketblockingmode(lfd, false);
+  int error;
+  Connection c = sfi_accept(port, &error);
+  if (!c) {
+    // The failed accept shows as the blocking-mode call on no socket.
+    platform::set_last_error(error);
+    setsocketblockingmode(INVALID_SOCK, true);
+  }
   return c;
 }
 
@@ -401,12 +421,20 @@ void tcp_recv(Connection& c, Buffer& buf, TcpRecvType type, size_t n) {
   else
     SF_LOG(3, "%llu.tcp_recv offs=%zd nbytes_max=%zd on %s from %s", static_cast<ull>(s), offs, n,
            ic->local.c_str(), ic->remote.c_str());
-  if (type == RecvTillEof || type == RecvUptoNB) {
+  if ((type == RecvTillEof || type == RecvUptoNB) && !ic->nonBlocking) {
     if (platform::set_blocking(s, false) != 0) SF_THROW("tcp_recv.ioctlsocket", Xio());
   }
   if (type != RecvTillEof && n == 0) SF_THROW("tcp_recv.badmaxlength", Xio());
-  if (platform::set_blocking(s, false) != 0) SF_THROW("tcp_recv.ioctlsocket", Xio());
-  BlockingAgain restore{s};
+  if (!ic->nonBlocking && platform::set_blocking(s, false) != 0)
+    SF_THROW("tcp_recv.ioctlsocket", Xio());
+  BlockingAgain restore{ic->nonBlocking ? INVALID_SOCK : s};
+
+  // Bytes that have arrived already are served first.
+  total = sfi_takeInput(ic, buf, n);
+  if (total != 0 && type == RecvUptoNB) {
+    sfi_iodump("recv", ic, buf, total);
+    return;
+  }
 
   for (;;) {
     if (n != 0 && total >= n) break;
@@ -463,9 +491,71 @@ void tcp_write(Connection& c, const Buffer& buf) {
     if (chunk > 8192) chunk = 8192;
     long r = s == INVALID_SOCK ? -1 : platform::sock_send(s, buf.data + sent, chunk);
     SF_LOG(6, "%llu.send %d bytes", static_cast<ull>(s), static_cast<int>(chunk));
+    if (r < 0 && platform::err_would_block(platform::last_error())) {
+      // A non-blocking socket whose peer is slow to read: wait as long as a
+      // blocking send would have.
+      if (platform::wait_writable(s, static_cast<int>(ic->readTimeout_s * 1000u)) > 0) continue;
+      platform::set_last_error(platform::err_timed_out_code());
+    }
     if (r < 0) SF_THROW("tcp_write", Xio());
     sent += static_cast<std::uint32_t>(r);
   }
+}
+
+// ---- per-connection input ----
+
+std::size_t sfi_pending(const i_Connection* rec) {
+  return rec->input.size() - rec->inputPos;
+}
+
+std::size_t sfi_takeInput(i_Connection* rec, Buffer& buf, std::size_t n) {
+  std::size_t avail = sfi_pending(rec);
+  std::size_t take = n != 0 && n < avail ? n : avail;
+  if (take == 0) return 0;
+  buf.append(rec->input.data() + rec->inputPos, take);
+  rec->inputPos += take;
+  if (rec->inputPos == rec->input.size()) {
+    // All consumed: an idle connection keeps no buffer.
+    std::string().swap(rec->input);
+    rec->inputPos = 0;
+  }
+  return take;
+}
+
+void sfi_unreadInput(i_Connection* rec, const std::string& bytes) {
+  if (bytes.empty()) return;
+  rec->input = bytes + rec->input.substr(rec->inputPos);
+  rec->inputPos = 0;
+}
+
+std::size_t sfi_fillInput(i_Connection* rec, std::size_t max, bool* ended) {
+  // Received into scratch space first, so that the connection's own buffer
+  // only ever holds what arrived.
+  static thread_local char scratch[16384];
+  socket_t s = rec->fd.load();
+  std::size_t got = 0;
+  *ended = s == INVALID_SOCK;
+  while (!*ended && sfi_pending(rec) < max) {
+    std::size_t want = std::min(max - sfi_pending(rec), sizeof scratch);
+    long r = platform::sock_recv(s, scratch, want);
+    if (r > 0) {
+      if (rec->inputPos != 0) {
+        rec->input.erase(0, rec->inputPos);  // drop what was consumed before growing
+        rec->inputPos = 0;
+      }
+      rec->input.append(scratch, static_cast<std::size_t>(r));
+      got += static_cast<std::size_t>(r);
+      SF_LOG(3, "%llu.recv->%d bytes; total=%zd", static_cast<ull>(s), static_cast<int>(r), got);
+      if (static_cast<std::size_t>(r) < want) break;  // the socket has no more
+      continue;
+    }
+    int err = platform::last_error();
+    if (r < 0 && platform::err_interrupted(err)) continue;
+    if (r < 0 && platform::err_would_block(err)) break;
+    if (r < 0 && platform::err_conn_reset(err)) SF_LOG(4, "connection forcibly closed by client");
+    *ended = true;
+  }
+  return got;
 }
 
 // ---- the I/O dump ----

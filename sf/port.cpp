@@ -8,7 +8,7 @@
 
 #include "sf/detail/net.h"
 #include "sf/events.h"
-#include "sf/platform/thread.h"
+#include "sf/platform/syserr.h"
 #include "sf/sferr.h"
 #include "sf/sflib.h"
 #include "sf/tcl.h"
@@ -75,8 +75,15 @@ i_Port::~i_Port() {
   // connections, the event and the lock go with the members.
 }
 
-void i_Port::wake() {
-  if (readerThread.load() != platform::thread_id()) wakeup.notify();
+ReaderMailbox* i_Port::newMailbox() {
+  MxLock guard(lock);
+  mailboxes.emplace_back();
+  return &mailboxes.back();
+}
+
+void i_Port::wakeAll() {
+  MxLock guard(lock);
+  for (ReaderMailbox& m : mailboxes) m.wake();
 }
 
 // Neither setter takes the port lock: scripts call them holding the
@@ -101,15 +108,35 @@ std::string Port::name() const {
 
 size_t Port::connectionCount() const {
   if (!p) return 0;
-  MxLock guard(p->lock);
-  return p->connections.size();
+  return p->open.load();
 }
 
 // ---- binding ----
 
+namespace {
+
+// Whether a socket with SO_REUSEADDR could bind addr. On Linux such a bind
+// fails while another socket listens on the port, but not over connections
+// that a previous server closed itself (TIME_WAIT). Leaves the system error
+// as it found it.
+bool onlyLeftoversHold(const PortAddr& addr) {
+  const int error = platform::last_error();
+  socket_t s = platform::sock_stream(addr.addr->family());
+  bool free = s != INVALID_SOCK && platform::set_reuseaddr(s, 1) == 0 &&
+              platform::sock_bind(s, addr.addr->addr(), addr.addr->addrlen()) == 0;
+  if (s != INVALID_SOCK) platform::sock_close(s);
+  platform::set_last_error(error);
+  return free;
+}
+
+}  // namespace
+
 // The socket is bound twice on purpose: the first pass, without address
 // reuse, proves that nobody else holds the port; the socket kept is a second
 // one bound with SO_REUSEADDR, so that a restart finds the port free at once.
+// A first pass refused only because of the previous server's closed
+// connections (a bind without reuse refuses those for a minute) is proof
+// enough.
 socket_t bindUserSock(const PortAddr& addr) {
   socket_t s = INVALID_SOCK;
   for (int pass = 0; pass < 2; ++pass) {
@@ -135,6 +162,7 @@ socket_t bindUserSock(const PortAddr& addr) {
       SF_THROW("bindUserSock", Xio());
     }
     if (platform::sock_bind(s, addr.addr->addr(), addr.addr->addrlen()) != 0) {
+      if (pass == 0 && onlyLeftoversHold(addr)) continue;
       SF_SYSFAIL(-1, "bind(s, addr.addr->addr(), addr.addr->addrlen())");
       platform::sock_close(s);
       SF_THROW("bindUserSock", Xio());

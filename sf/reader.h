@@ -1,14 +1,15 @@
 // The reader loop: one thread per listening port.
 //
-// Reader::run waits on the listening socket and on every open, unreserved
-// connection of its port, accepts new clients, reads one PDU at a time from a
-// ready connection through its adaptor chain, wraps it in a Message and hands
-// it to validate(), which subclasses use to deliver it (normally onto a named
-// queue). Readiness is waited for with poll, so there is no limit on the
-// number or size of descriptors; a worker that gives a connection back, or
-// closes one, wakes the reader at once. A pass still ends after 10 seconds
-// without activity, which is when an idle reader notices a stop request that
-// came without a wake-up.
+// Reader::run waits on the listening socket and on the port's connections
+// through the platform's event backend, accepts new clients, and takes what
+// arrives on a connection into its input without ever waiting for a client.
+// Once the top adaptor's framing step says a whole message is there, it
+// reads it through the adaptor chain (from memory), wraps it in a Message
+// and hands it to validate(), which subclasses use to deliver it (normally
+// onto a named queue). An unfinished message has a deadline (the read
+// time-out); an adaptor that cannot frame gets a blocking read. A worker that
+// gives a connection back, or closes one, wakes the reader at once. A pass
+// still ends after 10 seconds without activity.
 #pragma once
 
 #include <string>
@@ -32,8 +33,8 @@ class Reader {
   virtual bool handleReject();
   virtual ~Reader();
 
-  // Serves port until shutdown is requested and no connection has buffered
-  // data; then closes the listening socket and notifies the port's closed
+  // Serves port until shutdown is requested and no connection has bytes
+  // waiting; then closes the listening socket and notifies the port's closed
   // event. target is handed to every validate(); extra is ignored.
   void run(Port port, const char* target, const char* extra);
 };

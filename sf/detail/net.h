@@ -3,13 +3,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "sf/connection.h"
 #include "sf/i_mx.h"
-#include "sf/platform/poll.h"
+#include "sf/platform/events.h"
 #include "sf/platform/socket.h"
 #include "sf/port.h"
 
@@ -36,6 +37,32 @@ class i_LocalPortAddr : public i_PortAddr {
   int addrlen() const override { return 0; }
 };
 
+class i_Connection;
+
+// Where one reader thread hears about its connections from other threads: a
+// connection given back by a worker, or closed. Posting wakes the reader.
+class ReaderMailbox {
+ public:
+  // Keeps a handle on rec until the reader takes it; ignored once the
+  // reader has left, and when the caller is the reader itself.
+  void post(i_Connection* rec);
+  // What was posted since the last call.
+  std::vector<Connection> take();
+  // Kicks the reader out of its wait without posting anything.
+  void wake() { wakeup.notify(); }
+  // The reader thread starts or stops listening here.
+  void open(std::uint32_t thread);
+  void close();
+
+  platform::Wakeup wakeup;
+
+ private:
+  std::mutex lock_;
+  std::vector<Connection> posted_;
+  std::atomic<std::uint32_t> thread_{0};
+  std::atomic<bool> open_{false};
+};
+
 class i_Port {
  public:
   i_Port(const std::string& name_, socket_t fd_);
@@ -45,8 +72,7 @@ class i_Port {
 
   std::string name;
   std::atomic<socket_t> fd;
-  Mx lock;
-  std::vector<Connection> connections;
+  Mx lock;                   // guards mailboxes
   std::string acceptAction;  // under actionLock: set from scripts while the reader runs
   Event closed;
   std::atomic<std::int32_t> idleTimeout_s;
@@ -56,15 +82,18 @@ class i_Port {
     return acceptAction;
   }
 
-  // Kicks the reader out of its wait: a connection was given back or closed,
-  // or shutdown was requested.
-  platform::Wakeup wakeup;
-  // Set while a reader serves this port; its thread does not wake itself.
+  // Connections accepted on this port and still served by its readers.
+  std::atomic<std::size_t> open{0};
+  // One per reader thread that ever served the port; never shrinks, so a
+  // connection's pointer to its reader's mailbox stays valid.
+  std::deque<ReaderMailbox> mailboxes;
+  // Set while a reader serves this port.
   std::atomic<bool> readerRunning{false};
-  std::atomic<std::uint32_t> readerThread{0};
 
-  // Wakes the reader unless the caller is the reader itself.
-  void wake();
+  // A mailbox for a new reader thread.
+  ReaderMailbox* newMailbox();
+  // Kicks every reader of the port out of its wait (shutdown).
+  void wakeAll();
 };
 
 class i_Connection {
@@ -85,9 +114,16 @@ class i_Connection {
   Adaptor* top;
   std::vector<MessageQ*> closeNotify;
 
-  // The port this connection was accepted on (null for outgoing ones): its
-  // reader is woken when the connection is given back or closed.
-  i_Port* port;
+  // The mailbox of the reader thread that accepted this connection (null
+  // for outgoing ones): it hears when the connection is given back or closed.
+  std::atomic<ReaderMailbox*> mailbox;
+  // Bytes that arrived and that no read has consumed yet: input[inputPos..].
+  // Filled by the reader, consumed by tcp_recv before it touches the socket.
+  std::string input;
+  std::size_t inputPos;
+  // Accepted sockets are non-blocking: nothing ever waits in recv or send
+  // without a time-out of its own.
+  bool nonBlocking;
   // The descriptor stays allocated after the close step (which only shuts it
   // down and marks fd invalid) until the record is destroyed, so that no
   // other thread still holding the number reads from a reused descriptor.
@@ -112,6 +148,22 @@ void sfi_postCloseNotice(MessageQ* q, const std::string& sid);
 
 // Wakes every running reader (shutdown).
 void sfi_wakeAllReaders();
+
+// The per-connection input.
+// Bytes waiting in rec's input.
+std::size_t sfi_pending(const i_Connection* rec);
+// Appends up to n (0: all) waiting bytes to buf; returns how many.
+std::size_t sfi_takeInput(i_Connection* rec, Buffer& buf, std::size_t n);
+// Puts bytes in front of the waiting ones (an adaptor read them too far).
+void sfi_unreadInput(i_Connection* rec, const std::string& bytes);
+// Receives what the socket has, without waiting, until max bytes wait or
+// the socket has no more; sets *ended when the peer closed or reset it.
+// Returns the bytes received.
+std::size_t sfi_fillInput(i_Connection* rec, std::size_t max, bool* ended);
+
+// Accepts one client of port without waiting: a new connection, or one
+// without a record when accept failed, with *error the system's reason.
+Connection sfi_accept(Port& port, int* error);
 
 // Calls fn for every entry of the shared-port table, in key order.
 void sfi_forEachSharedPort(void (*fn)(const std::string& key, i_Port* port, void* arg), void* arg);

@@ -59,13 +59,19 @@ long sock_send(sock_t s, const void* buf, size_t n);
 // Classes of last_error() after a failed receive or send.
 bool err_would_block(int e);
 bool err_timed_out(int e);
+// The code err_timed_out() recognises.
+int err_timed_out_code();
 // Reset, aborted, broken pipe: the peer is gone.
 bool err_conn_reset(int e);
 bool err_interrupted(int e);
+// Out of descriptors or kernel memory (an accept that may work later).
+bool err_out_of_descriptors(int e);
 
 // Waits up to timeout_ms (-1: for ever) for s to become readable; 1 ready,
 // 0 time-out, -1 error.
 int wait_readable(sock_t s, int timeout_ms);
+// The same for room to send.
+int wait_writable(sock_t s, int timeout_ms);
 
 }  // namespace platform
 }  // namespace sf

@@ -32,6 +32,35 @@ def poll(pred, timeout, what):
     raise AssertionError(what())
 
 
+def clean_env(**extra):
+    """The environment without this library's variables, plus extra."""
+    env = {k: v for k, v in os.environ.items() if not k.startswith(("SF", "TAVO", "ESTAT"))}
+    env.update(extra)
+    return env
+
+
+def run_until(cmd, marker, sig=signal.SIGTERM, **kw):
+    """Starts cmd, reads its standard error up to a line holding marker and
+    sends sig; returns the exit status and all of standard error."""
+    p = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **kw)
+    seen = []
+    for line in p.stderr:
+        seen.append(line)
+        if marker in line:
+            break
+    p.send_signal(sig)
+    _, err = p.communicate(timeout=60)
+    return p.returncode, "".join(seen) + err
+
+
+def read(path):
+    try:
+        with open(path, errors="replace") as f:
+            return f.read()
+    except FileNotFoundError:
+        return ""
+
+
 def can_connect(port):
     try:
         socket.create_connection(("127.0.0.1", port), timeout=1).close()
@@ -52,15 +81,27 @@ class Site:
         self.write("etc/config.tcl", config)
         if start is not None:
             self.write("etc/start.tcl", start)
-        self.env = {k: v for k, v in os.environ.items()
-                    if not k.startswith(("SF", "TAVO", "ESTAT"))}
-        self.env["TAVODATDIR"] = self.root
+        self.env = clean_env(TAVODATDIR=self.root)
         self.proc = self._err = None
         self.log = os.path.join(self.root, "stderr.txt")
 
+    def path(self, rel):
+        return os.path.join(self.root, rel)
+
     def write(self, rel, text):
-        with open(os.path.join(self.root, rel), "w") as f:
+        with open(self.path(rel), "w") as f:
             f.write(text.replace("@PORT@", str(self.port)))
+
+    def command(self, *args):
+        return [SFHOST, "-rootdir", self.root, "-datdir", self.root, *args]
+
+    def run(self, *args, timeout=60):
+        """Runs sfhost on this site to its end."""
+        return subprocess.run(self.command(*args), cwd=self.root, env=self.env,
+                              capture_output=True, text=True, timeout=timeout)
+
+    def run_until(self, marker, *args, sig=signal.SIGTERM):
+        return run_until(self.command(*args), marker, sig, cwd=self.root, env=self.env)
 
     def start(self, level=3):
         """Starts sfhost with its log on stderr (kept in stderr.txt)."""
@@ -78,11 +119,7 @@ class Site:
         poll(up, timeout, lambda: "sfhost does not listen on %d" % self.port)
 
     def text(self):
-        try:
-            with open(self.log, errors="replace") as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
+        return read(self.log)
 
     def wait_log(self, needle, timeout=30.0):
         poll(lambda: needle in self.text(), timeout,
@@ -104,12 +141,16 @@ class Site:
         self.stop()
         if self._err:
             self._err.close()
-        for name in shm_names(self.root):
-            try:
-                os.unlink("/dev/shm/" + name)
-            except FileNotFoundError:
-                pass
+        remove_shm(self.root)
         self.tmp.cleanup()
+
+
+def remove_shm(tavodatdir):
+    for name in shm_names(tavodatdir):
+        try:
+            os.unlink("/dev/shm/" + name)
+        except FileNotFoundError:
+            pass
 
 
 ECHO_CONFIG = """

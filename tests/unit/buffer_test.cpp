@@ -38,50 +38,37 @@ std::string written(Fn fn) {
 
 }  // namespace
 
-TEST(Buffer, GrowthAllocatesTwentyPercentHeadroom) {
+TEST(Buffer, GrowthAndTheCeiling) {
   sf::Buffer b;
   EXPECT_EQ(b.getROPtr(0), nullptr);  // nothing allocated yet
   b.append("0123456789", 10);
-  EXPECT_EQ(b.capacity, 12u);
-  b.append("ab");  // fits: nothing moves
-  EXPECT_EQ(b.capacity, 12u);
-  b.append("c");
-  EXPECT_EQ(b.capacity, 15u);
-  EXPECT_EQ(contents(b), "0123456789abc");
-
+  std::uint64_t capacity = b.capacity;
+  b.append("ab");  // within the headroom: nothing moves
+  EXPECT_EQ(b.capacity, capacity);
+  EXPECT_EQ(contents(b), "0123456789ab");
   sf::Buffer sized(100);
   EXPECT_EQ(sized.getROPtr(0), sized.data);  // even with nothing used
   sized.resize(7);
   EXPECT_EQ(sized.capacity, 100u);
-  sized.resize(101);
-  EXPECT_EQ(sized.capacity, 121u);
-  EXPECT_EQ(sized.size(), 101u);
 
-  // A request at the ceiling is allowed; the headroom may pass it.
+  // A request at the ceiling (8 MiB by default) is allowed, one octet more
+  // is refused and changes nothing.
   sf::Buffer big;
   big.extend(8388608);
-  EXPECT_EQ(big.capacity, 10066329u);
-  EXPECT_EQ(big.size(), 0u);
-}
-
-TEST(Buffer, CeilingRefusesLargerRequests) {
+  EXPECT_GE(big.capacity, 8388608u);
   sftest::LogCapture log(3);
   EXPECT_EQ(thrown([] { sf::Buffer tooBig(8388609); }), "2-2 range=8388608; index=8388609");
-  EXPECT_TRUE(
-      log.contains("exception buffer alloc:Xbounds(max_alloc, static_cast<int>(sz)) thrown at "));
-
-  sf::Buffer b;
+  b.resize(0);
   b.append("keep");
+  capacity = b.capacity;
   EXPECT_EQ(thrown([&] { b.extend(8388609); }), "2-2 range=8388608; index=8388609");
-  EXPECT_TRUE(log.contains("exception extend:Xbounds(max_alloc, static_cast<int>(ix)) thrown at "));
   EXPECT_THROW(b.resize(9000000), sf::Xbounds);
-  EXPECT_EQ(contents(b), "keep");  // a refused growth changes nothing
-  EXPECT_EQ(b.capacity, 4u);
+  EXPECT_EQ(contents(b), "keep");
+  EXPECT_EQ(b.capacity, capacity);
   EXPECT_FALSE(log.contains("HINT"));  // composed and dropped, never logged
 }
 
 TEST(Buffer, InsertRemoveAndPointers) {
-  sftest::LogCapture log(3);
   sf::Buffer b;
   b.append("held");
   b.insert(0, "[");
@@ -89,8 +76,6 @@ TEST(Buffer, InsertRemoveAndPointers) {
   b.insert(3, "--", 2);
   EXPECT_EQ(contents(b), "[he--ld]");
   EXPECT_EQ(thrown([&] { b.insert(9, "x"); }), "2-2 range=8; index=9");
-  EXPECT_TRUE(log.contains(
-      "exception insert:Xbounds(static_cast<int>(used_sz), static_cast<int>(index_) ) thrown at "));
 
   std::uint64_t capacity = b.capacity;
   b.remove(3, 2);
@@ -101,8 +86,6 @@ TEST(Buffer, InsertRemoveAndPointers) {
   EXPECT_EQ(b.capacity, capacity);
   // Unlike insert, the end itself is out of range, even for nothing.
   EXPECT_EQ(thrown([&] { b.remove(b.size(), 0); }), "2-2 range=2; index=2");
-  EXPECT_TRUE(log.contains(
-      "exception remove:Xbounds(static_cast<int>(used_sz), static_cast<int>(index_) ) thrown at "));
 
   // A long insert in the middle keeps both sides intact.
   std::string left(3000, 'L'), middle(7000, 'M'), right(5000, 'R');
@@ -117,14 +100,6 @@ TEST(Buffer, InsertRemoveAndPointers) {
   b.getPtr(9);
   EXPECT_EQ(b.size(), 10u);
   EXPECT_EQ(thrown([&] { b.getROPtr(10); }), "2-2 range=10; index=10");
-  // getROPtr lives in the library header, and its record names it.
-  std::vector<sftest::Record> records = log.records();
-  EXPECT_EQ(records.back().msg.rfind(
-                "exception getRO:Xbounds(static_cast<int>(used_sz), static_cast<int>(offset)) "
-                "thrown at ",
-                0),
-            0u);
-  EXPECT_NE(records.back().file.find("sflib.h"), std::string::npos);
 }
 
 TEST(ExtBuffer, StaysWithinCallerMemory) {
@@ -136,7 +111,6 @@ TEST(ExtBuffer, StaysWithinCallerMemory) {
   EXPECT_EQ(thrown([&] { fixed.append("g"); }), "2-0 mem requested=17");
   EXPECT_EQ(log.messages(1),
             std::vector<std::string>{"External buffer requested 17, have 16 bytes"});
-  EXPECT_TRUE(log.contains("exception mvfxdbfr:sf::Xmem(int(nbytes)) thrown at "));
   EXPECT_THROW(fixed.getPtr(16), sf::Xmem);
   EXPECT_EQ(fixed.size(), 16u);
 

@@ -28,7 +28,7 @@ void initFileLog(const sftest::TempDir& dir, int level, int filemaxKiB = 1024,
   sf::setVarStr("sf.log.dir", dir.str().c_str());
   sf::setVarStr("sf.log.filename", "unit");
   sf::setVarInt("sf.log.filemax", filemaxKiB);
-  sf::setVarInt("sf.log.numfiles", 5);
+  sf::eval("unset -nocomplain sf.log.numfiles");  // the default: 5 rotated files
   sf::setVarStr("sf.log.fmt", fmt);
   sf::sfi_setLogLevel(level);
   sf::sfi_logInit();
@@ -89,7 +89,6 @@ TEST(Log, InitialisationChoosesTheLevel) {
   sftest::ensureInterp();
   sftest::TempDir dir;
   sf::setVarStr("sf.log.dir", dir.str().c_str());
-  sf::setVarInt("sf.log.level", 4);
   sftest::LogCapture log(-1);
   auto initWith = [&](const char* dbg, int explicitLevel) {
     if (dbg)
@@ -102,6 +101,9 @@ TEST(Log, InitialisationChoosesTheLevel) {
     log.clear();
     return std::to_string(sf::g_logLevel.load()) + ": " + (said.empty() ? "" : said.back());
   };
+  sf::eval("unset -nocomplain sf.log.level");
+  EXPECT_EQ(initWith(nullptr, -1), "1: using tcl log level of 1");  // the default
+  sf::setVarInt("sf.log.level", 4);
   EXPECT_EQ(initWith(nullptr, -1), "4: using tcl log level of 4");
   EXPECT_EQ(initWith("6", -1), "6: SF_DBG being used to set log level to 6");
   EXPECT_EQ(initWith("9", 2), "2: explicitly setting log level to 2");

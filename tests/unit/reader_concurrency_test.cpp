@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -120,6 +121,48 @@ TEST(Reader, EchoesManyConcurrentClientsAndPipelinedPdus) {
   }
   for (auto& t : clients) t.join();
   EXPECT_EQ(good.load(), kClients);
+}
+
+namespace {
+// Messages are lines: whole once their newline is there. Reads go through a
+// pushback layer, which keeps what follows the line for the next read.
+class Lines : public sf::Adaptor {
+ public:
+  Lines() : sf::Adaptor(new sf::PushbackSandwich(nullptr)) {}
+  sf::Framing frame(sf::Connection*, const char* data, size_t len) override {
+    return memchr(data, '\n', len) ? sf::Framing::Whole : sf::Framing::Header;
+  }
+  void readPdu(sf::Connection* c, sf::Buffer& buf) override {
+    sf::Buffer got(0);
+    next->readUptoNB(c, got, 4096);
+    size_t end = std::string(got.data, got.size()).find('\n') + 1;
+    buf.append(got.data, end);
+    if (end < got.size()) next->pushback(got.data + end, got.size() - end);
+  }
+  void write(sf::Connection* c, const sf::Buffer& buf) override { next->write(c, buf); }
+};
+class LineReader : public sf::TclReader {
+ public:
+  void acceptHook(sf::Connection& c) override { c.push(new Lines); }
+};
+}  // namespace
+
+// A client that sends part of a message delays nobody, may finish it, and
+// is cut off when it stays unfinished past the read time-out.
+TEST(Reader, UnfinishedMessagesWaitWithoutDelayingOthersUntilTheirDeadline) {
+  setUp();
+  sf::setVarInt("sf.reader.readtimeout", 1);
+  Service svc("line-q", new LineReader);
+  pf::sock_t slow = connectTo(svc.portno), good = connectTo(svc.portno);
+  ASSERT_TRUE(sendAll(slow, "part"));
+  EXPECT_TRUE(echoes(good, "one\ntwo\n"));  // pipelined, served from what arrived
+  ASSERT_TRUE(sendAll(slow, "ly\n"));
+  EXPECT_EQ(recvN(slow, 7), "partly\n");
+  ASSERT_TRUE(sendAll(slow, "never finished"));
+  char c;
+  EXPECT_EQ(pf::sock_recv(slow, &c, 1), 0);  // closed at the deadline, not timed out here
+  EXPECT_TRUE(echoes(good, "still served\n"));
+  for (pf::sock_t s : {slow, good}) pf::sock_close(s);
 }
 
 namespace {

@@ -86,14 +86,12 @@ TEST(BerEncoder, LengthAndTagEncodings) {
   // A tag that does not fit one octet: what came before stays.
   SfBerComponentEncoder h;
   h.InsertInteger(5, 0x02);
-  sftest::LogCapture log(3);
   try {
     h.InsertChunk(0x1FF, "ab", 2, true);
     FAIL() << "no exception";
   } catch (const sf::Xber& x) {
     EXPECT_EQ(x.GetError(), sf::Ber::TAG_OUT_OF_BOUNDS);
   }
-  EXPECT_TRUE(log.contains("exception tagbnds:sf::Xber( sf::Ber::TAG_OUT_OF_BOUNDS ) thrown at "));
   EXPECT_EQ(bytesOf(h), (Bytes{0x02, 0x01, 0x05}));
 }
 

@@ -52,7 +52,6 @@ TEST(Timer, ClockCarriesOnAcrossTheTickWrap) {
 
 TEST(Timer, FiresInExpiryOrderAndEqualDelaysInMakingOrder) {
   setUp();
-  sftest::LogCapture log(4);
   sf::MessageQ q(64, "order");
   // Made latest-first, far apart so a slow machine cannot reorder them.
   for (int i = 5; i >= 1; --i) sf::mkTimeout_rel(0, i * 150000, &q, new Counted(100 + i));
@@ -65,9 +64,6 @@ TEST(Timer, FiresInExpiryOrderAndEqualDelaysInMakingOrder) {
     order.push_back(tagOf(m));
   }
   EXPECT_EQ(order, (std::vector<int>{-1, 101, 102, 103, 104, 105, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
-  EXPECT_TRUE(log.contains("mkTimeout_gen(): inserted timeout"));
-  EXPECT_TRUE(log.contains("appended timeout"));
-  EXPECT_TRUE(log.contains("due, popping front of queue"));
 }
 
 TEST(Timer, MicrosecondsAreNotCarriedIntoSeconds) {
@@ -212,8 +208,10 @@ TEST(Timer, ScriptCommandsArmAndCancel) {
   sf::eval(("sf_rmTmr " + std::to_string(second)).c_str());
   EXPECT_TRUE(log.contains("removed timeout " + std::to_string(second)));
   EXPECT_THROW(sf::eval("sf_mkTmr tmr-script"), sf::Xtcl);
-  EXPECT_THROW(sf::eval("sf_mkTmr tmr-script -5"), sf::Xtcl);
-  EXPECT_TRUE(log.contains("sf_mkTmr: negative delay -5 0 refused"));
+  for (const char* negative : {"-5 0", "0 -5"}) {
+    EXPECT_THROW(sf::eval((std::string("sf_mkTmr tmr-script ") + negative).c_str()), sf::Xtcl);
+    EXPECT_TRUE(log.contains(std::string("sf_mkTmr: negative delay ") + negative + " refused"));
+  }
 }
 
 }  // namespace

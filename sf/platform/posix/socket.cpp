@@ -188,21 +188,36 @@ bool err_would_block(int e) {
 bool err_timed_out(int e) {
   return e == ETIMEDOUT;
 }
+int err_timed_out_code() {
+  return ETIMEDOUT;
+}
 bool err_conn_reset(int e) {
   return e == ENETRESET || e == ECONNABORTED || e == ECONNRESET || e == EPIPE;
 }
 bool err_interrupted(int e) {
   return e == EINTR;
 }
+bool err_out_of_descriptors(int e) {
+  return e == EMFILE || e == ENFILE || e == ENOBUFS || e == ENOMEM;
+}
 
-int wait_readable(sock_t s, int timeout_ms) {
+namespace {
+int waitFor(sock_t s, short events, int timeout_ms) {
   pollfd p;
   p.fd = fdof(s);
-  p.events = POLLIN;
+  p.events = events;
   p.revents = 0;
   int r = ::poll(&p, 1, timeout_ms);
   if (r > 0) return 1;
   return r;
+}
+}  // namespace
+
+int wait_readable(sock_t s, int timeout_ms) {
+  return waitFor(s, POLLIN, timeout_ms);
+}
+int wait_writable(sock_t s, int timeout_ms) {
+  return waitFor(s, POLLOUT, timeout_ms);
 }
 
 }  // namespace platform

@@ -1,0 +1,89 @@
+// One reader thread's event loop over the connections it accepted on a port.
+// Internal to the library; Reader::run drives it.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <set>
+#include <unordered_map>
+#include <utility>
+
+#include "sf/adaptor.h"
+#include "sf/detail/net.h"
+#include "sf/platform/events.h"
+
+namespace sf {
+
+class Reader;
+
+struct ReaderSettings {
+  int maxConnections;  // sf.maxConnections, 0: no limit
+  int alarmSeconds;    // sf.connWaitingAlarmSeconds
+};
+// Read once per process.
+const ReaderSettings& readerSettings();
+
+class ReaderLoop {
+ public:
+  ReaderLoop(Reader* reader, i_Port* port, const char* target);
+  ~ReaderLoop();
+  ReaderLoop(const ReaderLoop&) = delete;
+  ReaderLoop& operator=(const ReaderLoop&) = delete;
+
+  // Serves the port until shutdown is requested and no connection has bytes
+  // waiting; the caller closes the port.
+  void run();
+
+ private:
+  typedef std::int64_t Ms;  // monotonic milliseconds
+
+  // What the loop knows about one connection.
+  struct Entry {
+    Connection c;
+    socket_t fd;                       // as registered in the event set
+    bool armed = true;                 // watched for its next bytes
+    bool ended = false;                // the peer closed its side
+    Framing state = Framing::Unknown;  // the last answer for an unfinished message
+    size_t framed = 0;                 // bytes the last framing answer saw
+    Ms deadline = 0;                   // when the unfinished message runs out of time; 0: none
+  };
+
+  // The pieces of one pass.
+  int waitMs(Ms now) const;
+  void dispatch(std::uint64_t key, Ms now);
+  void readMail(Ms now);
+  void serveAgain(Ms now);
+  void expire(Ms now);
+  void superviseAccepting(Ms now);
+
+  // Accepting.
+  void acceptClients(Ms now);
+  bool admit(Connection& fresh);
+  void watchListening(bool on);
+
+  // Serving a connection.
+  void onReadable(Entry& e, Ms now);
+  void process(Entry& e, Ms now);
+  Framing frame(Entry& e);
+  void serveOne(Connection& c);
+  void setDeadline(Entry& e, Ms when);
+  void arm(Entry& e);
+  void drop(int id);
+  bool anyWaiting() const;
+
+  Reader* reader_;
+  i_Port* port_;
+  const char* target_;
+  platform::EventSet set_;
+  ReaderMailbox* mailbox_;
+  std::unordered_map<int, Entry> conns_;
+  std::set<std::pair<Ms, int>> deadlines_;
+  std::deque<int> again_;  // served their burst with whole messages left
+
+  bool listening_ = false;    // the listening socket is in the event set
+  Ms acceptPausedUntil_ = 0;  // after an accept failure
+  bool acceptFailureLogged_ = false;
+  Ms nextAlarmCheck_ = 0;
+};
+
+}  // namespace sf

@@ -1,0 +1,63 @@
+// Readiness of many descriptors at once, at a cost per wait in proportion to
+// the descriptors that are ready, and a wake-up that another thread can kick
+// a waiting thread with.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace sf {
+namespace platform {
+
+// A set of descriptors watched for readability (a peer's close or an error
+// counts as readable). Each descriptor is added with a key that wait()
+// reports back. No limit on the number or value of descriptors.
+class EventSet {
+ public:
+  // How a descriptor is watched.
+  enum Mode {
+    Level,      // reported by every wait while it stays readable
+    Once,       // reported once, then ignored until rearm()
+    Exclusive,  // as Level, but of several sets watching it only one is woken
+                // (a listening socket that several threads accept on)
+  };
+
+  EventSet();
+  ~EventSet();
+  EventSet(const EventSet&) = delete;
+  EventSet& operator=(const EventSet&) = delete;
+
+  // 0 on success, -1 with last_error() set.
+  int add(std::uint64_t s, std::uint64_t key, Mode mode);
+  // Watches a descriptor added with Once again.
+  int rearm(std::uint64_t s, std::uint64_t key);
+  int remove(std::uint64_t s);
+
+  // Waits at most timeout_ms (0: just look, -1: for ever) and stores the keys
+  // of up to max ready descriptors. Returns their number, 0 on time-out or
+  // interrupt, -1 on error.
+  int wait(std::uint64_t* keys, int max, int timeout_ms);
+
+ private:
+  int fd_;
+};
+
+// A wake-up channel: notify() from any thread makes the descriptor readable
+// until drain() is called by the waiting thread. Cheap to notify repeatedly.
+class Wakeup {
+ public:
+  Wakeup();
+  ~Wakeup();
+  Wakeup(const Wakeup&) = delete;
+  Wakeup& operator=(const Wakeup&) = delete;
+
+  std::uint64_t fd() const;
+  void notify();
+  void drain();
+
+ private:
+  int fd_;
+};
+
+}  // namespace platform
+}  // namespace sf

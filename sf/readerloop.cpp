@@ -1,0 +1,486 @@
+// One reader thread's event loop: accept, wait, serve, sweep.
+//
+// Sockets are non-blocking. When one is readable the loop takes what has
+// arrived into the connection's input and asks the top adaptor whether a
+// whole message is there (the framing step); only then does readPdu run, and
+// it reads from memory. An adaptor that cannot tell (Unknown) gets today's
+// blocking readPdu. A message that is not complete has a deadline: its
+// header block must be complete, and its body must progress, within the
+// connection's read time-out.
+#include "sf/detail/readerloop.h"
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+
+#include "sf/message.h"
+#include "sf/platform/socket.h"
+#include "sf/platform/syserr.h"
+#include "sf/platform/thread.h"
+#include "sf/reader.h"
+#include "sf/runtime.h"
+#include "sf/sferr.h"
+#include "sf/sflib.h"
+#include "sf/tcl.h"
+
+namespace sf {
+
+namespace {
+
+typedef unsigned long long ull;
+
+// A pass ends after 10 seconds without activity.
+const int kPassMs = 10000;
+// Bytes taken from one socket per readiness, and the most a connection
+// holds beyond an unfinished message (the framing step bounds the message).
+const size_t kReadAhead = 64 * 1024;
+// Messages served from one connection before the others get their turn.
+const int kBurst = 16;
+// After an accept failed for lack of descriptors or memory.
+const int kAcceptPauseMs = 250;
+// Keys of the event set other than connection ids (which are below 2^31).
+const std::uint64_t kListenKey = 1ull << 40;
+const std::uint64_t kWakeKey = 1ull << 41;
+
+// The waiting-client alarm deadline, seconds since the epoch; 0 = not armed.
+std::atomic<std::int64_t> g_alarmDeadline{0};
+
+std::int64_t nowMs() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+void sendReject(Connection& c, Xreject& x) {
+  Adaptor* top = c.getAdaptor();
+  if (x.reply && top) top->reject(&c, *x.reply);
+  if (x.close) tcp_close(c);
+  delete x.reply;
+  x.reply = nullptr;
+}
+
+// Moves bytes the adaptors pushed back into the connection's input, ahead of
+// what arrived after them, so that the framing step sees the next message
+// from its first byte and reads are served from one place.
+void gatherPushedBack(Connection& c) {
+  std::string bytes;
+  for (Adaptor* a = c.getAdaptor(); a; a = a->next)
+    if (auto* pb = dynamic_cast<PushbackSandwich*>(a)) pb->takeAll(bytes);
+  sfi_unreadInput(c.record(), bytes);
+}
+
+}  // namespace
+
+const ReaderSettings& readerSettings() {
+  static const ReaderSettings s{getVarInt("sf.maxConnections", 0),
+                                getVarInt("sf.connWaitingAlarmSeconds", 120)};
+  return s;
+}
+
+ReaderLoop::ReaderLoop(Reader* reader, i_Port* port, const char* target)
+    : reader_(reader), port_(port), target_(target), mailbox_(port->newMailbox()) {
+  mailbox_->open(platform::thread_id());
+  set_.add(mailbox_->wakeup.fd(), kWakeKey, platform::EventSet::Level);
+  socket_t lfd = port_->fd.load();
+  if (lfd != INVALID_SOCK) platform::set_blocking(lfd, false);
+  watchListening(true);
+}
+
+ReaderLoop::~ReaderLoop() {
+  watchListening(false);
+  mailbox_->close();
+  port_->open -= conns_.size();
+}
+
+void ReaderLoop::run() {
+  std::uint64_t keys[64];
+  for (;;) {
+    try {
+      if (sfi_shuttingDown() && !anyWaiting()) return;
+      Ms now = nowMs();
+      int n = set_.wait(keys, 64, again_.empty() ? waitMs(now) : 0);
+      now = nowMs();
+      for (int i = 0; i < n; ++i) dispatch(keys[i], now);
+      readMail(now);
+      serveAgain(now);
+      expire(now);
+      superviseAccepting(now);
+    } catch (...) {
+      setContext(nullptr);
+      SF_LOG(1, "reader: exception during processing");
+    }
+  }
+}
+
+// ---- the pieces of a pass ----
+
+int ReaderLoop::waitMs(Ms now) const {
+  Ms wait = kPassMs;
+  if (!deadlines_.empty()) wait = std::min<Ms>(wait, deadlines_.begin()->first - now);
+  if (acceptPausedUntil_) wait = std::min<Ms>(wait, acceptPausedUntil_ - now);
+  if (nextAlarmCheck_) wait = std::min<Ms>(wait, nextAlarmCheck_ - now);
+  return wait < 0 ? 0 : static_cast<int>(wait);
+}
+
+void ReaderLoop::dispatch(std::uint64_t key, Ms now) {
+  if (key == kWakeKey) {
+    mailbox_->wakeup.drain();
+  } else if (key == kListenKey) {
+    acceptClients(now);
+  } else {
+    auto it = conns_.find(static_cast<int>(key));
+    if (it != conns_.end()) onReadable(it->second, now);
+  }
+}
+
+// Connections given back by workers, or closed by other threads.
+void ReaderLoop::readMail(Ms now) {
+  for (Connection& c : mailbox_->take()) {
+    auto it = conns_.find(c.nonce());
+    if (it == conns_.end() || it->second.c.record() != c.record()) continue;
+    process(it->second, now);
+  }
+}
+
+void ReaderLoop::serveAgain(Ms now) {
+  std::deque<int> turn;
+  turn.swap(again_);
+  for (int id : turn) {
+    auto it = conns_.find(id);
+    if (it != conns_.end()) process(it->second, now);
+  }
+}
+
+// Unfinished messages past their deadline are refused: 408 for HTTP (through
+// the top adaptor's reject), a plain close for raw TCP.
+void ReaderLoop::expire(Ms now) {
+  while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
+    int id = deadlines_.begin()->second;
+    deadlines_.erase(deadlines_.begin());
+    auto it = conns_.find(id);
+    if (it == conns_.end()) continue;
+    Entry& e = it->second;
+    e.deadline = 0;
+    i_Connection* rec = e.c.record();
+    std::string seconds = sfi_fmtlog("%d", static_cast<int>(rec->readTimeout_s));
+    logandreport3("09_sf_readtimeout_s_s_d", rec->local.c_str(), rec->remote.c_str(),
+                  seconds.c_str(), __FILE__, __LINE__);
+    try {
+      if (Adaptor* top = e.c.getAdaptor()) top->reject(&e.c, 408, nullptr);
+    } catch (const X& x) {
+      SF_LOG(3, "reader: refusing a late message failed - %s", x.str().c_str());
+    }
+    tcp_close(e.c);
+    drop(id);
+  }
+}
+
+// Accepting stops at the connection limit and for a while after a failure;
+// it resumes when the port is below the limit and the pause is over. While a
+// client waits at the limit the ALARM line comes every alarm period.
+void ReaderLoop::superviseAccepting(Ms now) {
+  const ReaderSettings& cfg = readerSettings();
+  bool atLimit =
+      cfg.maxConnections > 0 && port_->open.load() >= static_cast<size_t>(cfg.maxConnections);
+  if (acceptPausedUntil_ && now >= acceptPausedUntil_) acceptPausedUntil_ = 0;
+  watchListening(!atLimit && !acceptPausedUntil_);
+  if (!atLimit) {
+    nextAlarmCheck_ = 0;
+    return;
+  }
+  if (now < nextAlarmCheck_) return;
+  nextAlarmCheck_ = now + 1000;
+  socket_t lfd = port_->fd.load();
+  if (lfd == INVALID_SOCK || platform::wait_readable(lfd, 0) <= 0) return;  // nobody waits
+  std::int64_t secs = static_cast<std::int64_t>(time(nullptr));
+  std::int64_t deadline = g_alarmDeadline.load();
+  if (deadline == 0) {
+    g_alarmDeadline = secs + cfg.alarmSeconds;
+  } else if (secs >= deadline) {
+    SF_LOG(1,
+           "ALARM: Maximum %zd client connections are reached. New client connection "
+           "is waiting for %d seconds.",
+           port_->open.load(), cfg.alarmSeconds);
+    g_alarmDeadline = 0;
+  }
+}
+
+// ---- accepting ----
+
+void ReaderLoop::watchListening(bool on) {
+  socket_t lfd = port_->fd.load();
+  if (on == listening_ || (on && lfd == INVALID_SOCK)) return;
+  if (on && set_.add(lfd, kListenKey, platform::EventSet::Exclusive) != 0) {
+    SF_SYSFAIL(-1, "reader: cannot watch the listening socket");
+    return;
+  }
+  if (!on && lfd != INVALID_SOCK) set_.remove(lfd);
+  listening_ = on;
+}
+
+void ReaderLoop::acceptClients(Ms now) {
+  const ReaderSettings& cfg = readerSettings();
+  // A few per readiness, so that a crowd at the door cannot starve the
+  // connections already open.
+  for (int i = 0; i < 16; ++i) {
+    if (cfg.maxConnections > 0 && port_->open.load() >= static_cast<size_t>(cfg.maxConnections))
+      return;
+    Port port(port_);
+    int err = 0;
+    Connection fresh = sfi_accept(port, &err);
+    if (!fresh) {
+      if (platform::err_would_block(err)) return;  // another reader took it, or it went
+      if (!platform::err_out_of_descriptors(err)) {
+        SF_LOG(3, "reader: accept failed - %s", platform::error_text(err).c_str());
+        return;
+      }
+      if (!acceptFailureLogged_)
+        SF_LOG(1, "reader: cannot accept new clients - %s; accepting paused",
+               platform::error_text(err).c_str());
+      acceptFailureLogged_ = true;
+      acceptPausedUntil_ = now + kAcceptPauseMs;
+      watchListening(false);
+      return;
+    }
+    if (acceptFailureLogged_) SF_LOG(1, "reader: accepting new clients again");
+    acceptFailureLogged_ = false;
+    g_alarmDeadline = 0;
+    if (!admit(fresh)) continue;
+    i_Connection* rec = fresh.record();
+    socket_t fd = fresh.socketNo();
+    if (fd == INVALID_SOCK) continue;  // closed by the accept action
+    Entry& e = conns_[rec->id];
+    e.c = fresh;
+    e.fd = fd;
+    ++port_->open;
+    set_.add(fd, static_cast<std::uint64_t>(rec->id), platform::EventSet::Once);
+    sfi_armIdleTimer(fresh, port_->idleTimeout_s);
+  }
+}
+
+// The accept action and hook of a new connection; false when it failed (the
+// connection is released, and so closed).
+bool ReaderLoop::admit(Connection& fresh) {
+  try {
+    setsocketblockingmode(fresh.socketNo(), false);
+    i_Connection* rec = fresh.record();
+    rec->nonBlocking = true;
+    rec->mailbox = mailbox_;
+    fresh.push(new TcpAdaptor);
+    getContext()->conn = fresh;
+    std::string action = port_->getAcceptAction();
+    if (!action.empty()) eval(action.c_str());
+    setContext(nullptr);
+    reader_->acceptHook(fresh);
+    return true;
+  } catch (const Xclosed&) {
+    SF_LOG(3, "reader: connection closed detected before full acceptance");
+  } catch (const X& x) {
+    SF_LOG(3, "reader: caught exception - %s", x.str().c_str());
+  } catch (...) {
+    SF_LOG(1, "reader: caught unexpected exception");
+  }
+  setContext(nullptr);
+  fresh.record()->mailbox = nullptr;
+  return false;
+}
+
+// ---- serving ----
+
+void ReaderLoop::onReadable(Entry& e, Ms now) {
+  e.armed = false;
+  if (e.c.isReserved()) return;  // the worker's give-back brings it back
+  bool ended = false;
+  if (e.c.socketNo() != INVALID_SOCK) sfi_fillInput(e.c.record(), kReadAhead, &ended);
+  if (ended) e.ended = true;
+  process(e, now);
+}
+
+// Serves every whole message the connection holds (up to a burst), then
+// either waits for its next bytes or leaves it to the worker that took it.
+void ReaderLoop::process(Entry& e, Ms now) {
+  int id = e.c.nonce();
+  for (int served = 0;; ++served) {
+    if (e.c.socketNo() == INVALID_SOCK) {
+      SF_LOG(8, "dropping closed connection %d", id);
+      drop(id);
+      return;
+    }
+    if (e.c.isReserved()) return;
+    gatherPushedBack(e.c);
+    size_t len = sfi_pending(e.c.record());
+    if (len == 0 && !e.c.hasBufferedData()) {
+      setDeadline(e, 0);
+      e.state = Framing::Unknown;
+      e.framed = 0;
+      if (e.ended) {
+        SF_LOG(5, "reader: connection closed detected");
+        tcp_close(e.c);
+        drop(id);
+        return;
+      }
+      arm(e);
+      return;
+    }
+    Framing f = len == e.framed ? e.state : frame(e);
+    if (e.c.socketNo() == INVALID_SOCK) continue;  // refused by the framing step
+    if (f == Framing::Header || f == Framing::Body) {
+      // Header: the block must be complete within the time-out of its first
+      // byte. Body: each arrival of bytes buys another time-out.
+      bool progress = len > e.framed;
+      Ms limit = now + static_cast<Ms>(e.c.readTimeout_s()) * 1000;
+      if (e.deadline == 0 || f != e.state || (f == Framing::Body && progress))
+        setDeadline(e, limit);
+      e.state = f;
+      e.framed = len;
+      if (e.ended) {  // the rest can never come
+        SF_LOG(5, "reader: connection closed detected");
+        tcp_close(e.c);
+        drop(id);
+        return;
+      }
+      if (len < kReadAhead || f == Framing::Body) arm(e);
+      return;
+    }
+    if (served == kBurst) {
+      again_.push_back(id);
+      return;
+    }
+    setDeadline(e, 0);
+    e.state = Framing::Unknown;
+    e.framed = 0;
+    serveOne(e.c);
+  }
+}
+
+// The top adaptor's framing answer for what the connection holds. A message
+// it refuses is answered as a refused read would be.
+Framing ReaderLoop::frame(Entry& e) {
+  Adaptor* top = e.c.getAdaptor();
+  i_Connection* rec = e.c.record();
+  if (!top) return Framing::Unknown;
+  ull fd = static_cast<ull>(e.c.socketNo());
+  try {
+    return top->frame(&e.c, rec->input.data() + rec->inputPos, sfi_pending(rec));
+  } catch (Xreject& x) {
+    SF_LOG(3, "%llu.reader: caught exception ...generating reject", fd);
+    e.c.reserve();
+    sendReject(e.c, x);
+    e.c.unreserve(false);
+  } catch (...) {
+    SF_LOG(1, "reader: caught exception during read...disconnecting");
+  }
+  tcp_close(e.c);
+  return Framing::Unknown;
+}
+
+void ReaderLoop::serveOne(Connection& c) {
+  // Gives the reader's reservation back however the read or validation
+  // ends, so that the connection is not hidden from the reader for ever.
+  struct Reservation {
+    Connection& c;
+    ~Reservation() {
+      try {
+        c.unreserve(false);
+      } catch (...) {
+      }
+    }
+  };
+  c.reserve();
+  Reservation hold{c};
+
+  sfi_cancelIdleTimer(c);
+  sfi_armIdleTimer(c, port_->idleTimeout_s);
+
+  TransactionContext* ctx = getContext();
+  ctx->conn = c;
+  Message* msg = reader_->mkMsg();
+  msg->createdAt = static_cast<std::int64_t>(time(nullptr));
+  msg->data = new Buffer(0);
+  msg->conn = c;
+  ctx->message = msg;
+  struct ContextReset {
+    ~ContextReset() { setContext(nullptr); }
+  } reset;
+
+  ull fd = static_cast<ull>(c.socketNo());
+  SF_LOG(5, "reader reading on ready %llu", fd);
+  try {
+    c.read(*msg->data);
+  } catch (Xreject& x) {
+    SF_LOG(3, "%llu.reader: caught exception ...generating reject", fd);
+    ctx->message = nullptr;
+    delete msg;
+    sendReject(c, x);
+    return;
+  } catch (const Xclosed&) {
+    SF_LOG(5, "reader: connection closed detected");
+    ctx->message = nullptr;
+    delete msg;
+    tcp_close(c);
+    return;
+  } catch (...) {
+    SF_LOG(1, "reader: caught exception during read...disconnecting");
+    ctx->message = nullptr;
+    delete msg;
+    tcp_close(c);
+    return;
+  }
+
+  try {
+    reader_->validate(msg, target_);
+  } catch (Xreject& x) {
+    SF_LOG(3, "%llu.reader: caught exception ...generating reject", fd);
+    sendReject(c, x);
+  } catch (const X&) {
+    SF_LOG(3, "%llu.reader: caught exception ...generating reject", fd);
+    if (Adaptor* top = c.getAdaptor()) top->reject(&c, 0, nullptr);
+  }
+
+  // A message that validate delivered belongs to its queue now and may
+  // already be gone; only one still in the context is ours to mark.
+  if (c.record() && c.record()->reserved.load() > 1) {
+    if (ctx->message == msg) msg->reserved = true;
+    SF_LOG(5, "conn %llu reserved", fd);
+  }
+  if (ctx->message == msg) {
+    // Nothing delivered it: nobody else will ever own it.
+    SF_LOG(5, "reader: message on %llu not delivered, dropped", fd);
+    delete msg;
+  }
+  ctx->message = nullptr;
+}
+
+void ReaderLoop::setDeadline(Entry& e, Ms when) {
+  int id = e.c.nonce();
+  if (e.deadline) deadlines_.erase({e.deadline, id});
+  e.deadline = when;
+  if (when) deadlines_.insert({when, id});
+}
+
+void ReaderLoop::arm(Entry& e) {
+  if (e.armed) return;
+  e.armed = set_.rearm(e.fd, static_cast<std::uint64_t>(e.c.nonce())) == 0;
+}
+
+void ReaderLoop::drop(int id) {
+  auto it = conns_.find(id);
+  if (it == conns_.end()) return;
+  Entry& e = it->second;
+  if (e.deadline) deadlines_.erase({e.deadline, id});
+  set_.remove(e.fd);  // the descriptor stays allocated while the record lives
+  e.c.record()->mailbox = nullptr;
+  --port_->open;
+  conns_.erase(it);
+}
+
+bool ReaderLoop::anyWaiting() const {
+  for (const auto& kv : conns_) {
+    const Connection& c = kv.second.c;
+    if (!c.isReserved() && c.socketNo() != INVALID_SOCK &&
+        (sfi_pending(c.record()) || c.hasBufferedData()))
+      return true;
+  }
+  return false;
+}
+
+}  // namespace sf

@@ -1,0 +1,35 @@
+// A reader thread's mailbox: connections given back or closed by other
+// threads.
+#include "sf/detail/net.h"
+#include "sf/platform/thread.h"
+
+namespace sf {
+
+void ReaderMailbox::post(i_Connection* rec) {
+  if (!open_.load() || thread_.load() == platform::thread_id()) return;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    posted_.emplace_back(rec);
+  }
+  wakeup.notify();
+}
+
+std::vector<Connection> ReaderMailbox::take() {
+  std::vector<Connection> out;
+  std::lock_guard<std::mutex> guard(lock_);
+  out.swap(posted_);
+  return out;
+}
+
+void ReaderMailbox::open(std::uint32_t thread) {
+  thread_ = thread;
+  open_ = true;
+}
+
+void ReaderMailbox::close() {
+  open_ = false;
+  thread_ = 0;
+  std::vector<Connection> left = take();  // released here, outside the lock
+}
+
+}  // namespace sf
