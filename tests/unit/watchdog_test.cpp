@@ -96,8 +96,7 @@ int armingTwiceChild() {
     }
   if (complaints != 1) return 4;
   sf::watchdog_clr();
-  if (!log.contains("watchdog cleared") || !log.contains("removed timeout " + std::to_string(id)))
-    return 5;
+  if (sf::getContext()->watchdog) return 5;
   sf::watchdog_clr();  // nothing armed: nothing happens
   return 0;
 }

@@ -112,14 +112,11 @@ void handle(sf::Worker& w, sf::Message* m) {
 }
 
 TEST(Message, EnvironmentSessionIdAndOwnership) {
-  sftest::LogCapture log(8);
   sf::Message m;
   EXPECT_EQ(m.getenv("HttpRequestURL"), "");
-  EXPECT_TRUE(log.contains("getenv HttpRequestURL = "));
   m.setenv("k", "one");
   m.setenv("k", "two");
   EXPECT_EQ(m.getenv("k"), "two");
-  EXPECT_TRUE(log.contains("setenv k = two"));
 
   // Copies are shallow: they share the buffer and the environment.
   m.data = new sf::Buffer;
