@@ -60,6 +60,7 @@ void HttpAdaptor::InitSettings() {
 void HttpAdaptor::init(Connection*) {
   version = HTTP_1_1;
   closeAfter = false;
+  startRequest();
 }
 
 void HttpAdaptor::setIsClient(bool v) {

@@ -30,6 +30,7 @@
 
 #include "sf/adaptor.h"
 #include "sf/connection.h"
+#include "sf/http/requestparser.h"
 
 namespace sf {
 
@@ -165,6 +166,10 @@ class HttpAdaptor : public Adaptor {
   void readPduFirst(Connection* c, Buffer& body) override;
   void readPduNext(Connection* c, Buffer& body) override;
   bool readPduIsMore(Connection* c) override;
+  // Server role: whether a whole request has arrived, from the strict
+  // incremental parser (docs/http.md); throws the Xreject of a refused one.
+  // The client role answers Unknown.
+  Framing frame(Connection* c, const char* data, size_t len) override;
   // Both read one message; n is not consulted.
   void readUptoNB(Connection* c, Buffer& body, int n) override;
   void readTillEof(Connection* c, Buffer& body, int n) override;
@@ -179,9 +184,10 @@ class HttpAdaptor : public Adaptor {
   // Reads one whole message; the body goes to body, the application headers
   // to *headers (each "Name: value") when headers is not null.
   void readMessage(Connection* c, Buffer& body, std::list<std::string>* headers);
+  // A response's body as cd describes it (client role).
   void readMessageBody(Connection* c, Buffer* body, ConnectionData& cd);
-  // Request and status lines. Both throw on malformed lines (Xreject 400 and
-  // Xproto respectively).
+  // Request and status lines. Both throw on malformed lines (Xreject with
+  // 400 or 505, and Xproto respectively).
   HttpVer parseRequest(const std::string& line, std::string& method, std::string& url);
   HttpVer parseStatus(const std::string& line, std::string& code, std::string& reason);
 
@@ -274,6 +280,21 @@ class HttpAdaptor : public Adaptor {
   std::atomic<bool> replyOwed{false};
 
  private:
+  // Server role (httprequest.cpp).
+  void readRequest(Connection* c, Buffer& body, std::list<std::string>* headers, bool byChunk);
+  void readNextChunk(Connection* c, Buffer& body);
+  void startRequest();
+  void applyLimits();
+  void checkRequest(Connection* c);
+  void receiveRequest(Connection* c);
+  void publishRequest(std::list<std::string>* headers);
+  void deliverBody(Buffer& body);
+  // Client role (httpread.cpp).
+  void readResponse(Connection* c, Buffer& body, std::list<std::string>* headers);
+  bool readStatusLine(Connection* c, Buffer& hbuf, size_t& pos, ConnectionData& cd);
+  bool readResponseHeaders(Connection* c, Buffer& hbuf, size_t& pos, ConnectionData& cd,
+                           std::list<std::string>* headers);
+  void decideResponseBody(ConnectionData& cd, bool hasContentLength);
   void readBodyToEof(Connection* c, Buffer* body);
   void readChunked(Connection* c, Buffer* body, ConnectionData& cd);
   void setEnv(const char* name, const std::string& value);
@@ -283,11 +304,16 @@ class HttpAdaptor : public Adaptor {
   bool requestEndsConnection() const;
   void closeAfterReply(Connection* c);
 
-  Buffer work_;  // scratch for CONNECT responses
+  Buffer work_;                         // scratch for CONNECT responses
+  RequestParser request_{1024, 65535};  // the request being read (server role)
+  size_t framed_ = 0;                   // bytes frame() fed to it, still below
+  bool continueSent_ = false;           // "100 Continue" written for this request
 };
 
 // The Xreject thrown by the HTTP layer: its reply holds the status digits
 // (e.g. "413"), and the close flag is clear (the status decides).
 Xreject makeReject(const char* status);
+// Logs why the parser refused a request and throws its Xreject.
+[[noreturn]] void throwRefusal(const RequestParser::Error& e);
 
 }  // namespace sf

@@ -103,47 +103,11 @@ bool HttpAdaptor::GetFullLine(std::string* line, Connection* c, Buffer* buf, siz
 
 HttpAdaptor::HttpVer HttpAdaptor::parseRequest(const std::string& line, std::string& method,
                                                std::string& url) {
-  if (line.find("HTTP") == std::string::npos) {
-    // No version: an HTTP/0.9 request, which can only be a GET.
-    if (line.compare(0, 3, "GET") != 0 || (line.size() > 3 && line[3] != ' ')) {
-      SF_LOG(3, "HTTP - Expected GET token in header");
-      SF_THROW("expGET", makeReject("400"));
-    }
-    method = "GET";
-    size_t sp = line.find(' ');
-    url = sp == std::string::npos ? "" : line.substr(sp + 1);
-    return HTTP_0_9;
-  }
-  size_t last = line.find_last_of(" HTTP/");
-  std::string ver = line.substr(last + 1);
-  if (last + 1 < 6 || line.compare(last + 1 - 6, 6, " HTTP/") != 0) {
-    SF_LOG(3, "HTTP - Expected HTTP/ in header");
-    SF_THROW("expHTTP", makeReject("400"));
-  }
-  if (!onlyVersionChars(ver)) {
-    SF_LOG(3, "HTTP - Expected version number in header");
-    SF_THROW("expVER", makeReject("400"));
-  }
-  size_t dot = ver.find('.');
-  if (dot == std::string::npos) {
-    SF_LOG(3, "HTTP - Expected period in version number within header");
-    SF_THROW("expVER.", makeReject("400"));
-  }
-  int major = atoi(ver.substr(0, dot).c_str());
-  int minor = atoi(ver.substr(dot + 1).c_str());
-  if (major < 1) {
-    SF_LOG(3, "HTTP - Unexpected version number in header");
-    SF_THROW("unexpVER", makeReject("400"));
-  }
-  size_t sp = line.find(' ');
-  if (sp == std::string::npos) {
-    SF_LOG(3, "HTTP - Expeced method in header");
-    SF_THROW("expMeth", makeReject("400"));
-  }
-  method = line.substr(0, sp);
-  size_t urlEnd = last + 1 - 6;  // the blank before "HTTP/"
-  url = urlEnd > sp ? line.substr(sp + 1, urlEnd - sp - 1) : "";
-  return versionOf(major, minor);
+  RequestParser::Version v;
+  RequestParser::Error e;
+  if (!RequestParser::parseRequestLine(line, method, url, v, &e)) throwRefusal(e);
+  static const HttpVer kVersions[] = {HTTP_0_9, HTTP_1_0, HTTP_1_1};
+  return kVersions[v];
 }
 
 HttpAdaptor::HttpVer HttpAdaptor::parseStatus(const std::string& line, std::string& code,
@@ -185,70 +149,70 @@ HttpAdaptor::HttpVer HttpAdaptor::parseStatus(const std::string& line, std::stri
 }
 
 void HttpAdaptor::readMessage(Connection* c, Buffer& body, std::list<std::string>* headers) {
+  if (isClient)
+    readResponse(c, body, headers);
+  else
+    readRequest(c, body, headers, false);
+}
+
+void HttpAdaptor::readResponse(Connection* c, Buffer& body, std::list<std::string>* headers) {
   SF_LOG(4, "HTTP - Reading message");
   Buffer hbuf;
   size_t pos = 0;
-  std::string line, method, url;
-  bool hasHost = false;
-  bool hasContentLength = false;
   ConnectionData cd;
-  int methodCode = NO_METHOD;
-  bool headerBlock = true;
-  bool expectContinue = false;
-
-  if (!isClient) {
-    lastRequest = ConnectionData();
-    lastMethod = 0;
-    SF_LOG(7, "HTTP - Reading client request line");
-    GetFullLine(&line, c, &hbuf, &pos, false, false);
-    cd.version = parseRequest(line, method, url);
-    setEnv("HttpRequestURL", url);
-    setEnv("HttpRequestMethod", method);
-    SF_LOG(7, "HTTP - Client sent a \"%s\" request for url %s", method.c_str(), url.c_str());
-    if (method == "GET") {
-      methodCode = METHOD_GET;
-    } else if (method == "POST") {
-      methodCode = METHOD_POST;
-    } else if (method == "HEAD") {
-      methodCode = METHOD_HEAD;
-    } else {
-      SF_LOG(3, "HTTP - Can't understand method on request (\"%s\")", method.c_str());
-      SF_THROW("badmeth", makeReject("501"));
-    }
-    if (methodCode != METHOD_POST) cd.hasBody = false;
-    // Replies follow the request: none of the framing for HTTP/0.9.
-    version = cd.version == HTTP_0_9 ? HTTP_0_9 : HTTP_1_1;
-    // An HTTP/0.9 request is the request line alone.
-    headerBlock = cd.version != HTTP_0_9;
-  } else {
-    SF_LOG(7, "HTTP - Reading response status from server");
-    if (GetFullLine(&line, c, &hbuf, &pos, true, false)) {
-      SF_LOG(4, "HTTP - Reading a HTTP/0.9 response");
-      cd.version = HTTP_0_9;
-      cd.readToEof = true;
-      lastStatus = 200;  // a bare body is the answer
-      headerBlock = false;
-    } else {
-      std::string code, reason;
-      cd.version = parseStatus(line, code, reason);
-      setEnv("HttpResultCode", code);
-      setEnv("HttpResultReason", reason);
-      lastStatus = atoi(code.c_str());
-      cd.readToEof = cd.version == HTTP_0_9 || cd.version == HTTP_1_0;
-      if (lastStatus < 200 || lastStatus == 204 || lastStatus == 304) cd.hasBody = false;
-      // A response to HEAD never carries a body, whatever its status.
-      if (requestHeader.method == METHOD_HEAD) cd.hasBody = false;
-      if (requestHeader.method == METHOD_CONNECT && lastStatus == 200) {
-        cd.connection = CONN_KEEPALIVE;  // the tunnel is open
-        cd.readToEof = false;
-        cd.hasBody = false;
-      }
-    }
+  if (readStatusLine(c, hbuf, pos, cd))
+    decideResponseBody(cd, readResponseHeaders(c, hbuf, pos, cd, headers));
+  if (hbuf.size() > pos) {
+    SF_LOG(8, "HTTP - Saving additional data read back on the connection");
+    next->pushback(hbuf.data + pos, hbuf.size() - pos);
+    SF_LOG(8, "HTTP - Done saving data");
   }
+  if (!cd.hasBody) {
+    pduMore = false;
+  } else {
+    SF_LOG(8, "HTTP - Retriving request body");
+    readMessageBody(c, &body, cd);
+  }
+  closeConnection(c, &cd);
+}
 
-  while (headerBlock) {
+// The status line: fills cd from the status and the request just sent.
+// False for an HTTP/0.9 response, which has no header block.
+bool HttpAdaptor::readStatusLine(Connection* c, Buffer& hbuf, size_t& pos, ConnectionData& cd) {
+  SF_LOG(7, "HTTP - Reading response status from server");
+  std::string line;
+  if (GetFullLine(&line, c, &hbuf, &pos, true, false)) {
+    SF_LOG(4, "HTTP - Reading a HTTP/0.9 response");
+    cd.version = HTTP_0_9;
+    cd.readToEof = true;
+    lastStatus = 200;  // a bare body is the answer
+    return false;
+  }
+  std::string code, reason;
+  cd.version = parseStatus(line, code, reason);
+  setEnv("HttpResultCode", code);
+  setEnv("HttpResultReason", reason);
+  lastStatus = atoi(code.c_str());
+  cd.readToEof = cd.version == HTTP_0_9 || cd.version == HTTP_1_0;
+  if (lastStatus < 200 || lastStatus == 204 || lastStatus == 304) cd.hasBody = false;
+  // A response to HEAD never carries a body, whatever its status.
+  if (requestHeader.method == METHOD_HEAD) cd.hasBody = false;
+  if (requestHeader.method == METHOD_CONNECT && lastStatus == 200) {
+    cd.connection = CONN_KEEPALIVE;  // the tunnel is open
+    cd.readToEof = false;
+    cd.hasBody = false;
+  }
+  return true;
+}
+
+// The header block of a response; true when it gave a Content-Length.
+bool HttpAdaptor::readResponseHeaders(Connection* c, Buffer& hbuf, size_t& pos, ConnectionData& cd,
+                                      std::list<std::string>* headers) {
+  bool hasContentLength = false;
+  std::string line;
+  for (;;) {
     GetFullLine(&line, c, &hbuf, &pos, false, true);
-    if (line.empty()) break;
+    if (line.empty()) return hasContentLength;
     size_t colon = line.find(':');
     if (colon == std::string::npos) {
       SF_LOG(1, "HTTP - Request received without valid header line (colon missing)");
@@ -258,10 +222,7 @@ void HttpAdaptor::readMessage(Connection* c, Buffer& body, std::list<std::string
     size_t vstart = colon + 1;
     while (vstart < line.size() && isBlank(line[vstart])) ++vstart;
     std::string value = line.substr(vstart);
-    if (iequals(name, colon, "Host")) {
-      hasHost = true;
-      SF_LOG(8, "HTTP - Found a Host header line (required for HTTP/1.1");
-    } else if (iequals(name, colon, "Content-Length")) {
+    if (iequals(name, colon, "Content-Length")) {
       cd.contentLength = leadingNumber(value.c_str());
       hasContentLength = true;
       cd.readToEof = false;
@@ -272,20 +233,20 @@ void HttpAdaptor::readMessage(Connection* c, Buffer& body, std::list<std::string
         SF_THROW("http: negative content length", makeReject("400"));
       }
       continue;
-    } else if (iequals(name, colon, "Connection") || iequals(name, colon, "Proxy-Connection")) {
+    }
+    if (iequals(name, colon, "Connection") || iequals(name, colon, "Proxy-Connection")) {
       if (iequals(value.data(), value.size(), "Keep-Alive")) {
         cd.connection = CONN_KEEPALIVE;
         cd.readToEof = false;
       } else if (iequals(value.data(), value.size(), "Close")) {
         cd.connection = CONN_CLOSE;
-        closeAfter = true;
       }
       SF_LOG(8, "HTTP - Found a Connection line (%s = \"%s\")", line.substr(0, colon).c_str(),
              value.c_str());
       continue;
-    } else if (iequals(name, colon, "Keep-Alive")) {
-      continue;
-    } else if (iequals(name, colon, "Transfer-Encoding") && value.size() >= 7) {
+    }
+    if (iequals(name, colon, "Keep-Alive")) continue;
+    if (iequals(name, colon, "Transfer-Encoding") && value.size() >= 7) {
       std::basic_string<char, ichar_traits> v(value.data(), value.size());
       if (v.find("chunked") != std::basic_string<char, ichar_traits>::npos) {
         cd.chunked = true;
@@ -295,72 +256,21 @@ void HttpAdaptor::readMessage(Connection* c, Buffer& body, std::list<std::string
         continue;
       }
     }
-    if (iequals(name, colon, "Expect") && iequals(value.data(), value.size(), "100-continue"))
-      expectContinue = true;
     std::string hname = line.substr(0, colon);
     SF_LOG(8, "HTTP - Saving application header \"%s: %s\"", hname.c_str(), value.c_str());
     setEnv(hname.c_str(), value);
     if (headers) headers->push_back(hname + ": " + value);
   }
+}
 
-  if (!isClient && !hasHost && cd.version >= HTTP_1_1) {
-    SF_LOG(1, "HTTP - Version 1.1 client did not send a Host header line.  Rejecting with 400");
-    SF_THROW("nohost", makeReject("400"));
-  }
-
-  if (headerBlock) {
-    if (hasContentLength) {
-      // A request states its body; a response keeps the framing its status
-      // and the request allow (a HEAD answer announces a length it never sends).
-      if (cd.contentLength != 0) {
-        if (!isClient) cd.hasBody = true;
-      } else if (!cd.chunked && !cd.readToEof) {
-        cd.hasBody = false;
-        pduMore = false;
-      }
-    } else if (!isClient && methodCode == METHOD_POST && !cd.chunked) {
-      SF_LOG(1, "HTTP - POST request without Content-Length or chunked encoding");
-      SF_THROW("http: keep alive post request without content length", makeReject("411"));
-    } else if (!cd.chunked && !cd.readToEof) {
-      cd.hasBody = false;
-      pduMore = false;
-    }
-    if (!isClient && cd.chunked) cd.hasBody = true;
-  }
-
-  if (hbuf.size() > pos) {
-    SF_LOG(8, "HTTP - Saving additional data read back on the connection");
-    next->pushback(hbuf.data + pos, hbuf.size() - pos);
-    SF_LOG(8, "HTTP - Done saving data");
-  }
-
-  if (!isClient) {
-    lastRequest = cd;
-    lastMethod = methodCode;
-  }
-
-  if (!cd.hasBody) {
+// A response keeps the framing its status and the request allow (a HEAD
+// answer announces a length it never sends).
+void HttpAdaptor::decideResponseBody(ConnectionData& cd, bool hasContentLength) {
+  bool noLength = hasContentLength ? cd.contentLength == 0 : true;
+  if (noLength && !cd.chunked && !cd.readToEof) {
+    cd.hasBody = false;
     pduMore = false;
-    if (!isClient && methodCode == METHOD_GET) {
-      SF_LOG(8, "HTTP - Putting requested URL %s in message body because no native body present",
-             url.c_str());
-      body.append(url.data(), url.size());
-    }
-  } else {
-    // A client that waits for leave to send its body gets it now, unless
-    // the body is already known to be refused.
-    if (expectContinue && !isClient && cd.version >= HTTP_1_1 &&
-        (cd.chunked || cd.contentLength <= maxBody)) {
-      SF_LOG(8, "HTTP - Telling the client to continue with its body");
-      Buffer cont;
-      cont.append("HTTP/1.1 100 Continue\r\n\r\n");
-      next->write(c, cont);
-    }
-    SF_LOG(8, "HTTP - Retriving request body");
-    readMessageBody(c, &body, cd);
   }
-
-  if (isClient) closeConnection(c, &cd);
 }
 
 void HttpAdaptor::readMessageBody(Connection* c, Buffer* body, ConnectionData& cd) {
@@ -473,10 +383,17 @@ void HttpAdaptor::readPdu(Connection* c, Buffer& body) {
 
 void HttpAdaptor::readPduFirst(Connection* c, Buffer& body) {
   pduMore = true;
-  readMessage(c, body, nullptr);
+  if (isClient)
+    readResponse(c, body, nullptr);
+  else
+    readRequest(c, body, nullptr, true);
 }
 
 void HttpAdaptor::readPduNext(Connection* c, Buffer& body) {
+  if (!isClient) {
+    readNextChunk(c, body);
+    return;
+  }
   ConnectionData cd = ConnectionData::nextFragment();
   readMessageBody(c, &body, cd);
 }

@@ -1,10 +1,15 @@
 // libFuzzer target: HTTP message reading in both roles over an in-memory
 // lower adaptor. Byte 0: bit 0 client role, bits 1-2 smaller limits, bit 3
-// HEAD, bit 4 read as fragments. Byte 1: the largest segment one lower read
-// delivers. The rest is the peer's stream, read until it ends or a message is
-// refused; a server-side refusal is answered through reject().
+// HEAD, bit 4 read as fragments, bit 5 (server role) framed as the
+// event-driven reader does. Byte 1: the largest segment one lower read
+// delivers, and the seed of the framed splits. The rest is the peer's stream,
+// read until it ends or a message is refused; a server-side refusal is
+// answered through reject(). Framed, the stream is fed to frame() in random
+// splits and each Whole message read with readPdu; the requests and verdicts
+// must be those of the blocking path over the same stream.
 #include <cstddef>
 #include <cstdint>
+#include <random>
 #include <string>
 
 #include "sf/detail/net.h"
@@ -38,6 +43,76 @@ class Feed : public sf::Adaptor {
   void write(sf::Connection*, const sf::Buffer& b) override { written += b.size(); }
 };
 
+// A server-role adaptor over the whole stream, with the limits of byte 0.
+struct Server {
+  sf::Connection conn{new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4()))};
+  Feed* feed = new Feed;
+  sf::HttpAdaptor* http = new sf::HttpAdaptor(false);
+
+  Server(std::uint8_t control, const std::uint8_t* p, size_t n, size_t segment) {
+    sf::getContext()->message = new sf::Message;
+    feed->p = p;
+    feed->left = n;
+    feed->segment = segment;
+    conn.push(feed);
+    http->setMaxHeader((control & 2) ? 256 : 1024);
+    http->setMaxBody((control & 4) ? 300 : 4096);
+    conn.push(http);
+  }
+  ~Server() { sf::setContext(nullptr); }
+  // One request read with readPdu: its body, or the refusal's status.
+  bool read(std::string& outcome) {
+    sf::Buffer body;
+    try {
+      http->readPdu(&conn, body);
+    } catch (sf::Xreject& x) {
+      outcome += "refused " + std::string(x.reply->data, x.reply->size());
+      delete x.reply;
+      return false;
+    }
+    outcome += "body " + std::string(body.data ? body.data : "", body.size()) + "\n";
+    return true;
+  }
+};
+
+// The outcomes of the blocking path: readPdu until the stream ends.
+std::string blocking(std::uint8_t control, const std::uint8_t* p, size_t n) {
+  Server s(control, p, n, 4096);
+  std::string outcome;
+  try {
+    while (s.read(outcome)) {
+    }
+  } catch (const sf::Xclosed&) {
+  }
+  return outcome;
+}
+
+// The outcomes of the framed path: frame() on what has arrived, grown in
+// random splits, and readPdu once it answers Whole.
+std::string framed(std::uint8_t control, const std::uint8_t* p, size_t n, unsigned seed) {
+  Server s(control, p, n, 4096);
+  auto* below = static_cast<sf::PushbackSandwich*>(s.http->next);
+  std::mt19937 rng(seed);
+  std::string outcome;
+  size_t arrived = 0;
+  for (;;) {
+    size_t consumed = static_cast<size_t>(s.feed->p - p) - below->pending();
+    sf::Framing f = sf::Framing::Header;
+    try {
+      while ((f = s.http->frame(&s.conn, reinterpret_cast<const char*>(p) + consumed,
+                                arrived - consumed)) != sf::Framing::Whole) {
+        if (arrived == n) return outcome;
+        arrived = std::min(n, arrived + 1 + rng() % 64);
+      }
+    } catch (sf::Xreject& x) {
+      outcome += "refused " + std::string(x.reply->data, x.reply->size());
+      delete x.reply;
+      return outcome;
+    }
+    if (!s.read(outcome)) return outcome;
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -48,6 +123,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
   if (size < 2) return 0;
   bool client = data[0] & 1;
+  if (!client && (data[0] & 32)) {
+    std::string want = blocking(data[0], data + 2, size - 2);
+    if (framed(data[0], data + 2, size - 2, data[1]) != want) __builtin_trap();
+    return 0;
+  }
   sf::Connection conn(new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4())));
   Feed* feed = new Feed;
   feed->segment = 1 + data[1];
