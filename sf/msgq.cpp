@@ -146,6 +146,7 @@ int MessageQ::enQ(Message* msg) {
     if (sfi_on(10))
       trace(__FILE__, &traceEnQfull, __LINE__, "enQfull", q->name.c_str(), 0, head, 0, 0);
     SF_LOG(5, "enQfull %s %d %" PRIxPTR, q->name.c_str(), head, addr(msg));
+    sfi_noteQueueFull();
     SF_THROW("enQ", Xstate());
   }
   return 0;

@@ -68,7 +68,19 @@ void gatherPushedBack(Connection& c) {
   sfi_unreadInput(c.record(), bytes);
 }
 
+thread_local bool t_queueFull = false;
+
 }  // namespace
+
+void sfi_noteQueueFull() {
+  t_queueFull = true;
+}
+
+bool sfi_takeQueueFull() {
+  bool full = t_queueFull;
+  t_queueFull = false;
+  return full;
+}
 
 const ReaderSettings& readerSettings() {
   static const ReaderSettings s{getVarInt("sf.maxConnections", 0),
@@ -426,6 +438,7 @@ void ReaderLoop::serveOne(Connection& c) {
     return;
   }
 
+  sfi_takeQueueFull();
   try {
     reader_->validate(msg, target_);
   } catch (Xreject& x) {
@@ -433,7 +446,9 @@ void ReaderLoop::serveOne(Connection& c) {
     sendReject(c, x);
   } catch (const X&) {
     SF_LOG(3, "%llu.reader: caught exception ...generating reject", fd);
-    if (Adaptor* top = c.getAdaptor()) top->reject(&c, 0, nullptr);
+    bool overload = sfi_takeQueueFull();
+    if (overload) noteOverload();
+    if (Adaptor* top = c.getAdaptor()) top->reject(&c, overload ? 503 : 0, nullptr);
   }
 
   // A message that validate delivered belongs to its queue now and may
@@ -448,6 +463,16 @@ void ReaderLoop::serveOne(Connection& c) {
     delete msg;
   }
   ctx->message = nullptr;
+}
+
+// A full queue is overload, not a fault: the client is told to come back
+// (503 for HTTP), and the port says so at most once a second.
+void ReaderLoop::noteOverload() {
+  std::int64_t now = static_cast<std::int64_t>(time(nullptr));
+  std::int64_t last = port_->overloadLoggedAt.load();
+  if (now != last && port_->overloadLoggedAt.compare_exchange_strong(last, now))
+    SF_LOG(1, "reader: a queue is full on port %s; refusing requests as overload",
+           port_->name.c_str());
 }
 
 void ReaderLoop::setDeadline(Entry& e, Ms when) {

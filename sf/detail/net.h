@@ -87,6 +87,9 @@ class i_Port {
   // One per reader thread that ever served the port; never shrinks, so a
   // connection's pointer to its reader's mailbox stays valid.
   std::deque<ReaderMailbox> mailboxes;
+  // When a full queue was last reported for this port, seconds since the
+  // epoch.
+  std::atomic<std::int64_t> overloadLoggedAt{0};
   // Set while a reader serves this port.
   std::atomic<bool> readerRunning{false};
 

@@ -66,6 +66,7 @@ class ReaderLoop {
   void process(Entry& e, Ms now);
   Framing frame(Entry& e);
   void serveOne(Connection& c);
+  void noteOverload();
   void setDeadline(Entry& e, Ms when);
   void arm(Entry& e);
   void drop(int id);

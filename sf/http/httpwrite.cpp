@@ -324,7 +324,9 @@ void HttpAdaptor::reject(Connection* c, int status, const char* reason) {
   ExtBuffer text(const_cast<char*>(reason), static_cast<int>(n), static_cast<int>(n));
   Buffer empty;
   const Buffer& body = n ? static_cast<const Buffer&>(text) : empty;
-  replyGen(c, status, getStatusReason(status), nullptr, body, std::list<std::string>());
+  std::list<std::string> headers;
+  if (status == 503) headers.push_back("Retry-After: 1");  // overload: try again shortly
+  replyGen(c, status, getStatusReason(status), nullptr, body, headers);
 }
 
 void HttpAdaptor::reject(Connection* c, Buffer& payload) {

@@ -20,8 +20,11 @@ set sf.log.level 3
 set sf.tcp.backlog 128
 set sf.http.server sf-test
 mkQ http
+set sf.qsize 1
+mkQ stuck
 bind 127.0.0.1 {port}
 bind 127.0.0.1 {filterport}
+bind 127.0.0.1 {fullport}
 """
 
 START = """
@@ -31,6 +34,7 @@ spinThread dummyWorker http sf_echo
 spinThread httpReader 127.0.0.1 {filterport} {{
   if {{[httpHeader HttpRequestURL] ne "/drop"}} {{ enQ http }}
 }}
+spinThread httpReader 127.0.0.1 {fullport} {{enQ stuck}}
 """
 
 
@@ -93,11 +97,12 @@ def split_responses(data):
 class HttpServer(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.port, cls.filterport = free_port(), free_port()
-        fmt = dict(port=cls.port, filterport=cls.filterport)
+        cls.port, cls.filterport, cls.fullport = free_port(), free_port(), free_port()
+        fmt = dict(port=cls.port, filterport=cls.filterport, fullport=cls.fullport)
         cls.site = Site(CONFIG.format(**fmt), START.format(**fmt))
         wait_port(cls.port, cls.site.proc)
         wait_port(cls.filterport, cls.site.proc)
+        wait_port(cls.fullport, cls.site.proc)
 
     @classmethod
     def tearDownClass(cls):
@@ -162,6 +167,14 @@ class HttpServer(unittest.TestCase):
                       b"GET /kept HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
             answers = split_responses(recv_all(s))
         self.assertEqual([a[1] for a in answers], [b"/kept"])
+
+    def test_full_queue_is_overload(self):
+        # A queue of capacity 1 holds nothing: it is always full.
+        with socket.create_connection(("127.0.0.1", self.fullport)) as s:
+            s.sendall(b"GET /q HTTP/1.1\r\nHost: x\r\n\r\n")
+            data = recv_all(s)
+        self.assertTrue(data.startswith(b"HTTP/1.1 503 "), data)
+        self.assertIn(b"\r\nRetry-After: 1\r\n", data)
 
     def test_old_versions(self):
         data = self.raw(b"GET /ten HTTP/1.0\r\n\r\n")  # closed after the reply

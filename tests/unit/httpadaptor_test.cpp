@@ -348,13 +348,14 @@ TEST_F(Http, RepliesAndRejects) {
   EXPECT_EQ(k.mem->written.substr(k.mem->written.size() - 4), "\r\n\r\n");
   EXPECT_FALSE(k.closed());
 
-  // The configured rejection: status, phrase, the reason text as body.
+  // The configured rejection: status, phrase, the reason text as body (503,
+  // overload, says when to come back).
   Peer r(false);
   r.http->setReject(503, "busy");
   r.http->reject(&r.conn, 0, nullptr);
   EXPECT_EQ(r.mem->written,
             "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 4\r\nConnection: Close\r\n"
-            "Server: Quindel\r\nContent-Type: Application/Binary\r\n\r\nbusy");
+            "Retry-After: 1\r\nServer: Quindel\r\nContent-Type: Application/Binary\r\n\r\nbusy");
   EXPECT_TRUE(r.closed());
 
   // Stuffed headers: an exact "Content-Type:" replaces the configured type;
