@@ -53,7 +53,7 @@ const Key kKeys[] = {
     {"sf.syslog.console", Kind::Integer, 0, 1},
     {"sf.syslog.facility", Kind::Integer, 0, 23 << 3},
     {"sf.watchdog", Kind::Integer, INT_MIN, kYear},
-    {"sf.qsize", Kind::Integer, 2, 1000000},
+    {"sf.qsize", Kind::Integer, 1, 1000000},
     {"sf.idletimeout", Kind::Integer, 0, kYear},
     {"sf.maxConnections", Kind::Integer, 0, 10000000},
     {"sf.connWaitingAlarmSeconds", Kind::Integer, 1, kDay},

@@ -63,7 +63,7 @@ class SfhostTest(unittest.TestCase):
             # one line naming the key, the value and what is allowed
             ("set sf.log.filemax big\n", "", [], 2,
              ['sfhost: bad configuration: sf.log.filemax is "big"; allowed: a decimal integer']),
-            ("set sf.qsize 0\n", "", [], 2, ['sf.qsize is "0"; allowed: a decimal integer from 2 to']),
+            ("set sf.qsize 0\n", "", [], 2, ['sf.qsize is "0"; allowed: a decimal integer from 1 to']),
             ("set sf.log.numfiles 010\n", "", [], 2, ['sf.log.numfiles is "010"']),
             ("set sf.log.dir /nonexistent\n", "", [], 2, ['sf.log.dir is "/nonexistent"; allowed']),
             ('set sf.http.server "a\\r\\nX: y"\n', "", [], 2, ['sf.http.server is "a\\r\\nX: y"']),
