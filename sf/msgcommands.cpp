@@ -115,7 +115,7 @@ int sfi_cmd_enQ(int argc, const char** argv) {
   try {
     q->enQ(ctx->message);
   } catch (const Xstate&) {
-    SF_LOG(1, "enQ: queue %s refused the current message; it stays with the caller", argv[1]);
+    SF_LOG(5, "enQ: queue %s refused the current message; it stays with the caller", argv[1]);
     throw;
   }
   ctx->message = nullptr;  // the queue owns it now

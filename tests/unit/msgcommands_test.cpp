@@ -19,7 +19,7 @@ void setUp() {
 
 TEST(QueueCommands, MakeQueueAndForwardTheCurrentMessage) {
   setUp();
-  sftest::LogCapture log(3);
+  sftest::LogCapture log(5);
   sf::setVarInt("sf.qsize", 3);
   sf::eval("mkQ cmd-q");
   sf::MessageQ* q = sf::getQ("cmd-q");
