@@ -60,15 +60,20 @@ inline void checkEntry(const char* entry) {
 #endif
 }
 
-// Marks the calling thread as evaluating for its scope. The lock is held.
+// Marks the calling thread as evaluating for its scope, for the entry
+// check (nothing in release builds). The lock is held.
 class Evaluating {
  public:
   explicit Evaluating(const char* entry) {
     checkEntry(entry);
+#ifndef NDEBUG
     if (g_evalDepth.fetch_add(1) == 0) g_evalThread.store(std::this_thread::get_id());
+#endif
   }
   ~Evaluating() {
+#ifndef NDEBUG
     if (g_evalDepth.fetch_sub(1) == 1) g_evalThread.store(std::thread::id());
+#endif
   }
   Evaluating(const Evaluating&) = delete;
   Evaluating& operator=(const Evaluating&) = delete;
