@@ -263,7 +263,9 @@ TEST(Reader, QuiesceFromAScriptWhileClientsSendDoesNotDeadlock) {
     pf::sock_close(s);
   });
   pf::sleep_ms(200);
-  EXPECT_EQ(sf::eval("sf_quiesce"), "OK");
+  EXPECT_EQ(sf::eval("sf_quiesce"), "OK");  // the stop finishes on its own thread
+  for (int i = 0; i < 1000 && !sf::sfi_quiescedByScript(); ++i) pf::sleep_ms(10);
+  EXPECT_TRUE(sf::sfi_quiescedByScript());
   stop = true;
   client.join();
   EXPECT_EQ(svc.port.socketNo(), sf::INVALID_SOCK);
