@@ -11,10 +11,10 @@ import threading
 import time
 import unittest
 
-from sfhttp_support import BIN, ECHO_MODULE, SOURCE, Nginx, Site, free_port, stop, wait_port
+from sfnet_support import (ECHO_MODULE, SFHOST, SOURCE, Nginx, SiteTest, clean_env, curl, free_port,
+                          recv_all, remove_shm, stop, wait_port)
 
 CONFIG = """
-set sf.log.dir .
 set sf.log.level 3
 set sf.http.contentType text/plain
 mkQ proxy
@@ -100,12 +100,7 @@ def raw(port, request):
     the answer (read until the server closes)."""
     with socket.create_connection(("127.0.0.1", port), timeout=20) as s:
         s.sendall(request)
-        data = b""
-        while True:
-            chunk = s.recv(65536)
-            if not chunk:
-                break
-            data += chunk
+        data = recv_all(s, timeout=20)
     head, _, body = data.partition(b"\r\n\r\n")
     lines = head.split(b"\r\n")
     status = int(lines[0].split()[1]) if lines[0] else 0
@@ -120,27 +115,24 @@ def req(method, path, *fields, body=b""):
     return (head + "".join(f + "\r\n" for f in fields) + "\r\n").encode() + body
 
 
-class HttpProxy(unittest.TestCase):
+class HttpProxy(SiteTest):
     @classmethod
     def setUpClass(cls):
         cls.nginx = Nginx()
+        cls.addClassCleanup(cls.nginx.close)
         # a backend that drops kept connections soon, and after two requests
         cls.short = Nginx(extra="keepalive_timeout 1s; keepalive_requests 2;")
+        cls.addClassCleanup(cls.short.close)
         cls.odd = OddBackend()
+        cls.addClassCleanup(cls.odd.shutdown)
         cls.port, cls.deadport, cls.shortport = free_port(), free_port(), free_port()
         cls.oddport, cls.tunnelport = free_port(), free_port()
         fmt = dict(port=cls.port, deadport=cls.deadport, backend=cls.nginx.port,
                    nobody=free_port(), shortport=cls.shortport, shortbackend=cls.short.port,
                    oddport=cls.oddport, tunnelport=cls.tunnelport, oddbackend=cls.odd.port)
-        cls.site = Site(CONFIG.format(**fmt), START.format(**fmt))
-        wait_port(cls.port, cls.site.proc)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.site.close()
-        cls.nginx.close()
-        cls.short.close()
-        cls.odd.shutdown()
+        cls.site = cls.class_site(CONFIG.format(**fmt), START.format(**fmt),
+                                  ports=(cls.port, cls.deadport, cls.shortport, cls.oddport,
+                                         cls.tunnelport))
 
     def test_forwards_method_url_and_body(self):
         base = "http://127.0.0.1:%d" % self.port
@@ -195,7 +187,7 @@ class HttpProxy(unittest.TestCase):
             self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
         time.sleep(1.5)  # and drops the kept connection while idle
         self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
-        log = self.site.log()  # each backend connection served two requests
+        log = self.site.text()  # each backend connection served two requests
         connects = log.count("] to 127.0.0.1+%d" % self.short.port)
         self.assertTrue(3 <= connects <= 4, log[-3000:])
 
@@ -209,24 +201,18 @@ class HttpProxy(unittest.TestCase):
 class ProxyExample(unittest.TestCase):
     def test_example_site_as_documented(self):
         nginx = Nginx()
-        port = free_port()
-        site = None
-        try:
-            root = os.path.join(SOURCE, "examples", "http-proxy")
-            env = dict(os.environ, SF_PROXY_PORT=str(port), SF_BACKEND_PORT=str(nginx.port),
-                       SF_PROXY_WORKERS="2")
-            data = os.path.join(nginx.dir, "proxydata")
-            os.makedirs(data)
-            site = subprocess.Popen([os.path.join(BIN, "sfhost"), "-rootdir", root,
-                                     "-datdir", data], cwd=data, env=env,
-                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            wait_port(port, site)
-            self.assertEqual(curl("http://127.0.0.1:%d/hello" % port),
-                             (200, b"hello from nginx\n"))
-        finally:
-            if site is not None:
-                stop(site)
-            nginx.close()
+        self.addCleanup(nginx.close)
+        port, data = free_port(), os.path.join(nginx.dir, "proxydata")
+        os.makedirs(data)
+        self.addCleanup(remove_shm, data)
+        env = clean_env(SF_PROXY_PORT=str(port), SF_BACKEND_PORT=str(nginx.port),
+                        SF_PROXY_WORKERS="2", TAVODATDIR=data)
+        site = subprocess.Popen([SFHOST, "-rootdir", os.path.join(SOURCE, "examples", "http-proxy"),
+                                 "-datdir", data], cwd=data, env=env,
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(stop, site)
+        wait_port(port, site)
+        self.assertEqual(curl("http://127.0.0.1:%d/hello" % port), (200, b"hello from nginx\n"))
 
 
 if __name__ == "__main__":
