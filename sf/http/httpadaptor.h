@@ -63,6 +63,12 @@ inline bool iequals(const char* text, size_t n, const char* word) {
   return n == wn && ichar_traits::compare(text, word, n) == 0;
 }
 
+// The message environment entry that holds an HTTP header: "header:" and the
+// name in lower case. A header name cannot hold a colon, so no header a peer
+// sends can land on an entry of the reader's or the adaptor's own
+// (HttpRequestURL, HttpResultCode...), and "Host" and "host" are one entry.
+std::string headerEntry(const std::string& name);
+
 class HttpAdaptor : public Adaptor {
  public:
   // The protocol version. LATER is a major version above 1: accepted when
@@ -262,6 +268,10 @@ class HttpAdaptor : public Adaptor {
   std::string userAgent;
   std::string serverType;
   std::string extraHeaderLine;
+  // Client role: a response is refused (Xproto) unless it has a status
+  // line, one unambiguous framing and a plain Content-Length; a forwarding
+  // worker sets it so that nothing odd is ever relayed.
+  bool strictResponse = false;
   std::int64_t maxHeader = 1024;
   std::int64_t maxBody = 65535;
   std::list<std::string> stuffHeaders;
@@ -298,6 +308,7 @@ class HttpAdaptor : public Adaptor {
   void readBodyToEof(Connection* c, Buffer* body);
   void readChunked(Connection* c, Buffer* body, ConnectionData& cd);
   void setEnv(const char* name, const std::string& value);
+  [[noreturn]] void refuseResponse(const char* why);
   bool buildHeaders(Connection* c, const Buffer* body, HttpDataType type, HttpHeader* header,
                     Buffer& block);
   void sendMessage(Connection* c, const Buffer& body, HttpDataType type, HttpHeader* header);

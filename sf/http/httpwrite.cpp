@@ -75,6 +75,12 @@ void HttpAdaptor::appendVer(Buffer& b, HttpVer v) {
 }
 
 void HttpAdaptor::writeLine(Buffer& block, const char* text) {
+  // A line break inside a value would start a header (or a message) of the
+  // value's choosing: such a line is never written.
+  if (strpbrk(text, "\r\n")) {
+    SF_LOG(1, "HTTP - Refusing to write a header line that holds CR or LF");
+    SF_THROW("crlf", Xinvalid());
+  }
   SF_LOG(7, "HTTP - Writing header line: \"%s\"", text);
   block.append(text);
   block.append("\r\n", 2);

@@ -195,12 +195,13 @@ TEST_F(Http, ServerReadsRequestsAndPublishesThem) {
                  "\r\nhel",
                  "lo"});
   EXPECT_EQ(p.read(), "/a?b=1");  // a GET delivers its URL
-  // framing headers (Connection) are not published; no header replaces an
-  // entry of the reader or the adaptor
+  // framing headers (Connection) are not published; headers live under
+  // their own entries, so none replaces an entry of the reader or the adaptor
   EXPECT_EQ(cur.env("HttpRequestURL") + "|" + cur.env("HttpRequestMethod") + "|" +
-                cur.env("X-Trace") + "|" + cur.env("Host") + "|" + cur.env("Connection") + "|" +
-                cur.env("Peer") + "|" + cur.env("PEER") + "|" + cur.env("httprequesturl"),
-            "/a?b=1|GET|t1|h:1||reader's own||");
+                cur.env("header:x-trace") + "|" + cur.env("header:host") + "|" +
+                cur.env("header:connection") + "|" + cur.env("Peer") + "|" +
+                cur.env("header:peer") + "|" + cur.env("header:httprequesturl"),
+            "/a?b=1|GET|t1|h:1||reader's own|forged|/forged");
   EXPECT_TRUE(p.conn.hasBufferedData());  // the pipelined POST was pushed back
   EXPECT_EQ(p.read(), "hello");
   EXPECT_EQ(cur.env("HttpRequestMethod"), "POST");
@@ -291,7 +292,8 @@ TEST_F(Http, ClientReadsResponses) {
   CurrentMessage cur;
   Peer ok(true, {"HTTP/1.1 200 OK\r\nContent-Length: 3\r\nX-Back: b\r\n\r\nabc"});
   EXPECT_EQ(ok.read(), "abc");
-  EXPECT_EQ(cur.env("HttpResultCode") + cur.env("HttpResultReason") + cur.env("X-Back"), "200OKb");
+  EXPECT_EQ(cur.env("HttpResultCode") + cur.env("HttpResultReason") + cur.env("header:x-back"),
+            "200OKb");
   EXPECT_FALSE(ok.closed());
 
   // HTTP/1.0 without a length runs to the end of the stream; the bytes that
@@ -410,6 +412,11 @@ TEST_F(Http, ClientRequests) {
   EXPECT_EQ(str(p.http->pending), "data");
   Peer s(false);
   EXPECT_THROW(s.http->get(&s.conn, "/", {}), sf::Xinvalid);
+  // a value holding a line break would inject a header: nothing is written
+  p.mem->written.clear();
+  EXPECT_THROW(p.http->get(&p.conn, "/", {"X-A: a\r\nX-Injected: 1"}), sf::Xinvalid);
+  EXPECT_THROW(p.http->get(&p.conn, "/\nGET /other", {}), sf::Xinvalid);
+  EXPECT_EQ(p.mem->written, "");
 }
 
 TEST_F(Http, ChunkedWritingRoundTripsThroughTheReader) {
