@@ -1,6 +1,7 @@
 # Windows programs find their DLLs beside them: copy the compiler's runtime
 # (mingw-w64) and Tcl's DLLs into bin/, and Tcl's script library to
-# etc/tcl8.6, where the library looks for it by default. Installed the same way.
+# lib/tcl8.6, where Tcl looks for it relative to the executable (its
+# compiled-in path names the machine it was built on). Installed the same way.
 
 set(SF_WIN_RUNTIME_DLLS)
 if(MINGW)
@@ -29,8 +30,8 @@ list(APPEND SF_WIN_RUNTIME_DLLS ${SF_TCL_DLLS})
 file(COPY ${SF_WIN_RUNTIME_DLLS} DESTINATION ${CMAKE_BINARY_DIR}/bin)
 install(FILES ${SF_WIN_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR})
 if(IS_DIRECTORY ${SF_TCL_PREFIX}/lib/tcl8.6)
-  file(COPY ${SF_TCL_PREFIX}/lib/tcl8.6/ DESTINATION ${CMAKE_BINARY_DIR}/etc/tcl8.6)
-  install(DIRECTORY ${SF_TCL_PREFIX}/lib/tcl8.6/ DESTINATION etc/tcl8.6)
+  file(COPY ${SF_TCL_PREFIX}/lib/tcl8.6/ DESTINATION ${CMAKE_BINARY_DIR}/lib/tcl8.6)
+  install(DIRECTORY ${SF_TCL_PREFIX}/lib/tcl8.6/ DESTINATION ${CMAKE_INSTALL_LIBDIR}/tcl8.6)
 else()
   message(WARNING "Tcl's script library not found under ${SF_TCL_PREFIX}/lib/tcl8.6")
 endif()

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Cross-builds sf for 64-bit Windows on Debian 12 into build-win/: bin/sf.dll,
 # bin/sfhost.exe, bin/sfber.exe and the unit tests, with the Tcl and C++
-# runtime DLLs beside them and Tcl's script library in etc/tcl8.6. Tcl 8.6 and
+# runtime DLLs beside them and Tcl's script library in lib/tcl8.6. Tcl 8.6 and
 # GoogleTest are built for Windows from Debian's source packages once and kept
 # in build-win/deps/, so a second run only rebuilds sf.
 #   usage: scripts/build-windows.sh [--test]
