@@ -197,10 +197,12 @@ class HttpAdaptor : public Adaptor {
   HttpVer parseRequest(const std::string& line, std::string& method, std::string& url);
   HttpVer parseStatus(const std::string& line, std::string& code, std::string& reason);
 
-  // Answers a 401/407 challenge by sending the request again with
-  // credentials; true when it did. Without an authentication module it
-  // answers false, so the challenge is reported as a failed response.
+  // Answers a 401/407 challenge (its response headers) by sending the
+  // request again with credentials in extraHeaderLine; true when it did.
+  // False, with a level-1 line saying why, when nothing could be answered.
   virtual bool resendWithAuth(Connection* c, std::list<std::string>& headers);
+  // Writes the last request again: its headers, and the pending body.
+  void resendRequest(Connection* c);
 
   // --- writing ---
   // Client: request(); server: reply(), then the close rule.
@@ -324,6 +326,10 @@ class HttpAdaptor : public Adaptor {
 // The Xreject thrown by the HTTP layer: its reply holds the status digits
 // (e.g. "413"), and the close flag is clear (the status decides).
 Xreject makeReject(const char* status);
+// The Basic credential under the configuration array key for a challenge:
+// the first non-empty element of key(scope+realm), key(realm),
+// key(scope+".*"), key(*); "" when none is set.
+std::string basicCredential(const char* key, const std::string& scope, const std::string& realm);
 // Logs why the parser refused a request and throws its Xreject.
 [[noreturn]] void throwRefusal(const RequestParser::Error& e);
 
