@@ -1,6 +1,7 @@
 // The reader loop.
 #include "sf/reader.h"
 
+#include <condition_variable>
 #include <mutex>
 #include <set>
 
@@ -21,6 +22,43 @@ std::mutex g_runningLock;
 std::set<i_Port*>& running() {
   static auto* ports = new std::set<i_Port*>;
   return *ports;
+}
+
+// sf.reader.threads, by default one per core this process may use.
+int readerThreads() {
+  int n = static_cast<int>(platform::cpu_count());
+  try {
+    n = getVarInt("sf.reader.threads", n);
+  } catch (const X&) {
+    SF_LOG(1, "reader: sf.reader.threads is not a number; using %d", n);
+  }
+  return n < 1 ? 1 : (n > 256 ? 256 : n);
+}
+
+// The reader threads of one run: each serves the clients it accepted; the
+// thread that called run waits for the others before it closes the port.
+struct Crew {
+  Reader* reader;
+  i_Port* port;
+  const char* target;
+  std::mutex lock;
+  std::condition_variable done;
+  int running = 0;
+};
+
+void serve(Crew* crew) {
+  try {
+    ReaderLoop(crew->reader, crew->port, crew->target).run();
+  } catch (...) {
+    SF_LOG(1, "reader: caught unexpected exception");
+  }
+  std::lock_guard<std::mutex> guard(crew->lock);
+  if (--crew->running == 0) crew->done.notify_all();
+}
+
+void serveThread(void* crew) {
+  serve(static_cast<Crew*>(crew));
+  sfi_tclThreadDone();  // the accept actions and validations it evaluated
 }
 
 }  // namespace
@@ -61,9 +99,25 @@ void Reader::run(Port port, const char* target, const char*) {
   }
   p->readerRunning = true;
 
-  ReaderLoop(this, p, target).run();
+  Crew crew{this, p, target, {}, {}, 0};
+  int threads = readerThreads();
+  SF_LOG(2, "reader: %d threads on %s", threads, p->name.c_str());
+  crew.running = threads;
+  for (int i = 1; i < threads; ++i) {
+    if (!platform::start_thread(serveThread, &crew)) {
+      SF_SYSFAIL(0, "startThread");
+      std::lock_guard<std::mutex> guard(crew.lock);
+      --crew.running;
+    }
+  }
+  serve(&crew);
+  {
+    std::unique_lock<std::mutex> guard(crew.lock);
+    crew.done.wait(guard, [&] { return crew.running == 0; });
+  }
 
-  SF_LOG(4, "About to close fd %llu and do notify.", static_cast<unsigned long long>(p->fd.load()));
+  // The loops closed the socket when they stopped accepting; a shared socket
+  // may still be open if the port was closed some other way.
   socket_t s = p->fd.exchange(INVALID_SOCK);
   if (s != INVALID_SOCK) platform::sock_close(s);
   p->readerRunning = false;

@@ -12,6 +12,7 @@ namespace sf {
 
 namespace {
 std::atomic<bool> g_shuttingDown{false};
+std::atomic<int> g_drainSeconds{10};
 
 void collect(const std::string&, i_Port* port, void* arg) {
   static_cast<std::vector<i_Port*>*>(arg)->push_back(port);
@@ -24,9 +25,10 @@ void waitForReadersAndQueues() {
   sfi_forEachSharedPort(collect, &ports);
   for (i_Port* p : ports) {
     SF_LOG(4, "About to wait on port with fd %llu", static_cast<unsigned long long>(p->fd.load()));
-    // The reader closes the socket and then notifies; a port already closed
-    // (an earlier shutdown) is not waited for again.
-    while (p->fd.load() != INVALID_SOCK) {
+    // The readers close the socket as soon as they stop accepting, and
+    // notify once they have answered what they received; a port already
+    // closed with no reader left (an earlier shutdown) is not waited for.
+    while (p->fd.load() != INVALID_SOCK || p->readerRunning.load()) {
       if (p->closed.wait_ms(1000)) break;
     }
   }
@@ -49,9 +51,20 @@ bool sfi_shuttingDown() {
   return g_shuttingDown.load();
 }
 
+int sfi_drainSeconds() {
+  return g_drainSeconds.load();
+}
+
 void sfi_shutdown(void (*then)()) {
   SF_LOG(3, "shutdown - about to close ports.");
   sfi_closeUnusedSharedPorts();
+  int drain = 10;
+  try {
+    drain = getVarInt("sf.shutdown.drain", 10);
+  } catch (const X&) {
+    SF_LOG(1, "shutdown: sf.shutdown.drain is not a number; draining for 10 seconds");
+  }
+  g_drainSeconds.store(drain < 0 ? 0 : drain);
   g_shuttingDown.store(true);
   sfi_wakeAllReaders();
 
