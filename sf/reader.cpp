@@ -24,15 +24,16 @@ std::set<i_Port*>& running() {
   return *ports;
 }
 
-// sf.reader.threads, by default one per core this process may use.
-int readerThreads() {
-  int n = static_cast<int>(platform::cpu_count());
+// A setting read when a reader starts (not at shutdown: a stop must not
+// wait for the interpreter, which a hung thread may hold), within lo..hi.
+int setting(const char* name, int dflt, int lo, int hi) {
+  int n = dflt;
   try {
-    n = getVarInt("sf.reader.threads", n);
+    n = getVarInt(name, dflt);
   } catch (const X&) {
-    SF_LOG(1, "reader: sf.reader.threads is not a number; using %d", n);
+    SF_LOG(1, "reader: %s is not a number; using %d", name, dflt);
   }
-  return n < 1 ? 1 : (n > 256 ? 256 : n);
+  return n < lo ? lo : (n > hi ? hi : n);
 }
 
 // The reader threads of one run: each serves the clients it accepted; the
@@ -41,6 +42,7 @@ struct Crew {
   Reader* reader;
   i_Port* port;
   const char* target;
+  int drainSeconds;
   std::mutex lock;
   std::condition_variable done;
   int running = 0;
@@ -48,7 +50,7 @@ struct Crew {
 
 void serve(Crew* crew) {
   try {
-    ReaderLoop(crew->reader, crew->port, crew->target).run();
+    ReaderLoop(crew->reader, crew->port, crew->target, crew->drainSeconds).run();
   } catch (...) {
     SF_LOG(1, "reader: caught unexpected exception");
   }
@@ -99,8 +101,9 @@ void Reader::run(Port port, const char* target, const char*) {
   }
   p->readerRunning = true;
 
-  Crew crew{this, p, target, {}, {}, 0};
-  int threads = readerThreads();
+  // By default one thread per core this process may use.
+  int threads = setting("sf.reader.threads", static_cast<int>(platform::cpu_count()), 1, 256);
+  Crew crew{this, p, target, setting("sf.shutdown.drain", 10, 0, 86400), {}, {}, 0};
   SF_LOG(2, "reader: %d threads on %s", threads, p->name.c_str());
   crew.running = threads;
   for (int i = 1; i < threads; ++i) {

@@ -88,8 +88,12 @@ const ReaderSettings& readerSettings() {
   return s;
 }
 
-ReaderLoop::ReaderLoop(Reader* reader, i_Port* port, const char* target)
-    : reader_(reader), port_(port), target_(target), mailbox_(port->newMailbox()) {
+ReaderLoop::ReaderLoop(Reader* reader, i_Port* port, const char* target, int drainSeconds)
+    : reader_(reader),
+      port_(port),
+      target_(target),
+      mailbox_(port->newMailbox()),
+      drainSeconds_(drainSeconds) {
   mailbox_->open(platform::thread_id());
   set_.add(mailbox_->wakeup.fd(), kWakeKey, platform::EventSet::Level);
   ++port_->acceptors;
@@ -229,7 +233,7 @@ void ReaderLoop::superviseAccepting(Ms now) {
 // the others are served as usual and closed once they are idle.
 void ReaderLoop::beginDrain(Ms now) {
   draining_ = true;
-  drainUntil_ = now + static_cast<Ms>(sfi_drainSeconds()) * 1000;
+  drainUntil_ = now + static_cast<Ms>(drainSeconds_) * 1000;
   stopAccepting();
   std::vector<int> ids;
   for (const auto& kv : conns_) ids.push_back(kv.first);

@@ -33,9 +33,6 @@ void sfi_shutdown(void (*then)());
 
 // True once shutdown has been requested.
 bool sfi_shuttingDown();
-// How long readers may go on answering what they received once shutdown was
-// requested: sf.shutdown.drain seconds (default 10), read by the shutdown.
-int sfi_drainSeconds();
 
 // Notes that a queue refused a message of this thread because it was full;
 // sfi_takeQueueFull() tells (once) whether that happened since it last asked.

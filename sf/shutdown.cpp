@@ -12,7 +12,6 @@ namespace sf {
 
 namespace {
 std::atomic<bool> g_shuttingDown{false};
-std::atomic<int> g_drainSeconds{10};
 
 void collect(const std::string&, i_Port* port, void* arg) {
   static_cast<std::vector<i_Port*>*>(arg)->push_back(port);
@@ -51,20 +50,9 @@ bool sfi_shuttingDown() {
   return g_shuttingDown.load();
 }
 
-int sfi_drainSeconds() {
-  return g_drainSeconds.load();
-}
-
 void sfi_shutdown(void (*then)()) {
   SF_LOG(3, "shutdown - about to close ports.");
   sfi_closeUnusedSharedPorts();
-  int drain = 10;
-  try {
-    drain = getVarInt("sf.shutdown.drain", 10);
-  } catch (const X&) {
-    SF_LOG(1, "shutdown: sf.shutdown.drain is not a number; draining for 10 seconds");
-  }
-  g_drainSeconds.store(drain < 0 ? 0 : drain);
   g_shuttingDown.store(true);
   sfi_wakeAllReaders();
 

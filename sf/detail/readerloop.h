@@ -25,7 +25,8 @@ const ReaderSettings& readerSettings();
 
 class ReaderLoop {
  public:
-  ReaderLoop(Reader* reader, i_Port* port, const char* target);
+  // drainSeconds: how long a stop may take to answer what was received.
+  ReaderLoop(Reader* reader, i_Port* port, const char* target, int drainSeconds);
   ~ReaderLoop();
   ReaderLoop(const ReaderLoop&) = delete;
   ReaderLoop& operator=(const ReaderLoop&) = delete;
@@ -94,6 +95,7 @@ class ReaderLoop {
   bool accepting_ = true;     // counted in the port's acceptors
   Ms acceptPausedUntil_ = 0;  // after an accept failure
   Ms nextAlarmCheck_ = 0;
+  const int drainSeconds_;
   bool draining_ = false;  // shutdown was requested
   Ms drainUntil_ = 0;
 };

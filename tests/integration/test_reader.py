@@ -2,11 +2,12 @@
 limits: an unfinished HTTP header block, more clients than descriptors, and a
 stop while requests are still being answered."""
 
+import os
 import resource
 import socket
 import unittest
 
-from sfnet_support import Site, connect, echo_config, recv_exactly
+from sfnet_support import BUILD, Site, connect, echo_config, recv_exactly
 
 HTTP_CONFIG = """
 set sf.log.level 1
@@ -22,6 +23,14 @@ HTTP_START = """
 spinThread httpReader 127.0.0.1 @PORT@ {enQ http}
 spinThread dummyWorker http {after 100; sf_echo}
 """
+
+
+def sanitized():
+    """A sanitizer build checks memory through descriptors of its own, which
+    a process out of descriptors does not have: it reports errors that are
+    not there."""
+    with open(os.path.join(BUILD, "CMakeCache.txt")) as f:
+        return any(l.startswith("SF_SANITIZE:") and l.strip().partition("=")[2] for l in f)
 
 
 def read_response(s):
@@ -85,6 +94,8 @@ class ReaderLimits(unittest.TestCase):
         idle.close()
 
     def test_service_recovers_after_running_out_of_descriptors(self):
+        if sanitized():
+            self.skipTest("sanitizers need descriptors of their own")
         s = self.site(echo_config("set sf.reader.threads 2"), level=1)
         _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
         resource.prlimit(s.proc.pid, resource.RLIMIT_NOFILE, (64, hard))
