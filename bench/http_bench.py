@@ -61,7 +61,7 @@ for {{set i 0}} {{$i < {workers}}} {{incr i}} {{ spinThread dummyWorker http sf_
 """
 PROXY_START = """
 spinThread httpReader 127.0.0.1 {port} {{enQ http}}
-for {{set i 0}} {{$i < {workers}}} {{incr i}} {{ spinThread httpWorker http 127.0.0.1 {backend} }}
+for {{set i 0}} {{$i < {workers}}} {{incr i}} {{ spinThread httpWorker http 127.0.0.1 {backend} -forward }}
 """
 
 SMALL_SITE = """
@@ -82,8 +82,7 @@ def main():
     args = ap.parse_args()
     os.environ["SF_BUILD_DIR"] = os.path.abspath(args.build)
     os.environ.setdefault("SF_SOURCE_DIR", os.path.join(HERE, ".."))
-    import sfhttp_support as S
-    S.BIN = os.path.join(os.environ["SF_BUILD_DIR"], "bin")
+    import sfnet_support as S
     conns = [int(c) for c in args.conns.split(",")]
 
     rows = []
@@ -108,15 +107,17 @@ def main():
 
         echo_port = S.free_port()
         echo = S.Site(ECHO_CONFIG.format(port=echo_port),
-                      ECHO_START.format(port=echo_port, workers=args.workers), level=0)
+                      ECHO_START.format(port=echo_port, workers=args.workers))
         started.append(echo)
+        echo.start(level=0)
         S.wait_port(echo_port, echo.proc)
 
         sproxy_port = S.free_port()
         sproxy = S.Site(ECHO_CONFIG.format(port=sproxy_port),
                         PROXY_START.format(port=sproxy_port, workers=args.workers,
-                                           backend=nginx.port), level=0)
+                                           backend=nginx.port))
         started.append(sproxy)
+        sproxy.start(level=0)
         S.wait_port(sproxy_port, sproxy.proc)
 
         haproxy_port = None
