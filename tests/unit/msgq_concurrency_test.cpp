@@ -52,6 +52,7 @@ TEST(MessageQ, RingKeepsOneSlotEmptyAndRefusesWhenFull) {
     q.enQ(&ms[i]);
     q.enQ(&ms[i + 1]);
     EXPECT_THROW(q.enQ(&c), sf::Xstate);
+    EXPECT_EQ(q.size(), 2);  // also when the tail has wrapped below the head
     EXPECT_EQ(q.deQ(), &ms[i]);
     EXPECT_EQ(q.deQ(), &ms[i + 1]);
   }
