@@ -333,13 +333,17 @@ http {{
 
 
 class Squid:
-    """squid as a forward proxy, no authentication."""
+    """squid as a forward proxy; auth holds auth_param lines, and then only
+    clients that authenticate are served. @PASSWD@ in them names a file that
+    holds passwd."""
 
-    def __init__(self):
+    def __init__(self, auth="", passwd=""):
         self.dir = tempfile.mkdtemp(prefix="sf-squid-")
         os.chmod(self.dir, 0o777)  # squid drops to its own user when started as root
         self.port = free_port()
         d = self.dir
+        write(os.path.join(d, "passwd"), passwd + "\n")
+        auth = auth.replace("@PASSWD@", os.path.join(d, "passwd"))
         conf = f"""
 http_port 127.0.0.1:{self.port}
 pid_filename {d}/squid.pid
@@ -348,7 +352,9 @@ access_log none
 cache deny all
 coredump_dir {d}
 netdb_filename none
-http_access allow localhost
+{auth}
+{"acl authed proxy_auth REQUIRED" if auth else ""}
+http_access allow localhost {"authed" if auth else ""}
 http_access deny all
 shutdown_lifetime 0 seconds
 """
