@@ -160,7 +160,7 @@ for {{set i 0}} {{$i < {workers}}} {{incr i}} {{ spinThread dummyWorker http sf_
 """
 PROXY_START = """
 spinThread httpReader 127.0.0.1 {port} {{enQ http}}
-for {{set i 0}} {{$i < {workers}}} {{incr i}} {{ spinThread httpWorker http 127.0.0.1 {backend} }}
+for {{set i 0}} {{$i < {workers}}} {{incr i}} {{ spinThread httpWorker http 127.0.0.1 {backend} -forward }}
 """
 
 

@@ -63,6 +63,12 @@ inline bool iequals(const char* text, size_t n, const char* word) {
   return n == wn && ichar_traits::compare(text, word, n) == 0;
 }
 
+// The message environment entry that holds an HTTP header: "header:" and the
+// name in lower case. A header name cannot hold a colon, so no header a peer
+// sends can land on an entry of the reader's or the adaptor's own
+// (HttpRequestURL, HttpResultCode...), and "Host" and "host" are one entry.
+std::string headerEntry(const std::string& name);
+
 class HttpAdaptor : public Adaptor {
  public:
   // The protocol version. LATER is a major version above 1: accepted when
@@ -191,10 +197,12 @@ class HttpAdaptor : public Adaptor {
   HttpVer parseRequest(const std::string& line, std::string& method, std::string& url);
   HttpVer parseStatus(const std::string& line, std::string& code, std::string& reason);
 
-  // Answers a 401/407 challenge by sending the request again with
-  // credentials; true when it did. Without an authentication module it
-  // answers false, so the challenge is reported as a failed response.
+  // Answers a 401/407 challenge (its response headers) by sending the
+  // request again with credentials in extraHeaderLine; true when it did.
+  // False, with a level-1 line saying why, when nothing could be answered.
   virtual bool resendWithAuth(Connection* c, std::list<std::string>& headers);
+  // Writes the last request again: its headers, and the pending body.
+  void resendRequest(Connection* c);
 
   // --- writing ---
   // Client: request(); server: reply(), then the close rule.
@@ -262,6 +270,10 @@ class HttpAdaptor : public Adaptor {
   std::string userAgent;
   std::string serverType;
   std::string extraHeaderLine;
+  // Client role: a response is refused (Xproto) unless it has a status
+  // line, one unambiguous framing and a plain Content-Length; a forwarding
+  // worker sets it so that nothing odd is ever relayed.
+  bool strictResponse = false;
   std::int64_t maxHeader = 1024;
   std::int64_t maxBody = 65535;
   std::list<std::string> stuffHeaders;
@@ -298,6 +310,7 @@ class HttpAdaptor : public Adaptor {
   void readBodyToEof(Connection* c, Buffer* body);
   void readChunked(Connection* c, Buffer* body, ConnectionData& cd);
   void setEnv(const char* name, const std::string& value);
+  [[noreturn]] void refuseResponse(const char* why);
   bool buildHeaders(Connection* c, const Buffer* body, HttpDataType type, HttpHeader* header,
                     Buffer& block);
   void sendMessage(Connection* c, const Buffer& body, HttpDataType type, HttpHeader* header);
@@ -313,6 +326,10 @@ class HttpAdaptor : public Adaptor {
 // The Xreject thrown by the HTTP layer: its reply holds the status digits
 // (e.g. "413"), and the close flag is clear (the status decides).
 Xreject makeReject(const char* status);
+// The Basic credential under the configuration array key for a challenge:
+// the first non-empty element of key(scope+realm), key(realm),
+// key(scope+".*"), key(*); "" when none is set.
+std::string basicCredential(const char* key, const std::string& scope, const std::string& realm);
 // Logs why the parser refused a request and throws its Xreject.
 [[noreturn]] void throwRefusal(const RequestParser::Error& e);
 

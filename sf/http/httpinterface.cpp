@@ -37,12 +37,14 @@ int httpReaderCmd(int argc, const char** argv) {
 // server at address/port. Never returns.
 int httpWorkerCmd(int argc, const char** argv) {
   SF_LOG(2, "HTTP - HTTP Worker starting.");
-  if (argc < 4) {
-    SF_LOG(1, "http: usage: httpWorker queue address port");
+  bool forward = argc == 5 && iequals(argv[4], strlen(argv[4]), "-forward");
+  if (argc < 4 || (argc > 4 && !forward)) {
+    SF_LOG(1, "http: usage: httpWorker queue address port ?-forward?");
     return 1;
   }
   if (sfi_refuseInsideEvaluation("httpWorker")) return 1;
   HttpWorker worker(argv[1], argv[2], argv[3]);
+  worker.mode = forward ? HttpWorker::Mode::Forward : HttpWorker::Mode::Tunnel;
   worker.run();
 }
 
@@ -109,7 +111,8 @@ int httpPushCmd(int argc, const char** argv) {
   return 0;
 }
 
-// httpHeader name: the current message's environment entry name.
+// httpHeader name: the header name of the message read (its headerEntry),
+// or else the current message's environment entry name (HttpRequestURL...).
 int httpHeaderCmd(int argc, const char** argv) {
   if (argc < 2) {
     SF_LOG(7, "HTTP - TCL called GetHeader without an argument. Returning \"\".");
@@ -117,7 +120,8 @@ int httpHeaderCmd(int argc, const char** argv) {
     return 0;
   }
   Message* m = getContext()->message;
-  std::string value = m ? m->getenv(argv[1]) : std::string();
+  std::string value = m ? m->getenv(headerEntry(argv[1]).c_str()) : std::string();
+  if (m && value.empty()) value = m->getenv(argv[1]);
   setRes(value.c_str());
   SF_LOG(7, "HTTP - TCL requested environment variable \"%s\", returning \"%s\".", argv[1],
          value.c_str());

@@ -34,6 +34,10 @@ std::int64_t leadingNumber(const char* text) {
   return negative ? -v : v;
 }
 
+bool hasControl(const std::string& line) {
+  return line.find_first_of(std::string("\r\n\0", 3)) != std::string::npos;
+}
+
 bool onlyVersionChars(const std::string& s) {
   return s.find_first_not_of("0123456789.") == std::string::npos;
 }
@@ -44,6 +48,11 @@ HttpAdaptor::HttpVer versionOf(int major, int minor) {
 }
 
 }  // namespace
+
+void HttpAdaptor::refuseResponse(const char* why) {
+  SF_LOG(1, "HTTP - Refusing the response: %s", why);
+  SF_THROW("badresponse", Xproto());
+}
 
 void HttpAdaptor::setEnv(const char* name, const std::string& value) {
   TransactionContext* ctx = getContext();
@@ -182,12 +191,14 @@ bool HttpAdaptor::readStatusLine(Connection* c, Buffer& hbuf, size_t& pos, Conne
   SF_LOG(7, "HTTP - Reading response status from server");
   std::string line;
   if (GetFullLine(&line, c, &hbuf, &pos, true, false)) {
+    if (strictResponse) refuseResponse("no status line");
     SF_LOG(4, "HTTP - Reading a HTTP/0.9 response");
     cd.version = HTTP_0_9;
     cd.readToEof = true;
     lastStatus = 200;  // a bare body is the answer
     return false;
   }
+  if (strictResponse && hasControl(line)) refuseResponse("control character in the status line");
   std::string code, reason;
   cd.version = parseStatus(line, code, reason);
   setEnv("HttpResultCode", code);
@@ -212,7 +223,8 @@ bool HttpAdaptor::readResponseHeaders(Connection* c, Buffer& hbuf, size_t& pos, 
   std::string line;
   for (;;) {
     GetFullLine(&line, c, &hbuf, &pos, false, true);
-    if (line.empty()) return hasContentLength;
+    if (line.empty()) break;
+    if (strictResponse && hasControl(line)) refuseResponse("control character in a header line");
     size_t colon = line.find(':');
     if (colon == std::string::npos) {
       SF_LOG(1, "HTTP - Request received without valid header line (colon missing)");
@@ -223,7 +235,14 @@ bool HttpAdaptor::readResponseHeaders(Connection* c, Buffer& hbuf, size_t& pos, 
     while (vstart < line.size() && isBlank(line[vstart])) ++vstart;
     std::string value = line.substr(vstart);
     if (iequals(name, colon, "Content-Length")) {
-      cd.contentLength = leadingNumber(value.c_str());
+      std::int64_t length = leadingNumber(value.c_str());
+      // Two lengths that differ, or one that is not a plain number, leave
+      // the end of the body open to interpretation.
+      if (strictResponse &&
+          (value.empty() || value.find_first_not_of("0123456789") != std::string::npos ||
+           (hasContentLength && length != cd.contentLength)))
+        refuseResponse("ambiguous Content-Length");
+      cd.contentLength = length;
       hasContentLength = true;
       cd.readToEof = false;
       SF_LOG(8, "HTTP - Found a Content-Length for the request (%d)",
@@ -246,9 +265,12 @@ bool HttpAdaptor::readResponseHeaders(Connection* c, Buffer& hbuf, size_t& pos, 
       continue;
     }
     if (iequals(name, colon, "Keep-Alive")) continue;
-    if (iequals(name, colon, "Transfer-Encoding") && value.size() >= 7) {
+    if (iequals(name, colon, "Transfer-Encoding")) {
+      // Only a plain "chunked" has a framing this reader knows.
+      if (strictResponse && (cd.chunked || !iequals(value.data(), value.size(), "chunked")))
+        refuseResponse("unsupported Transfer-Encoding");
       std::basic_string<char, ichar_traits> v(value.data(), value.size());
-      if (v.find("chunked") != std::basic_string<char, ichar_traits>::npos) {
+      if (value.size() >= 7 && v.find("chunked") != std::basic_string<char, ichar_traits>::npos) {
         cd.chunked = true;
         cd.readToEof = false;
         SF_LOG(8, "HTTP - Found a chunked transfer encoding header.  (entire header = \"%s\")",
@@ -258,9 +280,12 @@ bool HttpAdaptor::readResponseHeaders(Connection* c, Buffer& hbuf, size_t& pos, 
     }
     std::string hname = line.substr(0, colon);
     SF_LOG(8, "HTTP - Saving application header \"%s: %s\"", hname.c_str(), value.c_str());
-    setEnv(hname.c_str(), value);
+    setEnv(headerEntry(hname).c_str(), value);
     if (headers) headers->push_back(hname + ": " + value);
   }
+  if (strictResponse && hasContentLength && cd.chunked)
+    refuseResponse("both Content-Length and chunked");
+  return hasContentLength;
 }
 
 // A response keeps the framing its status and the request allow (a HEAD

@@ -37,12 +37,21 @@ class HttpWorker : public Worker {
   // back on msg->conn; any failure becomes the default rejection there.
   void processMessage(Message* msg) override;
 
+  // Tunnel: the message's data is the adaptor's own request. Forward: a
+  // request read by an HTTP reader goes out with its own method, URL and
+  // end-to-end headers (docs/commands.md).
+  enum class Mode { Tunnel, Forward };
+
   PortAddr server;
+  Mode mode = Mode::Tunnel;
   Connection backend;  // kept between messages while the server allows
 
  private:
   HttpAdaptor* connectBackend();
-  void forward(HttpAdaptor* http, Message* msg, Buffer& answer);
+  HttpAdaptor* keptBackend();
+  void sendRequest(HttpAdaptor* http, Message* msg);
+  void readAnswer(Buffer& answer);
+  void exchange(Message* msg, Buffer& answer);
 };
 
 }  // namespace sf

@@ -13,13 +13,13 @@ namespace {
 
 const int kReadBlock = 4096;  // bytes asked of the lower adaptor per read
 
-// Entries the adaptor itself sets on a request's message.
-bool isAdaptorEntry(const std::string& name) {
-  return iequals(name.data(), name.size(), "HttpRequestURL") ||
-         iequals(name.data(), name.size(), "HttpRequestMethod");
-}
-
 }  // namespace
+
+std::string headerEntry(const std::string& name) {
+  std::string entry = "header:";
+  for (char ch : name) entry += (ch >= 'A' && ch <= 'Z') ? char(ch - 'A' + 'a') : ch;
+  return entry;
+}
 
 void throwRefusal(const RequestParser::Error& e) {
   SF_LOG(1, "%s", e.text.c_str());
@@ -86,23 +86,21 @@ void HttpAdaptor::publishRequest(std::list<std::string>* headers) {
   const std::string& method = request_.methodWord();
   const std::string& url = request_.target();
   SF_LOG(7, "HTTP - Client sent a \"%s\" request for url %s", method.c_str(), url.c_str());
+  // Each header goes under its own entry (headerEntry), where no header can
+  // replace an entry of the reader or the adaptor; a repeated header is one
+  // entry holding its values joined by ", ".
   Message* msg = getContext()->message;
-  // Entries already on the message belong to the reader that made it; a
-  // request header may not replace them, nor the adaptor's own.
-  std::vector<std::string> taken;
-  if (msg && msg->env)
-    for (const auto& entry : *msg->env) taken.push_back(entry.first);
+  std::vector<std::string> seen;
   for (const auto& field : request_.fields()) {
     const std::string& name = field.first;
-    bool clash = isAdaptorEntry(name);
-    for (size_t i = 0; i < taken.size() && !clash; ++i)
-      clash = iequals(name.data(), name.size(), taken[i].c_str());
-    if (clash) {
-      SF_LOG(3, "HTTP - Request header \"%s\" ignored: the name is reserved", name.c_str());
-      continue;
-    }
+    std::string entry = headerEntry(name);
+    std::string value = field.second;
+    bool repeated = false;
+    for (const std::string& e : seen) repeated = repeated || e == entry;
+    if (repeated && msg) value = msg->getenv(entry.c_str()) + ", " + value;
+    if (!repeated) seen.push_back(entry);
     SF_LOG(8, "HTTP - Saving application header \"%s: %s\"", name.c_str(), field.second.c_str());
-    setEnv(name.c_str(), field.second);
+    setEnv(entry.c_str(), value);
     if (headers) headers->push_back(name + ": " + field.second);
   }
   setEnv("HttpRequestURL", url);

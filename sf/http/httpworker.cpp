@@ -1,9 +1,75 @@
 // sf::HttpWorker: forwards each message to an HTTP server and relays the
 // answer as the reply.
+//
+// Two modes. A tunnel (the default) sends the message's data as the client
+// adaptor's own request: a POST of the data to sf.http.requestURL with
+// sf.http.contentType, or a GET when the data is empty. A forwarding worker
+// (a reverse proxy) sends a request read by an HTTP reader with its own
+// method, URL and end-to-end headers.
+//
+// Whatever the mode, the backend's answer is checked before a byte of it is
+// relayed: a status line, one framing, and nothing after the message. A
+// backend that breaks any of these gets the client a 502 and loses its
+// connection, so no later client can be served bytes meant for another.
 #include "sf/http/httpreader.h"
 #include "sf/message.h"
 
 namespace sf {
+
+namespace {
+
+// Connection-specific fields (RFC 9110 section 7.6.1) and the ones the
+// adaptor writes itself: never copied from the client's request.
+const char* const kNotForwarded[] = {"connection",
+                                     "keep-alive",
+                                     "proxy-connection",
+                                     "proxy-authenticate",
+                                     "proxy-authorization",
+                                     "te",
+                                     "trailer",
+                                     "transfer-encoding",
+                                     "upgrade",
+                                     "content-length",
+                                     "expect",
+                                     "content-type",
+                                     "x-forwarded-for",
+                                     "user-agent"};
+
+bool forwarded(const std::string& name) {
+  for (const char* n : kNotForwarded)
+    if (name == n) return false;
+  return true;
+}
+
+// "x-forwarded-for" -> "X-Forwarded-For".
+std::string displayName(const std::string& lower) {
+  std::string name = lower;
+  bool start = true;
+  for (char& ch : name) {
+    if (start && ch >= 'a' && ch <= 'z') ch = char(ch - 'a' + 'A');
+    start = ch == '-';
+  }
+  return name;
+}
+
+bool hasControl(const std::string& value) {
+  return value.find_first_of(std::string("\r\n\0", 3)) != std::string::npos;
+}
+
+// While the backend's answer is read, the message being served is not the
+// thread's current one, so the backend's headers never land in the client's
+// environment.
+struct DetachMessage {
+  TransactionContext* ctx = getContext();
+  Message* saved = ctx->message;
+  DetachMessage() { ctx->message = nullptr; }
+  ~DetachMessage() { ctx->message = saved; }
+};
+
+// Thrown when the backend's answer may not be relayed: the client gets 502.
+struct BadGateway {};
+
+}  // namespace
 
 HttpWorker::HttpWorker(const char* queueName, const char* nic, const char* port)
     : Worker(queueName), server(nic, port) {
@@ -15,60 +81,127 @@ HttpAdaptor* HttpWorker::connectBackend() {
   SF_LOG(4, "HTTP - Connecting to HTTP server %s", server.str().c_str());
   backend.push(new TcpAdaptor);
   HttpAdaptor* http = new HttpAdaptor(true);
+  http->strictResponse = true;
   backend.push(http);
   return http;
 }
 
-void HttpWorker::forward(HttpAdaptor* http, Message* msg, Buffer& answer) {
+// A kept connection carries the next request only when the last exchange
+// ended exactly at a message boundary: nothing buffered, nothing arrived
+// since (a late second answer, or the server's close).
+HttpAdaptor* HttpWorker::keptBackend() {
+  if (backend.socketNo() == INVALID_SOCK) return nullptr;
+  if (backend.hasBufferedData() || backend.isReadReady(0)) {
+    SF_LOG(4, "HTTP - kept connection to %s is not at a message boundary, closing it",
+           server.str().c_str());
+    tcp_close(backend);
+    backend = Connection();
+    return nullptr;
+  }
+  return dynamic_cast<HttpAdaptor*>(backend.getAdaptor());
+}
+
+void HttpWorker::sendRequest(HttpAdaptor* http, Message* msg) {
   Buffer none;
   const Buffer& data = msg->data ? *msg->data : none;
-  // A request read by a server-role adaptor is forwarded as it came: same
-  // method and URL. Anything else is tunnelled as the adaptor's own request
-  // (POST of the data to sf.http.requestURL, or GET when it is empty).
-  std::string url = msg->getenv("HttpRequestURL");
   std::string method = msg->getenv("HttpRequestMethod");
-  std::list<std::string> headers;
-  if (url.empty()) {
-    backend.write(data);
-  } else if (method == "GET") {
-    http->get(&backend, url.c_str(), headers);
-  } else if (method == "HEAD") {
-    http->head(&backend, url.c_str(), headers);
-  } else {
-    std::string type = msg->getenv("Content-Type");
-    http->post(&backend, url.c_str(), type.empty() ? nullptr : type.c_str(), data, headers);
+  if (mode == Mode::Tunnel || method.empty()) {
+    http->request(backend, data);
+    return;
   }
-  backend.read(answer);
+  std::list<std::string> headers;
+  std::string type;
+  std::string forwardedFor;
+  if (msg->env) {
+    const std::string prefix = headerEntry("");
+    for (const auto& entry : *msg->env) {
+      if (entry.first.compare(0, prefix.size(), prefix) != 0) continue;
+      std::string name = entry.first.substr(prefix.size());
+      if (hasControl(entry.second)) {
+        SF_LOG(1, "HTTP - Header %s holds a control character, not forwarding", name.c_str());
+        SF_THROW("forward", Xinvalid());
+      }
+      if (name == "content-type") type = entry.second;
+      if (name == "x-forwarded-for") forwardedFor = entry.second + ", ";
+      if (forwarded(name)) headers.push_back(displayName(name) + ": " + entry.second);
+    }
+  }
+  std::string peer = msg->conn.remoteinfo();
+  headers.push_back("X-Forwarded-For: " + forwardedFor + peer.substr(0, peer.find('+')));
+  std::string url = msg->getenv("HttpRequestURL");
+  // A HEAD is asked as a GET, so that the reply announces the length a GET
+  // would get; the reply to HEAD then leaves the body out.
+  if (method == "GET" || method == "HEAD")
+    http->get(&backend, url.c_str(), headers);
+  else
+    http->post(&backend, url.c_str(), type.empty() ? nullptr : type.c_str(), data, headers);
+}
+
+void HttpWorker::readAnswer(Buffer& answer) {
+  try {
+    backend.read(answer);
+  } catch (Xproto&) {
+    throw BadGateway();
+  } catch (Xreject&) {
+    throw BadGateway();  // a framing error in the answer
+  }
+  if (backend.socketNo() != INVALID_SOCK && (backend.hasBufferedData() || backend.isReadReady(0))) {
+    // More than one message, or the server closing mid-stream: nothing of
+    // this exchange can be trusted.
+    SF_LOG(1, "HTTP - Server %s sent bytes after its answer", server.str().c_str());
+    throw BadGateway();
+  }
+}
+
+void HttpWorker::exchange(Message* msg, Buffer& answer) {
+  DetachMessage detached;
+  HttpAdaptor* http = keptBackend();
+  bool kept = http != nullptr;
+  if (!kept) http = connectBackend();
+  try {
+    sendRequest(http, msg);
+    readAnswer(answer);
+  } catch (Xclosed&) {
+    // A server may close an idle connection at any moment: a kept one
+    // that fails before answering is replaced once.
+    if (!kept) throw BadGateway();
+    SF_LOG(4, "HTTP - kept connection to %s was closed, connecting again", server.str().c_str());
+    answer.resize(0);
+    http = connectBackend();
+    sendRequest(http, msg);
+    try {
+      readAnswer(answer);
+    } catch (Xclosed&) {
+      throw BadGateway();
+    }
+  }
+  if (backend.socketNo() == INVALID_SOCK) backend = Connection();
 }
 
 void HttpWorker::processMessage(Message* msg) {
+  int status = 0;  // the adaptor's configured rejection
+  Buffer answer;
   try {
-    Buffer answer;
-    // The connection of the previous message is used again while the
-    // server keeps it open. A server may close an idle one at any moment,
-    // so a kept connection that fails before answering is replaced once.
-    bool kept = backend.socketNo() != INVALID_SOCK && backend.check();
-    HttpAdaptor* http = kept ? dynamic_cast<HttpAdaptor*>(backend.getAdaptor()) : nullptr;
-    if (!http) {
-      kept = false;
-      http = connectBackend();
-    }
-    try {
-      forward(http, msg, answer);
-    } catch (Xclosed&) {
-      if (!kept) throw;
-      SF_LOG(4, "HTTP - kept connection to %s was closed, connecting again", server.str().c_str());
-      answer.resize(0);
-      http = connectBackend();
-      forward(http, msg, answer);
-    }
-    if (backend.socketNo() == INVALID_SOCK) backend = Connection();
-    msg->conn.write(answer);
+    exchange(msg, answer);
+  } catch (BadGateway&) {
+    SF_LOG(1, "HTTP - invalid answer from %s, replying 502", server.str().c_str());
+    status = 502;
   } catch (X& x) {
     SF_LOG(3, "HTTP - forwarding to %s failed - %s", server.str().c_str(), x.str().c_str());
+    status = -1;
+  }
+  Adaptor* a = msg->conn.getAdaptor();
+  try {
+    if (status == 0) {
+      msg->conn.write(answer);
+      return;
+    }
+    // The backend connection of a failed exchange is never used again.
+    if (backend.socketNo() != INVALID_SOCK) tcp_close(backend);
     backend = Connection();
-    Adaptor* a = msg->conn.getAdaptor();
-    if (a) a->reject(&msg->conn, 0, nullptr);
+    if (a) a->reject(&msg->conn, status < 0 ? 0 : status, nullptr);
+  } catch (X& x) {
+    SF_LOG(3, "HTTP - replying to the client failed - %s", x.str().c_str());
   }
 }
 

@@ -75,6 +75,12 @@ void HttpAdaptor::appendVer(Buffer& b, HttpVer v) {
 }
 
 void HttpAdaptor::writeLine(Buffer& block, const char* text) {
+  // A line break inside a value would start a header (or a message) of the
+  // value's choosing: such a line is never written.
+  if (strpbrk(text, "\r\n")) {
+    SF_LOG(1, "HTTP - Refusing to write a header line that holds CR or LF");
+    SF_THROW("crlf", Xinvalid());
+  }
   SF_LOG(7, "HTTP - Writing header line: \"%s\"", text);
   block.append(text);
   block.append("\r\n", 2);
@@ -121,7 +127,15 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
              ver.c_str());
     writeLine(block, lb);
     if (version == HTTP_0_9) return true;  // the request line is all there is
-    if (!extraHeaderLine.empty()) writeLine(block, extraHeaderLine.c_str());
+    if (!extraHeaderLine.empty()) {
+      // Credentials: written, never logged.
+      if (extraHeaderLine.find_first_of(std::string("\r\n\0", 3)) != std::string::npos)
+        SF_THROW("crlf", Xinvalid());
+      SF_LOG(7, "HTTP - Writing header line: \"%s: ...\"",
+             extraHeaderLine.substr(0, extraHeaderLine.find(':')).c_str());
+      block.append(extraHeaderLine.data(), extraHeaderLine.size());
+      block.append("\r\n", 2);
+    }
   } else {
     status = header ? header->status : statusResult;
     const std::string& reason = header ? header->reason : statusReason;
@@ -353,6 +367,7 @@ void HttpAdaptor::post(Connection& c, const Buffer& body) {
 
 void HttpAdaptor::get(Connection* c, const char* url, const std::list<std::string>& headers) {
   SF_LOG(7, "HTTP - Issuing users GET request.");
+  pending.resize(0);
   requestHeader.headers = headers;
   requestHeader.url = url ? url : "";
   requestHeader.method = METHOD_GET;
@@ -361,6 +376,7 @@ void HttpAdaptor::get(Connection* c, const char* url, const std::list<std::strin
 
 void HttpAdaptor::head(Connection* c, const char* url, const std::list<std::string>& headers) {
   SF_LOG(7, "HTTP - Issuing users HEAD request.");
+  pending.resize(0);
   requestHeader.headers = headers;
   requestHeader.url = url ? url : "";
   requestHeader.method = METHOD_HEAD;
@@ -398,6 +414,9 @@ void HttpAdaptor::httpConnect(Connection& c, const char* target) {
     readMessage(&c, work_, &headers);
   }
   if (lastStatus >= 200 && lastStatus <= 299) {
+    // The proxy's credentials are for the proxy: nothing sent through the
+    // tunnel carries them.
+    extraHeaderLine.clear();
     SF_LOG(4, "http connect successful");
   } else {
     SF_LOG(1, "http connect failed, code %d", lastStatus);

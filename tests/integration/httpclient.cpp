@@ -1,6 +1,7 @@
 // sf_httpclient: HttpAdaptor's client role from the command line, for the
 // integration tests. -m CHUNKED posts data in three chunks; -n repeats the
-// request on one connection; -p tunnels through a proxy with CONNECT. Prints
+// request on one connection; -p tunnels through a proxy with CONNECT, -a gives
+// it the credentials for any realm. Prints
 // "status CODE", "length N", the N body bytes and a newline per response, or
 // "error TEXT" and exits 1.
 #include <cstdio>
@@ -17,7 +18,7 @@ namespace {
 void usage() {
   fprintf(stderr,
           "usage: sf_httpclient [-m GET|POST|HEAD|CHUNKED] [-d data] [-n count]\n"
-          "                     [-p proxyhost proxyport] host port url\n");
+          "                     [-p proxyhost proxyport] [-a user password] host port url\n");
   exit(2);
 }
 
@@ -51,7 +52,7 @@ void request(sf::Connection& c, sf::HttpAdaptor* http, const std::string& method
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string method = "GET", data, proxyHost, proxyPort;
+  std::string method = "GET", data, proxyHost, proxyPort, user, password;
   std::list<std::string> headers;
   int count = 1;
   int i = 1;
@@ -66,6 +67,9 @@ int main(int argc, char** argv) {
     } else if (o == "-p" && i + 2 < argc) {
       proxyHost = argv[++i];
       proxyPort = argv[++i];
+    } else if (o == "-a" && i + 2 < argc) {
+      user = argv[++i];
+      password = argv[++i];
     } else {
       usage();
     }
@@ -74,6 +78,10 @@ int main(int argc, char** argv) {
   std::string host = argv[i], port = argv[i + 1], url = argv[i + 2];
 
   sf::sfi_tclCreate();
+  if (!user.empty()) {
+    sf::setVarStr("sf.http.authname(*)", user.c_str());
+    sf::setVarStr("sf.http.authpasswd(*)", password.c_str());
+  }
   try {
     bool proxy = !proxyHost.empty();
     sf::PortAddr addr((proxy ? proxyHost : host).c_str(), (proxy ? proxyPort : port).c_str());

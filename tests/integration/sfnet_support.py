@@ -1,15 +1,21 @@
-"""Helpers for the TCP tests: an sfhost site built from a config text,
-clients, and waiting for log lines. Servers listen on 127.0.0.1 only."""
+"""What every integration test shares: sfhost sites built from a config text
+(the Site fixture), free ports, waiting for a port or a log line, clients,
+and the real peers (nginx, squid). Everything listens on 127.0.0.1 only."""
 
 import os
+import shutil
 import signal
 import socket
 import subprocess
 import tempfile
 import time
+import unittest
 
-BUILD = os.environ.get("SF_BUILD_DIR", "build")
-SFHOST = os.path.join(BUILD, "bin", "sfhost")
+BUILD = os.path.abspath(os.environ.get("SF_BUILD_DIR", "build"))
+SOURCE = os.path.abspath(os.environ.get("SF_SOURCE_DIR", "."))
+BIN = os.path.join(BUILD, "bin")
+SFHOST = os.path.join(BIN, "sfhost")
+ECHO_MODULE = "/usr/lib/nginx/modules/ngx_http_echo_module.so"
 
 
 def free_port():
@@ -18,18 +24,45 @@ def free_port():
         return s.getsockname()[1]
 
 
-def shm_names(tavodatdir):
-    base = "estat" + "".join("_" if c in "/:\\" else c for c in tavodatdir)
-    return [base + "_shm", base + "_mx"]
-
-
 def poll(pred, timeout, what):
+    """Waits until pred() holds; what() explains the failure."""
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
         if pred():
             return
         time.sleep(0.05)
     raise AssertionError(what())
+
+
+def can_connect(port):
+    try:
+        socket.create_connection(("127.0.0.1", port), timeout=1).close()
+        return True
+    except OSError:
+        return False
+
+
+def wait_port(port, proc=None, timeout=30.0, output=lambda: ""):
+    """Waits until something listens on port; fails at once if proc ends."""
+    def up():
+        if proc is not None and proc.poll() is not None:
+            raise AssertionError("exited with %s before listening on %d:\n%s"
+                                 % (proc.returncode, port, output()))
+        return can_connect(port)
+    poll(up, timeout, lambda: "nothing listens on %d:\n%s" % (port, output()))
+
+
+def stop(proc, timeout=30.0):
+    """SIGTERM, and the exit status (None if it had to be killed)."""
+    if proc is None or proc.poll() is not None:
+        return None if proc is None else proc.returncode
+    proc.terminate()
+    try:
+        return proc.wait(timeout=timeout)
+    except subprocess.TimeoutExpired:
+        proc.kill()
+        proc.wait()
+        return None
 
 
 def clean_env(**extra):
@@ -61,20 +94,28 @@ def read(path):
         return ""
 
 
-def can_connect(port):
-    try:
-        socket.create_connection(("127.0.0.1", port), timeout=1).close()
-        return True
-    except OSError:
-        return False
+def write(path, text):
+    with open(path, "w") as f:
+        f.write(text)
+
+
+def remove_shm(tavodatdir):
+    """Removes the statistics block sfhost made for this data directory."""
+    base = "estat" + "".join("_" if c in "/:\\" else c for c in tavodatdir)
+    for name in (base + "_shm", base + "_mx"):
+        try:
+            os.unlink("/dev/shm/" + name)
+        except FileNotFoundError:
+            pass
 
 
 class Site:
-    """A throw-away site: root with etc/config.tcl (and start.tcl when
-    given), its own data directory and statistics block name."""
+    """A throw-away site: a root with etc/config.tcl (and start.tcl when
+    given) that is also its data directory, with its own statistics block.
+    @PORT@ in the scripts stands for self.port."""
 
     def __init__(self, config, start=None, port=None):
-        self.tmp = tempfile.TemporaryDirectory(prefix="sfnet-")
+        self.tmp = tempfile.TemporaryDirectory(prefix="sf-site-")
         self.root = self.tmp.name
         self.port = port or free_port()
         os.makedirs(os.path.join(self.root, "etc"))
@@ -89,8 +130,7 @@ class Site:
         return os.path.join(self.root, rel)
 
     def write(self, rel, text):
-        with open(self.path(rel), "w") as f:
-            f.write(text.replace("@PORT@", str(self.port)))
+        write(self.path(rel), text.replace("@PORT@", str(self.port)))
 
     def command(self, *args):
         return [SFHOST, "-rootdir", self.root, "-datdir", self.root, *args]
@@ -106,17 +146,15 @@ class Site:
     def start(self, level=3):
         """Starts sfhost with its log on stderr (kept in stderr.txt)."""
         self._err = open(self.log, "w")
-        self.proc = subprocess.Popen(
-            [SFHOST, "-rootdir", self.root, "-datdir", self.root, "-l", "-d", str(level)],
-            cwd=self.root, env=self.env, stdout=subprocess.PIPE, stderr=self._err, text=True)
+        self.proc = subprocess.Popen(self.command("-l", "-d", str(level)), cwd=self.root,
+                                     env=self.env, stdout=subprocess.PIPE, stderr=self._err,
+                                     text=True)
         return self.proc
 
-    def wait_listening(self, timeout=30.0):
-        def up():
-            if self.proc.poll() is not None:
-                raise RuntimeError("sfhost exited with %s:\n%s" % (self.proc.returncode, self.text()))
-            return can_connect(self.port)
-        poll(up, timeout, lambda: "sfhost does not listen on %d" % self.port)
+    def wait_listening(self, *ports, timeout=30.0):
+        """Waits until sfhost listens on ports (by default its own)."""
+        for port in ports or (self.port,):
+            wait_port(port, self.proc, timeout, self.text)
 
     def text(self):
         return read(self.log)
@@ -126,16 +164,7 @@ class Site:
              lambda: "log never said %r:\n%s" % (needle, self.text()[-3000:]))
 
     def stop(self, timeout=30.0):
-        """SIGTERM, and the exit status (None if it had to be killed)."""
-        if self.proc is None or self.proc.poll() is not None:
-            return None if self.proc is None else self.proc.returncode
-        self.proc.send_signal(signal.SIGTERM)
-        try:
-            return self.proc.wait(timeout=timeout)
-        except subprocess.TimeoutExpired:
-            self.proc.kill()
-            self.proc.wait()
-            return None
+        return stop(self.proc, timeout)
 
     def close(self):
         self.stop()
@@ -145,12 +174,29 @@ class Site:
         self.tmp.cleanup()
 
 
-def remove_shm(tavodatdir):
-    for name in shm_names(tavodatdir):
-        try:
-            os.unlink("/dev/shm/" + name)
-        except FileNotFoundError:
-            pass
+class SiteTest(unittest.TestCase):
+    """The loopback fixture: a site started at level (not started when
+    None), waited for on ports (its own port by default, none for ()), and
+    closed when the test, or from setUpClass the class, ends."""
+
+    def site(self, config, start=None, level=3, ports=None, port=None):
+        s = Site(config, start, port)
+        self.addCleanup(s.close)
+        return _started(s, level, ports)
+
+    @classmethod
+    def class_site(cls, config, start=None, level=3, ports=None, port=None):
+        s = Site(config, start, port)
+        cls.addClassCleanup(s.close)
+        return _started(s, level, ports)
+
+
+def _started(site, level, ports):
+    if level is not None:
+        site.start(level)
+        if ports is None or ports:
+            site.wait_listening(*(ports or ()))
+    return site
 
 
 ECHO_CONFIG = """
@@ -188,3 +234,136 @@ def recv_exactly(s, n):
 def echoes(s, msg):
     s.sendall(msg)
     return recv_exactly(s, len(msg)) == msg
+
+
+def recv_all(sock, timeout=10):
+    """Everything until the peer closes (a reset keeps what came first)."""
+    sock.settimeout(timeout)
+    data = b""
+    while True:
+        try:
+            chunk = sock.recv(65536)
+        except ConnectionResetError:
+            return data
+        if not chunk:
+            return data
+        data += chunk
+
+
+def curl(*args):
+    """curl's (status, body); status 0 when no answer came."""
+    out = subprocess.run(["curl", "-s", "-S", "--max-time", "20", "-w", "\\n%{http_code}",
+                          *args], capture_output=True, timeout=30)
+    body, _, code = out.stdout.rpartition(b"\n")
+    return int(code or 0), body
+
+
+def http_client(*args, timeout=30):
+    """Runs sf_httpclient; returns (exit status, [(status, body bytes)...], raw)."""
+    out = subprocess.run([os.path.join(BIN, "sf_httpclient")] + [str(a) for a in args],
+                         capture_output=True, timeout=timeout)
+    raw = out.stdout
+    answers = []
+    while raw.startswith(b"status "):
+        line, raw = raw.split(b"\n", 1)
+        status = int(line.split()[1])
+        line, raw = raw.split(b"\n", 1)
+        n = int(line.split()[1])
+        answers.append((status, raw[:n]))
+        raw = raw[n + 1:]
+    return out.returncode, answers, out.stdout + out.stderr
+
+
+NGINX_SITE = """
+    server {{
+        listen 127.0.0.1:{port};
+        location = /hello {{ return 200 "hello from nginx\\n"; }}
+        location = /echo {{ echo_read_request_body; echo -n $request_body; }}
+        location = /chunked {{ root {www}; sub_filter_types text/plain; sub_filter 'zz' 'zz'; }}
+        location /static/ {{ root {www}; }}
+        location = /teapot {{ return 418 "short and stout\\n"; }}
+        {extra}
+    }}
+"""
+
+
+class Nginx:
+    """nginx in the foreground with a temporary prefix; site is a server
+    block template like NGINX_SITE."""
+
+    def __init__(self, site=NGINX_SITE, extra="", workers=1, master=False):
+        self.dir = tempfile.mkdtemp(prefix="sf-nginx-")
+        os.chmod(self.dir, 0o755)
+        self.port = free_port()
+        self.www = os.path.join(self.dir, "www")
+        os.makedirs(os.path.join(self.www, "static"))
+        write(os.path.join(self.www, "chunked"), "this body goes out chunked\n" * 40)
+        write(os.path.join(self.www, "static", "page.txt"), "static page\n")
+        load = "load_module %s;" % ECHO_MODULE if os.path.exists(ECHO_MODULE) else ""
+        d = self.dir
+        temps = "".join(f"{n}_temp_path {d}/{n}; " for n in
+                        ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
+        conf = f"""
+{load}
+daemon off;
+master_process {"on" if master else "off"};
+worker_processes {workers};
+pid {d}/nginx.pid;
+error_log {d}/error.log;
+events {{ worker_connections 4096; }}
+http {{
+    access_log off;
+    default_type text/plain;
+    {temps}
+    keepalive_requests 1000000;
+    client_body_buffer_size 1m;
+    client_max_body_size 10m;
+    {site.format(port=self.port, www=self.www, extra=extra)}
+}}
+"""
+        self.conf = os.path.join(d, "nginx.conf")
+        write(self.conf, conf)
+        self.proc = subprocess.Popen(["nginx", "-p", d, "-c", self.conf],
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_port(self.port, self.proc)
+
+    def close(self):
+        stop(self.proc, timeout=10)
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+
+class Squid:
+    """squid as a forward proxy; auth holds auth_param lines, and then only
+    clients that authenticate are served. @PASSWD@ in them names a file that
+    holds passwd."""
+
+    def __init__(self, auth="", passwd=""):
+        self.dir = tempfile.mkdtemp(prefix="sf-squid-")
+        os.chmod(self.dir, 0o777)  # squid drops to its own user when started as root
+        self.port = free_port()
+        d = self.dir
+        write(os.path.join(d, "passwd"), passwd + "\n")
+        auth = auth.replace("@PASSWD@", os.path.join(d, "passwd"))
+        conf = f"""
+http_port 127.0.0.1:{self.port}
+pid_filename {d}/squid.pid
+cache_log {d}/cache.log
+access_log none
+cache deny all
+coredump_dir {d}
+netdb_filename none
+{auth}
+{"acl authed proxy_auth REQUIRED" if auth else ""}
+http_access allow localhost {"authed" if auth else ""}
+http_access deny all
+shutdown_lifetime 0 seconds
+"""
+        self.conf = os.path.join(d, "squid.conf")
+        write(self.conf, conf)
+        self.proc = subprocess.Popen(["squid", "-N", "-f", self.conf], cwd=d,
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_port(self.port, self.proc, timeout=60)
+
+    def close(self):
+        stop(self.proc)
+        shutil.rmtree(self.dir, ignore_errors=True)

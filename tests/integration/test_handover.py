@@ -8,7 +8,7 @@ import threading
 import time
 import unittest
 
-from sfnet_support import SFHOST, Site, can_connect, connect, poll, recv_exactly
+from sfnet_support import SFHOST, SiteTest, can_connect, connect, poll, recv_exactly
 
 CHILD_CONFIG = """
 set sf.log.level 0
@@ -36,13 +36,11 @@ sf_log 0 "parent handed over to $pid"
 """
 
 
-class HandoverTest(unittest.TestCase):
+class HandoverTest(SiteTest):
     def test_port_moves_to_child_without_refusing_anyone(self):
-        child = Site(CHILD_CONFIG)
-        self.addCleanup(child.close)
-        parent = Site(PARENT_CONFIG, port=child.port,
-                      start=PARENT_START.format(sfhost=SFHOST, childroot=child.root))
-        self.addCleanup(parent.close)
+        child = self.site(CHILD_CONFIG, level=None)
+        parent = self.site(PARENT_CONFIG, PARENT_START.format(sfhost=SFHOST, childroot=child.root),
+                           level=None, port=child.port)
         port, failures, served = parent.port, [], [0]
         stop = threading.Event()
 

@@ -8,7 +8,7 @@ import sys
 import threading
 import unittest
 
-from sfhttp_support import ECHO_MODULE, Nginx, Squid, client, free_port
+from sfnet_support import ECHO_MODULE, Nginx, Squid, free_port, http_client as client
 
 OLD_BODY = b"".join(b"line %02d of a body without length\n" % i for i in range(50))
 

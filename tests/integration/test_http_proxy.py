@@ -1,21 +1,30 @@
-"""The proxy path: curl -> sfhost (httpReader + httpWorker) -> nginx, backend
-errors, and the examples/http-proxy site run as its README says."""
+"""The proxy path: curl -> sfhost (httpReader + httpWorker) -> nginx or a
+backend that misbehaves on purpose, backend errors, and the examples/http-proxy
+site run as its README says."""
 
 import os
+import socket
+import socketserver
 import subprocess
 import sys
+import threading
 import time
 import unittest
 
-from sfhttp_support import BIN, ECHO_MODULE, SOURCE, Nginx, Site, free_port, stop, wait_port
+from sfnet_support import (ECHO_MODULE, SFHOST, SOURCE, Nginx, SiteTest, clean_env, curl, free_port,
+                          recv_all, remove_shm, stop, wait_port)
 
 CONFIG = """
-set sf.log.dir .
 set sf.log.level 3
 set sf.http.contentType text/plain
 mkQ proxy
 mkQ dead
 mkQ short
+mkQ odd
+mkQ tunnel
+set sf.http.requestURL /tunnel-in
+bind 127.0.0.1 {oddport}
+bind 127.0.0.1 {tunnelport}
 bind 127.0.0.1 {port}
 bind 127.0.0.1 {deadport}
 bind 127.0.0.1 {shortport}
@@ -23,13 +32,59 @@ bind 127.0.0.1 {shortport}
 
 START = """
 spinThread httpReader 127.0.0.1 {port} {{enQ proxy}}
-spinThread httpWorker proxy 127.0.0.1 {backend}
-spinThread httpWorker proxy 127.0.0.1 {backend}
+spinThread httpWorker proxy 127.0.0.1 {backend} -forward
+spinThread httpWorker proxy 127.0.0.1 {backend} -forward
 spinThread httpReader 127.0.0.1 {deadport} {{enQ dead}}
-spinThread httpWorker dead 127.0.0.1 {nobody}
+spinThread httpWorker dead 127.0.0.1 {nobody} -forward
 spinThread httpReader 127.0.0.1 {shortport} {{enQ short}}
-spinThread httpWorker short 127.0.0.1 {shortbackend}
+spinThread httpWorker short 127.0.0.1 {shortbackend} -forward
+spinThread httpReader 127.0.0.1 {oddport} {{enQ odd}}
+spinThread httpWorker odd 127.0.0.1 {oddbackend} -forward
+spinThread httpReader 127.0.0.1 {tunnelport} {{enQ tunnel}}
+spinThread httpWorker tunnel 127.0.0.1 {oddbackend}
 """
+
+# What the odd backend sends for each path; the default answer names the
+# request it saw, head and body, so a test can tell whose answer it is.
+ODD_ANSWERS = {
+    "/two": b"HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\none"
+            b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nstray",
+    "/nothttp": b"this is not HTTP at all\r\n",
+    "/both": b"HTTP/1.1 200 OK\r\nContent-Length: 4\r\nTransfer-Encoding: chunked\r\n\r\n"
+             b"4\r\nfour\r\n0\r\n\r\n",
+    "/twolengths": b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\nContent-Length: 3\r\n\r\nabc",
+}
+
+
+class OddBackend(socketserver.ThreadingTCPServer):
+    daemon_threads = True
+    allow_reuse_address = True
+
+    def __init__(self):
+        super().__init__(("127.0.0.1", 0), OddHandler)
+        self.port = self.server_address[1]
+        threading.Thread(target=self.serve_forever, daemon=True).start()
+
+
+class OddHandler(socketserver.StreamRequestHandler):
+    def handle(self):
+        while True:
+            head = b""
+            while not head.endswith(b"\r\n\r\n"):
+                line = self.rfile.readline()
+                if not line:
+                    return
+                head += line
+            length = [int(l.split(b":")[1]) for l in head.split(b"\r\n")
+                      if l.lower().startswith(b"content-length:")]
+            body = self.rfile.read(length[0]) if length else b""
+            path = head.split(b" ")[1].decode()
+            seen = head + body
+            answer = ODD_ANSWERS.get(path, b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%s"
+                                     % (len(seen), seen))
+            self.wfile.write(answer)
+            if path == "/nothttp":
+                return
 
 
 def curl(*args):
@@ -40,23 +95,44 @@ def curl(*args):
     return int(code or 0), body
 
 
-class HttpProxy(unittest.TestCase):
+def raw(port, request):
+    """Sends request on its own connection; the status, headers and body of
+    the answer (read until the server closes)."""
+    with socket.create_connection(("127.0.0.1", port), timeout=20) as s:
+        s.sendall(request)
+        data = recv_all(s, timeout=20)
+    head, _, body = data.partition(b"\r\n\r\n")
+    lines = head.split(b"\r\n")
+    status = int(lines[0].split()[1]) if lines[0] else 0
+    fields = dict((l.split(b":")[0].lower(), l.split(b":", 1)[1].strip()) for l in lines[1:])
+    return status, fields, body
+
+
+def req(method, path, *fields, body=b""):
+    head = "%s %s HTTP/1.1\r\nHost: h\r\nConnection: close\r\n" % (method, path)
+    if body:
+        head += "Content-Length: %d\r\n" % len(body)
+    return (head + "".join(f + "\r\n" for f in fields) + "\r\n").encode() + body
+
+
+class HttpProxy(SiteTest):
     @classmethod
     def setUpClass(cls):
         cls.nginx = Nginx()
+        cls.addClassCleanup(cls.nginx.close)
         # a backend that drops kept connections soon, and after two requests
         cls.short = Nginx(extra="keepalive_timeout 1s; keepalive_requests 2;")
+        cls.addClassCleanup(cls.short.close)
+        cls.odd = OddBackend()
+        cls.addClassCleanup(cls.odd.shutdown)
         cls.port, cls.deadport, cls.shortport = free_port(), free_port(), free_port()
+        cls.oddport, cls.tunnelport = free_port(), free_port()
         fmt = dict(port=cls.port, deadport=cls.deadport, backend=cls.nginx.port,
-                   nobody=free_port(), shortport=cls.shortport, shortbackend=cls.short.port)
-        cls.site = Site(CONFIG.format(**fmt), START.format(**fmt))
-        wait_port(cls.port, cls.site.proc)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.site.close()
-        cls.nginx.close()
-        cls.short.close()
+                   nobody=free_port(), shortport=cls.shortport, shortbackend=cls.short.port,
+                   oddport=cls.oddport, tunnelport=cls.tunnelport, oddbackend=cls.odd.port)
+        cls.site = cls.class_site(CONFIG.format(**fmt), START.format(**fmt),
+                                  ports=(cls.port, cls.deadport, cls.shortport, cls.oddport,
+                                         cls.tunnelport))
 
     def test_forwards_method_url_and_body(self):
         base = "http://127.0.0.1:%d" % self.port
@@ -70,13 +146,48 @@ class HttpProxy(unittest.TestCase):
         # a chunked backend answer is relayed whole, with a length
         self.assertEqual(curl(base + "/chunked"), (200, b"this body goes out chunked\n" * 40))
 
+    def test_forwarding_integrity(self):
+        spoof = ("HttpRequestURL: /admin/secret", "HttpRequestMethod: POST", "Keep-Alive: 5",
+                 "X-Forwarded-For: 10.9.9.9", "X-Keep: yes")
+        get_len = len(raw(self.oddport, req("GET", "/len", *spoof))[2])
+        odd, tunnel = self.oddport, self.tunnelport
+        cases = [  # port, request, status, what the answer's body holds
+            (odd, req("GET", "/public", *spoof), 200,
+             [b"GET /public HTTP/1.1\r\n", b"X-Forwarded-For: 10.9.9.9, 127.0.0.1\r\n",
+              b"X-Keep: yes\r\n"]),
+            (odd, req("POST", "/submit", "Content-Type: text/x", body=b"payload"), 200,
+             [b"POST /submit HTTP/1.1\r\n", b"Content-Type: text/x\r\n", b"\r\n\r\npayload"]),
+            (odd, req("GET", "/two"), 502, []),
+            (odd, req("GET", "/nothttp"), 502, []),
+            (odd, req("GET", "/both"), 502, []),
+            (odd, req("GET", "/twolengths"), 502, []),
+            (odd, req("GET", "/x", "X-A: a\rInjected: 1"), 400, []),
+            (tunnel, req("POST", "/ignored", body=b"data!"), 200,
+             [b"POST /tunnel-in HTTP/1.1\r\n", b"Content-Type: text/plain\r\n",
+              b"\r\n\r\ndata!"]),
+            (tunnel, req("GET", "/asked"), 200, [b"POST /tunnel-in HTTP/1.1\r\n", b"\r\n\r\n/asked"]),
+        ]
+        for i, (port, request, status, holds) in enumerate(cases):
+            with self.subTest(request=request[:40]):
+                got, _, body = raw(port, request)
+                self.assertEqual(got, status, body)
+                for text in holds:
+                    self.assertIn(text, body)
+                self.assertNotIn(b"Keep-Alive: 5", body)
+                # the next client on the same worker gets its own answer
+                after = raw(odd, req("GET", "/after-%d" % i))[2]
+                self.assertTrue(after.startswith(b"GET /after-%d " % i), after)
+        # HEAD: the headers a GET would get, and no body
+        status, fields, body = raw(odd, req("HEAD", "/len", *spoof))
+        self.assertEqual((status, fields[b"content-length"], body), (200, b"%d" % get_len, b""))
+
     def test_backend_connection_is_kept_and_replaced(self):
         base = "http://127.0.0.1:%d" % self.shortport
         for _ in range(5):  # the backend closes after every second request
             self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
         time.sleep(1.5)  # and drops the kept connection while idle
         self.assertEqual(curl(base + "/hello"), (200, b"hello from nginx\n"))
-        log = self.site.log()  # each backend connection served two requests
+        log = self.site.text()  # each backend connection served two requests
         connects = log.count("] to 127.0.0.1+%d" % self.short.port)
         self.assertTrue(3 <= connects <= 4, log[-3000:])
 
@@ -90,24 +201,18 @@ class HttpProxy(unittest.TestCase):
 class ProxyExample(unittest.TestCase):
     def test_example_site_as_documented(self):
         nginx = Nginx()
-        port = free_port()
-        site = None
-        try:
-            root = os.path.join(SOURCE, "examples", "http-proxy")
-            env = dict(os.environ, SF_PROXY_PORT=str(port), SF_BACKEND_PORT=str(nginx.port),
-                       SF_PROXY_WORKERS="2")
-            data = os.path.join(nginx.dir, "proxydata")
-            os.makedirs(data)
-            site = subprocess.Popen([os.path.join(BIN, "sfhost"), "-rootdir", root,
-                                     "-datdir", data], cwd=data, env=env,
-                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            wait_port(port, site)
-            self.assertEqual(curl("http://127.0.0.1:%d/hello" % port),
-                             (200, b"hello from nginx\n"))
-        finally:
-            if site is not None:
-                stop(site)
-            nginx.close()
+        self.addCleanup(nginx.close)
+        port, data = free_port(), os.path.join(nginx.dir, "proxydata")
+        os.makedirs(data)
+        self.addCleanup(remove_shm, data)
+        env = clean_env(SF_PROXY_PORT=str(port), SF_BACKEND_PORT=str(nginx.port),
+                        SF_PROXY_WORKERS="2", TAVODATDIR=data)
+        site = subprocess.Popen([SFHOST, "-rootdir", os.path.join(SOURCE, "examples", "http-proxy"),
+                                 "-datdir", data], cwd=data, env=env,
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(stop, site)
+        wait_port(port, site)
+        self.assertEqual(curl("http://127.0.0.1:%d/hello" % port), (200, b"hello from nginx\n"))
 
 
 if __name__ == "__main__":

@@ -10,12 +10,11 @@ import subprocess
 import sys
 import unittest
 
-from sfhttp_support import Nginx, Site, free_port, wait_port
+from sfnet_support import Nginx, SiteTest, free_port, recv_all
 
 TABLE = os.path.join(os.path.dirname(__file__), "..", "data", "http", "requests.txt")
 
 CONFIG = """
-set sf.log.dir .
 set sf.log.level 3
 set sf.tcp.backlog 128
 set sf.http.server sf-test
@@ -36,19 +35,6 @@ spinThread httpReader 127.0.0.1 {filterport} {{
 }}
 spinThread httpReader 127.0.0.1 {fullport} {{enQ stuck}}
 """
-
-
-def recv_all(sock, timeout=10):
-    sock.settimeout(timeout)
-    data = b""
-    while True:
-        try:
-            chunk = sock.recv(65536)
-        except ConnectionResetError:
-            return data  # a close with our bytes unread: what came first stays
-        if not chunk:
-            return data
-        data += chunk
 
 
 def request_table():
@@ -94,19 +80,12 @@ def split_responses(data):
     return out
 
 
-class HttpServer(unittest.TestCase):
+class HttpServer(SiteTest):
     @classmethod
     def setUpClass(cls):
-        cls.port, cls.filterport, cls.fullport = free_port(), free_port(), free_port()
+        ports = cls.port, cls.filterport, cls.fullport = free_port(), free_port(), free_port()
         fmt = dict(port=cls.port, filterport=cls.filterport, fullport=cls.fullport)
-        cls.site = Site(CONFIG.format(**fmt), START.format(**fmt))
-        wait_port(cls.port, cls.site.proc)
-        wait_port(cls.filterport, cls.site.proc)
-        wait_port(cls.fullport, cls.site.proc)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.site.close()
+        cls.class_site(CONFIG.format(**fmt), START.format(**fmt), ports=ports)
 
     def raw(self, data, timeout=10):
         with socket.create_connection(("127.0.0.1", self.port)) as s:

@@ -11,24 +11,17 @@ import subprocess
 import tempfile
 import unittest
 
-from sfnet_support import (BUILD, SFHOST, Site, clean_env, free_port, poll, read, remove_shm,
-                           run_until)
-
-SOURCE = os.environ.get("SF_SOURCE_DIR", ".")
+from sfnet_support import (BUILD, SFHOST, SOURCE, SiteTest, clean_env, free_port, poll, read,
+                           remove_shm, run_until)
 
 
-class SfhostTest(unittest.TestCase):
-    def site(self, config, start=None):
-        s = Site(config, start)
-        self.addCleanup(s.close)
-        return s
-
+class SfhostTest(SiteTest):
     def test_serves_until_a_signal_with_threads_and_timers(self):
         site = self.site(
             "set sf.log.dir logs\nset sf.log.level 2\nmkQ jobs\n"
             "spinThread dummyWorker jobs {sf_log 1 \"worker [sfThreadId] sees: [status]\"}\n",
             start="sf_mkTmr jobs 0 200000\nsf_mkTmr jobs 0 400000\nsf_mkTmr nowhere 0 1000\n"
-                  "sf_log 1 \"start script ran\"\n")
+                  "sf_log 1 \"start script ran\"\n", level=None)
         os.makedirs(site.path("logs"))
         log = site.path("logs/sf.log")
         p = subprocess.Popen(site.command(), cwd=site.root, env=site.env, text=True,
@@ -56,7 +49,7 @@ class SfhostTest(unittest.TestCase):
         self.assertNotIn("start script ran", err)
 
     def test_broken_sites_and_scripts_end_with_their_status(self):
-        site = self.site("")
+        site = self.site("", level=None)
         cases = [  # config.tcl, start.tcl, extra arguments, status, texts on stderr
             ("set sf.log.dir .\nset broken [oops\n", "", [], 2,
              ["sfhost: site configuration failed", "missing close-bracket", "config.tcl"]),
@@ -100,7 +93,7 @@ class SfhostTest(unittest.TestCase):
         # From the environment, with a current directory that has vanished:
         # reported at level 0 while starting and at level 1 once the log is
         # open, and start-up goes on.
-        site = self.site("", start="sf_log 1 {start script ran}\n")
+        site = self.site("", start="sf_log 1 {start script ran}\n", level=None)
         os.makedirs(site.path("gone"))
         status, err = run_until(["sh", "-c", 'cd "$1" && rmdir "$1" && exec "$2" -l -d 1', "sh",
                                  site.path("gone"), os.path.realpath(SFHOST)], "start script ran",
@@ -119,7 +112,7 @@ class SfhostTest(unittest.TestCase):
     def test_events_reach_the_system_log(self):
         # sfhost runs in a private mount namespace whose /dev/log is a
         # datagram socket bound here, so syslog(3) posts to this test.
-        site = self.site("")
+        site = self.site("", level=None)
         dev = site.path("dev")
         os.makedirs(dev)
         shutil.copy(os.path.join(SOURCE, "etc", "sf_events.msg"), site.path("etc"))

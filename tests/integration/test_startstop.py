@@ -9,7 +9,7 @@ import signal
 import time
 import unittest
 
-from sfnet_support import Site, connect, echoes
+from sfnet_support import SiteTest, connect, echoes
 
 # Several threads that evaluate at once from the first moment: a reader, two
 # workers, an HTTP reader; the HTTP commands are registered while they run.
@@ -35,12 +35,9 @@ def blocks_sigterm(pid):
     return int(mask, 16) & (1 << (signal.SIGTERM - 1)) != 0
 
 
-class StartStopTest(unittest.TestCase):
+class StartStopTest(SiteTest):
     def run_site(self, config_extra="", start=None):
-        site = Site(CONFIG % config_extra, start)
-        self.addCleanup(site.close)
-        site.start(level=1)
-        return site
+        return self.site(CONFIG % config_extra, start, level=1, ports=())
 
     def assert_stopped(self, site, status, why):
         self.assertEqual(status, 0, "%s:\n%s" % (why, site.text()[-3000:]))

@@ -8,7 +8,7 @@ import struct
 import threading
 import unittest
 
-from sfnet_support import Site, connect, echo_config, echoes, recv_exactly
+from sfnet_support import SiteTest, connect, echo_config, echoes, recv_exactly
 
 
 def listener():
@@ -18,15 +18,7 @@ def listener():
     return s
 
 
-class EchoTest(unittest.TestCase):
-    def site(self, config, start=None, level=3, listening=True):
-        s = Site(config, start)
-        self.addCleanup(s.close)
-        s.start(level=level)
-        if listening:
-            s.wait_listening()
-        return s
-
+class EchoTest(SiteTest):
     def test_connection_limit_keeps_a_client_waiting(self):
         s = self.site(echo_config("set sf.maxConnections 2\nset sf.connWaitingAlarmSeconds 1"),
                       level=1)
@@ -107,7 +99,7 @@ class EchoTest(unittest.TestCase):
     def test_bad_scripts(self):
         taken = listener()
         self.addCleanup(taken.close)
-        site = self.site("bind 127.0.0.1 %d\n" % taken.getsockname()[1], listening=False)
+        site = self.site("bind 127.0.0.1 %d\n" % taken.getsockname()[1], ports=())
         self.assertEqual(site.proc.wait(30), 2)
         self.assertIn("02_sf_bind_s", site.text())
 

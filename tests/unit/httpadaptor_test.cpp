@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "sf/detail/net.h"
+#include "sf/http/base64.h"
 #include "sf/http/httpadaptor.h"
 #include "sf/message.h"
 #include "sf/platform/socket.h"
@@ -195,12 +196,13 @@ TEST_F(Http, ServerReadsRequestsAndPublishesThem) {
                  "\r\nhel",
                  "lo"});
   EXPECT_EQ(p.read(), "/a?b=1");  // a GET delivers its URL
-  // framing headers (Connection) are not published; no header replaces an
-  // entry of the reader or the adaptor
+  // framing headers (Connection) are not published; headers live under
+  // their own entries, so none replaces an entry of the reader or the adaptor
   EXPECT_EQ(cur.env("HttpRequestURL") + "|" + cur.env("HttpRequestMethod") + "|" +
-                cur.env("X-Trace") + "|" + cur.env("Host") + "|" + cur.env("Connection") + "|" +
-                cur.env("Peer") + "|" + cur.env("PEER") + "|" + cur.env("httprequesturl"),
-            "/a?b=1|GET|t1|h:1||reader's own||");
+                cur.env("header:x-trace") + "|" + cur.env("header:host") + "|" +
+                cur.env("header:connection") + "|" + cur.env("Peer") + "|" +
+                cur.env("header:peer") + "|" + cur.env("header:httprequesturl"),
+            "/a?b=1|GET|t1|h:1||reader's own|forged|/forged");
   EXPECT_TRUE(p.conn.hasBufferedData());  // the pipelined POST was pushed back
   EXPECT_EQ(p.read(), "hello");
   EXPECT_EQ(cur.env("HttpRequestMethod"), "POST");
@@ -291,7 +293,8 @@ TEST_F(Http, ClientReadsResponses) {
   CurrentMessage cur;
   Peer ok(true, {"HTTP/1.1 200 OK\r\nContent-Length: 3\r\nX-Back: b\r\n\r\nabc"});
   EXPECT_EQ(ok.read(), "abc");
-  EXPECT_EQ(cur.env("HttpResultCode") + cur.env("HttpResultReason") + cur.env("X-Back"), "200OKb");
+  EXPECT_EQ(cur.env("HttpResultCode") + cur.env("HttpResultReason") + cur.env("header:x-back"),
+            "200OKb");
   EXPECT_FALSE(ok.closed());
 
   // HTTP/1.0 without a length runs to the end of the stream; the bytes that
@@ -410,6 +413,11 @@ TEST_F(Http, ClientRequests) {
   EXPECT_EQ(str(p.http->pending), "data");
   Peer s(false);
   EXPECT_THROW(s.http->get(&s.conn, "/", {}), sf::Xinvalid);
+  // a value holding a line break would inject a header: nothing is written
+  p.mem->written.clear();
+  EXPECT_THROW(p.http->get(&p.conn, "/", {"X-A: a\r\nX-Injected: 1"}), sf::Xinvalid);
+  EXPECT_THROW(p.http->get(&p.conn, "/\nGET /other", {}), sf::Xinvalid);
+  EXPECT_EQ(p.mem->written, "");
 }
 
 TEST_F(Http, ChunkedWritingRoundTripsThroughTheReader) {
@@ -432,4 +440,57 @@ TEST_F(Http, ChunkedWritingRoundTripsThroughTheReader) {
   Peer nc(false);
   nc.http->replyGen(&nc.conn, 204, nullptr, nullptr, c, {});
   EXPECT_EQ(rejectStatus([&] { nc.http->writePduNext(&nc.conn, b); }), "500");
+}
+
+TEST_F(Http, ChallengesAreAnsweredOnceWithConfiguredBasicCredentials) {
+  EXPECT_EQ(sf::encodeBase64("Aladdin:open sesame"), "QWxhZGRpbjpvcGVuIHNlc2FtZQ==");
+  EXPECT_EQ(sf::decodePem("QWxhZGRpbjpvcGVuIHNlc2FtZQ==") + sf::decodePem("YQ==") +
+                sf::decodePem("YWI="),
+            "Aladdin:open sesameaab");
+  for (const char* bad : {"YQ=a", "Y===", "=QQQ", "YQ==YQ=="})
+    EXPECT_THROW(sf::decodePem(bad), sf::Xinvalid) << bad;
+  for (const char* bad : {"YQ", "YQ!=", "YWJj\n"})
+    EXPECT_THROW(sf::decodePem(bad), sf::Xstate) << bad;
+
+  // The most specific index wins: scope+realm, realm, scope.*, *.
+  const std::pair<const char*, const char*> indices[] = {
+      {"*", "any"}, {"proxy.*", "anyproxy"}, {"R", "realm"}, {"proxyR", "proxyrealm"}};
+  for (const auto& i : indices) {
+    sf::setVarStr((std::string("sf.http.authname(") + i.first + ")").c_str(), i.second);
+    EXPECT_EQ(sf::basicCredential("sf.http.authname", "proxy", "R"), i.second);
+  }
+  EXPECT_EQ(sf::basicCredential("sf.http.authname", "web", "S"), "any");
+
+  // NTLM offered beside Basic (no package here): Basic answers, the body
+  // goes again, and the answer is read.
+  sf::setVarStr("sf.http.authpasswd(*)", "pw");
+  Buffer data;
+  data.append("data");
+  Peer p(true, {"HTTP/1.1 407 Auth\r\nProxy-Authenticate: NTLM\r\nProxy-Authenticate: Basic "
+                "realm=\"R\"\r\nContent-Length: 2\r\n\r\nno",
+                "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"});
+  p.http->post(&p.conn, "/in", nullptr, data, {});
+  EXPECT_EQ(p.read(), "ok");
+  const std::string answer = "\r\nProxy-Authorization: Basic " + sf::encodeBase64("proxyrealm:pw") +
+                             "\r\nContent-Length: 4\r\n";
+  EXPECT_TRUE(has(p.mem->written, answer.c_str())) << p.mem->written;
+  EXPECT_EQ(p.mem->written.substr(p.mem->written.size() - 8), "\r\n\r\ndata");
+
+  // Nothing to answer with, or a challenge again after the answer: the
+  // status is the failure, and nothing more is sent.
+  const char* const failing[][2] = {
+      {"HTTP/1.1 401 No\r\nWWW-Authenticate: Basic realm=\"R\r\nContent-Length: 0\r\n\r\n", ""},
+      {"HTTP/1.1 401 No\r\nWWW-Authenticate: Digest realm=\"R\"\r\nContent-Length: 0\r\n\r\n", ""},
+      {"HTTP/1.1 407 No\r\nProxy-Authenticate: Basic realm=\"R\"\r\nContent-Length: 0\r\n\r\n",
+       "HTTP/1.1 407 No\r\nProxy-Authenticate: Basic realm=\"R\"\r\nContent-Length: 0\r\n\r\n"},
+  };
+  for (const auto& f : failing) {
+    Peer q(true, {f[0], f[1]});
+    q.http->get(&q.conn, "/", {});
+    EXPECT_THROW(q.read(), sf::Xio) << f[0];
+    size_t sent = 0;
+    for (size_t at = 0; (at = q.mem->written.find("GET /", at)) != std::string::npos; ++at) ++sent;
+    EXPECT_EQ(sent, *f[1] ? 2u : 1u) << f[0];
+  }
+  sf::eval("unset sf.http.authname sf.http.authpasswd");
 }

@@ -66,10 +66,11 @@ TEST_F(HttpCommands, PushAppliesOptionsIgnoringCase) {
 TEST_F(HttpCommands, HeaderAndTypeReadTheCurrentMessage) {
   EXPECT_EQ(sf::eval("httpHeader") + sf::eval("httpHeader X-Any"), "");  // no current message
   sf::Message* m = new sf::Message;
-  m->setenv("X-Trace", "abc def");
+  m->setenv("header:x-trace", "abc def");
+  m->setenv("HttpResultCode", "200");
   m->setenv("RequestedURL", " \t text/html \r\n");
   sf::getContext()->message = m;
-  EXPECT_EQ(sf::eval("httpHeader X-Trace"), "abc def");
+  EXPECT_EQ(sf::eval("httpHeader X-TRACE") + sf::eval("httpHeader HttpResultCode"), "abc def200");
   EXPECT_EQ(sf::eval("httpHeader X-Missing"), "");
   EXPECT_EQ(sf::eval("httpType"), "text/html");
 }
