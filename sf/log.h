@@ -16,6 +16,16 @@
 #include <cstdint>
 #include <string>
 
+// printf format checking where the compiler offers it. mingw-w64's printf
+// family is its C99 one (%zu, %lld), so the GNU rules apply there too.
+#if defined(__MINGW32__)
+#define SF_PRINTF_LIKE(fmt, args) __attribute__((format(gnu_printf, fmt, args)))
+#elif defined(__GNUC__)
+#define SF_PRINTF_LIKE(fmt, args) __attribute__((format(printf, fmt, args)))
+#else
+#define SF_PRINTF_LIKE(fmt, args)
+#endif
+
 namespace sf {
 
 // The current level; -1 (the start) writes nothing. Use sfi_on().
@@ -25,7 +35,7 @@ extern std::atomic<int> g_logLevel;
 inline bool sfi_on(int l) { return l <= g_logLevel.load(std::memory_order_relaxed); }
 
 // printf-style formatting into a 4096-byte area: at most 4095 characters kept.
-std::string sfi_fmtlog(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string sfi_fmtlog(const char* fmt, ...) SF_PRINTF_LIKE(1, 2);
 
 // Writes one record and returns code. With syserr non-zero the calling
 // thread's last system error becomes the printed code and its text is

@@ -51,7 +51,8 @@ LogFile::Failure LogFile::write(const std::string& line) {
 
 LogFile::Failure LogFile::writeUnderHooks(const std::string& line) {
   if (!stream_) {
-    stream_ = fopen(path().c_str(), "a");
+    // Binary: a line ends in '\n' on every system and ftell counts bytes.
+    stream_ = fopen(path().c_str(), "ab");
     if (!stream_) return {"08_sf_openlog_s", braced(path())};
   }
   fputs(line.c_str(), stream_);
@@ -65,7 +66,7 @@ LogFile::Failure LogFile::writeUnderHooks(const std::string& line) {
 
 LogFile::Failure LogFile::rotate() {
   fclose(stream_);
-  stream_ = fopen(path().c_str(), "a");
+  stream_ = fopen(path().c_str(), "ab");
   if (stream_) {
     fseek(stream_, 0, SEEK_END);
     // Another writer rotated meanwhile: keep appending to the new file.

@@ -97,7 +97,7 @@ int sfi_attachStats() {
 
   if (const char* path = getenv("ESTAT_LOG")) {
     if (*path) {
-      g_estatLog = fopen(path, "a");
+      g_estatLog = fopen(path, "ab");
       if (!g_estatLog) SF_LOG(1, "cannot open ESTAT_LOG file %s", path);
     }
   }

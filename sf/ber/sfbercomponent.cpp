@@ -47,9 +47,9 @@ const Settings& processSettings() {
 
 // Formats and writes one log record. Out of line, so that the checks that
 // log stay small enough to inline into the validation loop.
-__attribute__((noinline, cold, format(printf, 4, 5))) static void berLog(int level,
-                                                                         const char* file, int line,
-                                                                         const char* fmt, ...) {
+__attribute__((noinline, cold))
+SF_PRINTF_LIKE(4, 5) static void berLog(int level, const char* file, int line, const char* fmt,
+                                        ...) {
   char text[4096];
   va_list ap;
   va_start(ap, fmt);

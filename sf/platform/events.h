@@ -39,7 +39,8 @@ class EventSet {
   int wait(std::uint64_t* keys, int max, int timeout_ms);
 
  private:
-  int fd_;
+  struct State;  // the system's watch list
+  State* state_;
 };
 
 // A wake-up channel: notify() from any thread makes the descriptor readable
@@ -56,7 +57,7 @@ class Wakeup {
   void drain();
 
  private:
-  int fd_;
+  std::uint64_t fd_;
 };
 
 }  // namespace platform

@@ -8,6 +8,16 @@
 #include "sf/detail/commands.h"
 #include "sf/sflib.h"
 
+#ifdef _WIN32
+int setenv(const char* name, const char* value, int overwrite) {
+  if (!overwrite && getenv(name)) return 0;
+  return _putenv_s(name, value);
+}
+int unsetenv(const char* name) {
+  return _putenv_s(name, "");  // an empty value removes the entry
+}
+#endif
+
 namespace sftest {
 
 void ensureInterp() {

@@ -6,6 +6,12 @@
 #include <string>
 #include <vector>
 
+#ifdef _WIN32
+// The C runtime of Windows has _putenv_s instead of the POSIX pair.
+int setenv(const char* name, const char* value, int overwrite);
+int unsetenv(const char* name);
+#endif
+
 namespace sftest {
 
 // Creates the process's interpreter once (without the site script).

@@ -180,7 +180,8 @@ TEST(LogFile, RotationKeepsTheNumberedSet) {
   for (int i = 1; i <= total; ++i) sf::sfi_log(3, i, std::string(250, '.').c_str(), "f", 1, 0);
 
   std::set<std::string> names;
-  for (const auto& e : fs::directory_iterator(dir.path())) names.insert(e.path().filename());
+  for (const auto& e : fs::directory_iterator(dir.path()))
+    names.insert(e.path().filename().string());
   EXPECT_EQ(names, (std::set<std::string>{"unit.log", "unit-0.log", "unit-1.log", "unit-2.log",
                                           "unit-3.log", "unit-4.log"}));
   // Oldest first, the records are consecutive up to the last; the ones

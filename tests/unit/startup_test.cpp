@@ -145,7 +145,7 @@ TEST_F(Startup, TclLibraryShippedWithTheSiteIsUsedUnlessTclLibraryIsSet) {
     startWith({});
     check(sf::eval("info library") == shipped, "tcl_library is root/etc/tcl8.6");
   });
-  setenv("TCL_LIBRARY", system.c_str(), 1);
+  setenv("TCL_LIBRARY", system.string().c_str(), 1);
   inChild([&] {
     startWith({});
     check(sf::eval("info library") != shipped, "TCL_LIBRARY leaves tcl_library alone");

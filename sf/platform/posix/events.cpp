@@ -28,49 +28,54 @@ epoll_event eventFor(std::uint64_t key, EventSet::Mode mode) {
 
 }  // namespace
 
-EventSet::EventSet() : fd_(epoll_create1(EPOLL_CLOEXEC)) {}
+struct EventSet::State {
+  int fd;
+};
+
+EventSet::EventSet() : state_(new State{epoll_create1(EPOLL_CLOEXEC)}) {}
 
 EventSet::~EventSet() {
-  if (fd_ >= 0) close(fd_);
+  if (state_->fd >= 0) close(state_->fd);
+  delete state_;
 }
 
 int EventSet::add(std::uint64_t s, std::uint64_t key, Mode mode) {
   epoll_event ev = eventFor(key, mode);
-  return epoll_ctl(fd_, EPOLL_CTL_ADD, fdof(s), &ev);
+  return epoll_ctl(state_->fd, EPOLL_CTL_ADD, fdof(s), &ev);
 }
 
 int EventSet::rearm(std::uint64_t s, std::uint64_t key) {
   epoll_event ev = eventFor(key, Once);
-  return epoll_ctl(fd_, EPOLL_CTL_MOD, fdof(s), &ev);
+  return epoll_ctl(state_->fd, EPOLL_CTL_MOD, fdof(s), &ev);
 }
 
 int EventSet::remove(std::uint64_t s) {
   epoll_event ev{};  // ignored, but older kernels want a non-null pointer
-  return epoll_ctl(fd_, EPOLL_CTL_DEL, fdof(s), &ev);
+  return epoll_ctl(state_->fd, EPOLL_CTL_DEL, fdof(s), &ev);
 }
 
 int EventSet::wait(std::uint64_t* keys, int max, int timeout_ms) {
   const int kBatch = 64;
   epoll_event evs[kBatch];
-  int n = epoll_wait(fd_, evs, max < kBatch ? max : kBatch, timeout_ms);
+  int n = epoll_wait(state_->fd, evs, max < kBatch ? max : kBatch, timeout_ms);
   if (n < 0) return errno == EINTR ? 0 : -1;
   for (int i = 0; i < n; ++i) keys[i] = evs[i].data.u64;
   return n;
 }
 
-Wakeup::Wakeup() : fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+Wakeup::Wakeup() : fd_(static_cast<std::uint64_t>(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))) {}
 Wakeup::~Wakeup() {
-  if (fd_ >= 0) close(fd_);
+  if (fdof(fd_) >= 0) close(fdof(fd_));
 }
 
 std::uint64_t Wakeup::fd() const {
-  return static_cast<std::uint64_t>(fd_);
+  return fd_;
 }
 
 void Wakeup::notify() {
   std::uint64_t one = 1;
   int saved = errno;
-  ssize_t r = write(fd_, &one, sizeof one);
+  ssize_t r = write(fdof(fd_), &one, sizeof one);
   (void)r;  // a full counter is still readable: nothing to do
   errno = saved;
 }
@@ -78,7 +83,7 @@ void Wakeup::notify() {
 void Wakeup::drain() {
   std::uint64_t v;
   int saved = errno;
-  ssize_t r = read(fd_, &v, sizeof v);
+  ssize_t r = read(fdof(fd_), &v, sizeof v);
   (void)r;
   errno = saved;
 }
