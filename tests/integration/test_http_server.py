@@ -2,17 +2,13 @@
 workers that echo its body (a GET's body is its URL); driven by curl,
 http.client and raw sockets."""
 
-import codecs
 import http.client
-import os
 import socket
 import subprocess
 import sys
 import unittest
 
-from sfnet_support import Nginx, SiteTest, free_port, recv_all
-
-TABLE = os.path.join(os.path.dirname(__file__), "..", "data", "http", "requests.txt")
+from sfnet_support import SiteTest, free_port, recv_all
 
 CONFIG = """
 set sf.log.level 3
@@ -35,36 +31,6 @@ spinThread httpReader 127.0.0.1 {filterport} {{
 }}
 spinThread httpReader 127.0.0.1 {fullport} {{enQ stuck}}
 """
-
-
-def request_table():
-    """[(status, request bytes)] of tests/data/http/requests.txt."""
-    with open(TABLE, encoding="ascii") as f:
-        rows = [line.rstrip("\n") for line in f if line.strip() and not line.startswith("#")]
-    return [(int(r[:3]), codecs.escape_decode(r[4:])[0]) for r in rows]
-
-
-def first_response(port, req):
-    """The first response to req (headers and a Content-Length body), or
-    what came before the server closed."""
-    with socket.create_connection(("127.0.0.1", port)) as s:
-        s.settimeout(10)
-        s.sendall(req)
-        data = b""
-        while True:
-            head, sep, rest = data.partition(b"\r\n\r\n")
-            if sep:
-                length = [int(l.split(b":")[1]) for l in head.split(b"\r\n")
-                          if l.lower().startswith(b"content-length:")]
-                if len(rest) >= (length[0] if length else 0):
-                    return data
-            try:
-                chunk = s.recv(65536)
-            except (ConnectionResetError, socket.timeout):
-                return data
-            if not chunk:
-                return data
-            data += chunk
 
 
 def split_responses(data):
@@ -105,9 +71,6 @@ class HttpServer(SiteTest):
         big = "z" * 20000
         self.assertEqual(self.curl("-H", "Transfer-Encoding: chunked", "--data-binary", big,
                                    url + "/c"), big.encode())
-        head = self.curl("-I", url + "/head")
-        self.assertTrue(head.startswith(b"HTTP/1.1 200 OK\r\n") and b"Server: sf-test\r\n" in head,
-                        head)
         # keep-alive across requests: curl reuses one connection for both URLs
         out = subprocess.run(["curl", "-s", "-v", url + "/one", url + "/two"],
                              capture_output=True, timeout=30)
@@ -158,40 +121,8 @@ class HttpServer(SiteTest):
     def test_old_versions(self):
         data = self.raw(b"GET /ten HTTP/1.0\r\n\r\n")  # closed after the reply
         self.assertTrue(data.startswith(b"HTTP/1.1 200 OK\r\n") and data.endswith(b"/ten"), data)
+        self.assertIn(b"\r\nServer: sf-test\r\n", data)  # the configured name
         self.assertEqual(self.raw(b"GET /nine\r\n"), b"/nine")  # the body alone
-
-    def test_request_table_against_nginx(self):
-        # Each request of the shared table gets its status from sf, with a
-        # close after a refusal; a request that nginx refuses is never served.
-        ok = "location / { return 200 ok; }"
-        nginx = Nginx(extra=ok)
-        wrong = []
-        try:
-            for status, req in request_table():
-                ours = first_response(self.port, req)
-                theirs = first_response(nginx.port, req)[:12]
-                refused = not theirs.startswith((b"HTTP/1.1 200", b"HTTP/1.1 404"))
-                if (not ours.startswith(b"HTTP/1.1 %d " % status)
-                        or (status != 200 and b"Connection: Close\r\n" not in ours)
-                        or (refused and status == 200)):
-                    wrong.append((req, ours[:40], theirs))
-        finally:
-            nginx.close()
-        self.assertEqual(wrong, [])
-
-    def test_header_flood_is_cut_off(self):
-        # answered 413 and closed without reading it all
-        with socket.create_connection(("127.0.0.1", self.port)) as s:
-            s.sendall(b"GET / HTTP/1.1\r\nHost: x\r\nX-Flood: ")
-            try:
-                for _ in range(200):
-                    s.sendall(b"b" * 10000)
-            except OSError:
-                pass  # the server has closed; that is the point
-            data = recv_all(s)
-        self.assertTrue(data.startswith(b"HTTP/1.1 413 "), data[:100])
-        # and it keeps serving
-        self.assertEqual(self.curl("http://127.0.0.1:%d/still" % self.port), b"/still")
 
 
 if __name__ == "__main__":

@@ -7,10 +7,9 @@ import subprocess
 import tempfile
 import unittest
 
-from sfnet_support import BUILD
+from sfnet_support import BIN, SOURCE
 
-SOURCE = os.environ.get("SF_SOURCE_DIR", ".")
-SFBER = os.path.join(BUILD, "bin", "sfber")
+SFBER = os.path.join(BIN, "sfber")
 # offset, header length, content length, indentation (two spaces a level), form
 DUMP_ITEM = re.compile(r"^ *(\d+) +(\d+) +(\d+)  ( *)\S.*?(constructed)?\)", re.M)
 ASN1_ITEM = re.compile(r"^ *(\d+):d=(\d+) +hl=(\d+) l= *(\d+) (cons|prim)", re.M)

@@ -79,6 +79,13 @@ TEST(TcpRecv, ThreeModes) {
   tillEof.closeClient();
   sf::tcp_recv(tillEof.conn, b3, sf::RecvTillEof, 0);
   EXPECT_EQ(b3.size(), 20003u);
+
+  // A peer that resets (linger 0) has closed as surely as one that said so:
+  // callers retry or drop on Xclosed, not on other I/O errors.
+  Pair reset;
+  pf::set_linger(reset.client, 1, 0);
+  reset.closeClient();
+  EXPECT_THROW(sf::tcp_recv(reset.conn, b1, sf::RecvUptoNB, 10), sf::Xclosed);
 }
 
 TEST(TcpRecv, SilentPeerTimesOutWithEvent) {

@@ -56,17 +56,6 @@ TEST(PortAddr, ResolvesAndRefusesWhatItMust) {
   sf::setVarInt("sf.tcp.backlog", 5);
 }
 
-TEST(Port, ATakenPortIsRefusedAndReported) {
-  Listener l;
-  sftest::LogCapture log(4);
-  sf::PortAddr again("127.0.0.1", l.text.c_str());
-  EXPECT_THROW(sf::bindPort(again), sf::Xio);
-  EXPECT_TRUE(log.contains("binding with SO_REUSEADDR set to 0"));
-  EXPECT_FALSE(log.contains("binding with SO_REUSEADDR set to 1"));
-  EXPECT_TRUE(log.contains("bind(s, addr.addr->addr(), addr.addr->addrlen())"));
-  EXPECT_TRUE(log.contains("02_sf_bind_s"));
-}
-
 TEST(Port, SharedTableCountsUsesAndSweepsUnused) {
   sftest::ensureInterp();
   sf::PortAddr a("127.0.0.1", "0");
@@ -101,6 +90,7 @@ TEST(Connection, IdsReservationAndLastRelease) {
     EXPECT_EQ(sf::sfi_connectionCount(), before + 1);
     EXPECT_EQ(c.localinfo(), "127.0.0.1+" + l.text);
     EXPECT_EQ(c.remoteinfo().rfind("127.0.0.1+", 0), 0u);
+    EXPECT_EQ(c.readTimeout_s(), 5u);  // sf.reader.readtimeout's default
 
     sf::Connection other = sf::tcp_accept(l.port);  // nothing pending: accept fails
     FAIL() << "accept without a client returned";

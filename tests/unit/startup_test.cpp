@@ -1,6 +1,7 @@
-// Start-up: option stripping, directory precedence, the fatal exits, a broken
-// site configuration, and the runtime's script commands. Start-up runs once
-// per process, so each start-up case runs in a child process of its own.
+// Start-up: option stripping, directory precedence, the Tcl library, the fatal
+// exits, and the runtime's script commands (a broken site configuration is
+// sfhost's integration test). Start-up runs once per process, so each
+// start-up case runs in a child process of its own.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -69,12 +70,6 @@ std::vector<std::string> startWith(std::vector<const char*> args) {
   sf::initTcl(argc, args.data());
   check(args[argc] == nullptr, "argv still ends in null");
   return {args.begin(), args.begin() + argc};
-}
-
-// Each record the library logs, printed as "REC <level> <message>".
-void printRecord(std::uint32_t, std::uint32_t, std::uint32_t level, const char*, std::uint32_t,
-                 std::uint32_t, const char* msg, int, const char*, int) {
-  fprintf(stderr, "REC %u %s\n", level, msg);
 }
 
 class Startup : public ::testing::Test {
@@ -167,34 +162,6 @@ TEST_F(Startup, TclLibraryThatFailsIsAFatalStartUpError) {
   EXPECT_EXIT(
       child(), ::testing::ExitedWithCode(1),
       "^fatal start up error: error initializing tcl, check TCL_LIBRARY files are setup\n$");
-}
-
-TEST_F(Startup, BrokenSiteConfigurationStopsStartUpWithXtcl) {
-  TempDir site;
-  fs::path logs = site.path() / "logs";
-  setenv("SFROOTDIR", site.str().c_str(), 1);
-  setenv("TAVODATDIR", site.str().c_str(), 1);
-  // Nothing after the site script is started; a non-integer where an
-  // integer key is expected names the key.
-  makeSite(site.path(), "package require msgcat\nsource {" + sourceDir() +
-                            "/etc/sf_events.msg}\nset sf.log.dir {" + logs.string() +
-                            "}\nset sf.log.useevorsyslog 1\nset broken [oops\n");
-  auto initFails = [&] {
-    sf::setlog(printRecord);
-    const char* argv[] = {"host", "-d", "3", nullptr};
-    int argc = 3;
-    try {
-      sf::init(argc, argv);
-      check(false, "init returned");
-    } catch (const sf::Xtcl& x) {
-      fprintf(stderr, "XTCL %s\n%s\n", x.str().c_str(), x.errorInfo.c_str());
-    }
-    check(!sf::statsAttached(), "statistics block not attached");
-    check(!fs::exists(logs / "sf.log"), "no log file");
-  };
-  inChild(initFails, "REC 1 \\[3\\] script file failed[^\n]*config.tcl.*XTCL 2-8tcl code: ");
-  makeSite(site.path(), "set sf.syslog.prio loud\n");
-  inChild(initFails, "expected integer but got \"loud\".*sf.syslog.prio");
 }
 
 namespace {

@@ -66,12 +66,10 @@ TEST(TclBridge, VariablesAreGlobalWithDefaults) {
   sf::eval("set unit.hex 0x10");
   EXPECT_EQ(sf::getVarInt("unit.hex", 0), 16);  // an integer as Tcl reads one
 
-  sftest::LogCapture log(3);
   sf::setVarStr("unit.int", "abc");
   std::string text = xtcl([] { sf::getVarInt("unit.int", 7); }).first;
   EXPECT_EQ(text.rfind("2-8tcl code: ", 0), 0u) << text;
   EXPECT_NE(text.find(" error info: expected integer but got \"abc\""), std::string::npos);
-  EXPECT_TRUE(log.contains("exception getVarInt:Xtcl() thrown at "));
 
   // Commands read globals even when called from a proc with a local of the
   // same name.
@@ -89,10 +87,7 @@ TEST(TclBridge, EvalLogsAndThrowsXtclWithThisError) {
   log.clear();
   std::string text = xtcl([] { sf::eval("error unit-failure {} {UNIT CODE}"); }).first;
   EXPECT_EQ(text.rfind("2-8tcl code: UNIT CODE error info: unit-failure\n", 0), 0u) << text;
-  std::vector<std::string> errors = log.messages(3);
-  ASSERT_EQ(errors.size(), 2u);
-  EXPECT_EQ(errors[0], "eval error unit-failure {} {UNIT CODE} -> error 1");
-  EXPECT_EQ(errors[1].rfind("exception eval:Xtcl() thrown at ", 0), 0u);
+  EXPECT_EQ(log.messages(3).at(0), "eval error unit-failure {} {UNIT CODE} -> error 1");
   EXPECT_FALSE(sf::sfi_tclHeldByCaller());  // released on the way out
 
   // Scripts of every length around the 512-byte stack copy.
@@ -160,10 +155,8 @@ TEST(TclBridge, SplitAppendsElements) {
   std::list<std::string> out{"kept"};
   sf::tclsplit("a {b c} d", out);
   EXPECT_EQ(out, (std::list<std::string>{"kept", "a", "b c", "d"}));
-  sftest::LogCapture log(3);
   EXPECT_THROW(sf::tclsplit("a {b", out), sf::Xtcl);
   EXPECT_EQ(out.size(), 4u);
-  EXPECT_TRUE(log.contains("exception tclsplit:Xtcl() thrown at "));
 }
 
 TEST(TclBridge, DispatcherKeepsExceptionsOutOfTcl) {

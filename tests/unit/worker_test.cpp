@@ -111,30 +111,6 @@ void handle(sf::Worker& w, sf::Message* m) {
   sf::getContext()->message = nullptr;
 }
 
-TEST(Message, EnvironmentSessionIdAndOwnership) {
-  sf::Message m;
-  EXPECT_EQ(m.getenv("HttpRequestURL"), "");
-  m.setenv("k", "one");
-  m.setenv("k", "two");
-  EXPECT_EQ(m.getenv("k"), "two");
-
-  // Copies are shallow: they share the buffer and the environment.
-  m.data = new sf::Buffer;
-  sf::Message copy(m);
-  EXPECT_EQ(copy.data, m.data);
-  EXPECT_EQ(copy.env, m.env);
-  copy.data = nullptr;
-  copy.env = nullptr;
-
-  Peer peer;
-  sf::Message withConn;
-  withConn.conn = peer.conn;
-  std::string sid = withConn.getSid();
-  EXPECT_EQ(sid, peer.conn.getSid());
-  withConn.conn = sf::Connection();  // kept once fetched
-  EXPECT_EQ(withConn.getSid(), sid);
-}
-
 TEST(Message, ContextOwnsItsMessage) {
   g_destroyed = 0;
   sf::TransactionContext* ctx = sf::getContext();

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Plants one fault as a temporary edit, rebuilds, runs the tests and names
+# every test that caught it; the file is restored however the run ends. A
+# fault nobody catches is a missing test; a test that catches nothing another
+# test does not is a candidate for folding.
+# Usage: scripts/plant-fault.sh FILE PERL-SUBSTITUTION [BUILD_DIR] [CTEST_ARGS...]
+#   e.g. scripts/plant-fault.sh sf/msgq.cpp 's/next == head/next == tail/'
+# The default tests are all but the integration ones: add `-R integration.x`
+# or `-L integration` for a fault only a whole process shows.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+file=${1:?usage: plant-fault.sh FILE PERL-SUBSTITUTION [BUILD_DIR] [CTEST_ARGS...]}
+subst=${2:?usage: plant-fault.sh FILE PERL-SUBSTITUTION [BUILD_DIR] [CTEST_ARGS...]}
+build=${3:-build}
+shift $(($# < 3 ? $# : 3))
+saved=$(mktemp)
+cp "$file" "$saved"
+trap 'cp "$saved" "$file"; rm -f "$saved"' EXIT
+perl -0pi -e "$subst" "$file"
+cmp -s "$file" "$saved" && { echo "plant-fault: the substitution changed nothing" >&2; exit 2; }
+cmake --build "$build" -j2 >/dev/null || { echo "plant-fault: the fault does not build" >&2; exit 2; }
+caught=$(ctest --test-dir "$build" -j2 --timeout 300 "${@:--LE integration}" 2>&1 |
+  sed -n 's/^ *[0-9]* - \(.*\) (\(Failed\|Timeout\|Subprocess aborted\|Exception\))$/\1/p')
+if [ -n "$caught" ]; then printf 'caught by:\n%s\n' "$caught"; else echo "SURVIVED"; exit 1; fi
