@@ -8,10 +8,10 @@
 #include "sf/adaptor.h"
 #include "sf/detail/net.h"
 #include "sf/detail/readerloop.h"
+#include "sf/detail/validatescript.h"
 #include "sf/message.h"
 #include "sf/platform/thread.h"
 #include "sf/sflib.h"
-#include "sf/tcl.h"
 
 namespace sf {
 
@@ -132,7 +132,7 @@ void Reader::run(Port port, const char* target, const char*) {
 }
 
 void TclReader::validate(Message*, const void* target) {
-  if (target) eval(static_cast<const char*>(target));
+  if (target) sfi_evalValidate(static_cast<const char*>(target));
 }
 
 }  // namespace sf
