@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what building, running and testing sf needs on Debian 12, and
-# nothing when it is all there already. Usage: scripts/deps.sh [run|test]
+# nothing when it is all there already. Usage: scripts/deps.sh [run|test|bench]
 set -euo pipefail
 
 build_pkgs=(cmake ninja-build g++ pkg-config tcl8.6 tcl8.6-dev)
@@ -9,9 +9,12 @@ test_pkgs=(clang libclang-rt-14-dev googletest libgtest-dev libgmock-dev libbenc
            libtasn1-6-dev slapd ldap-utils nginx-light squid wrk gss-ntlmssp libkrb5-dev)
 # The HTTP proxy benchmark compares against HAProxy as well.
 test_pkgs+=(haproxy)
+# bench/http_bench.py: the peers, the load client, core pinning and process lookup.
+bench_pkgs=(nginx-light haproxy wrk util-linux procps python3)
 
 want=("${build_pkgs[@]}")
 [ "${1:-test}" = test ] && want+=("${test_pkgs[@]}")
+[ "${1:-test}" = bench ] && want+=("${bench_pkgs[@]}")
 
 missing=()
 for p in "${want[@]}"; do

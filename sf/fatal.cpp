@@ -26,7 +26,7 @@ void deadline(void*) {
 
 void sfi_writeDump(const char* reason) {
   std::string name = "dump_" + std::to_string(platform::process_id());
-  FILE* f = fopen(name.c_str(), "w");
+  FILE* f = fopen(name.c_str(), "wb");  // the same bytes on every system, as the log
   if (!f) {
     SF_LOG(1, "cannot write to dump file %s", name.c_str());
     return;

@@ -103,23 +103,27 @@ int sfi_cmd_mkQ(int argc, const char** argv) {
   return 0;
 }
 
-int sfi_cmd_enQ(int argc, const char** argv) {
-  if (argc < 2) return -1;
-  MessageQ* q = getQ(argv[1]);
-  if (!q) return -1;
+int sfi_enQCurrent(MessageQ* q, const char* name) {
   TransactionContext* ctx = getContext();
   if (!ctx->message) {
-    SF_LOG(3, "enQ: no current message to put on queue %s", argv[1]);
+    SF_LOG(3, "enQ: no current message to put on queue %s", name);
     return -1;
   }
   try {
     q->enQ(ctx->message);
   } catch (const Xstate&) {
-    SF_LOG(5, "enQ: queue %s refused the current message; it stays with the caller", argv[1]);
+    SF_LOG(5, "enQ: queue %s refused the current message; it stays with the caller", name);
     throw;
   }
   ctx->message = nullptr;  // the queue owns it now
   return 0;
+}
+
+int sfi_cmd_enQ(int argc, const char** argv) {
+  if (argc < 2) return -1;
+  MessageQ* q = getQ(argv[1]);
+  if (!q) return -1;
+  return sfi_enQCurrent(q, argv[1]);
 }
 
 int sfi_cmd_sfenv(int argc, const char** argv) {

@@ -3,7 +3,7 @@
 // A PortAddr names where to listen or connect: an interface or host text and
 // a port text, resolved to an IPv4 socket address at construction. A Port is
 // a bound, listening socket together with the connections accepted on it,
-// which one Reader serves. Ports handed over by a parent process, and ports
+// which a Reader's threads serve. Ports handed over by a parent process, and ports
 // this process publishes for a later child, are kept in the shared-port table
 // keyed by PortAddr::str().
 #pragma once

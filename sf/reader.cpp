@@ -1,16 +1,17 @@
 // The reader loop.
 #include "sf/reader.h"
 
+#include <condition_variable>
 #include <mutex>
 #include <set>
 
 #include "sf/adaptor.h"
 #include "sf/detail/net.h"
 #include "sf/detail/readerloop.h"
+#include "sf/detail/validatescript.h"
 #include "sf/message.h"
 #include "sf/platform/thread.h"
 #include "sf/sflib.h"
-#include "sf/tcl.h"
 
 namespace sf {
 
@@ -21,6 +22,45 @@ std::mutex g_runningLock;
 std::set<i_Port*>& running() {
   static auto* ports = new std::set<i_Port*>;
   return *ports;
+}
+
+// A setting read when a reader starts (not at shutdown: a stop must not
+// wait for the interpreter, which a hung thread may hold), within lo..hi.
+int setting(const char* name, int dflt, int lo, int hi) {
+  int n = dflt;
+  try {
+    n = getVarInt(name, dflt);
+  } catch (const X&) {
+    SF_LOG(1, "reader: %s is not a number; using %d", name, dflt);
+  }
+  return n < lo ? lo : (n > hi ? hi : n);
+}
+
+// The reader threads of one run: each serves the clients it accepted; the
+// thread that called run waits for the others before it closes the port.
+struct Crew {
+  Reader* reader;
+  i_Port* port;
+  const char* target;
+  int drainSeconds;
+  std::mutex lock;
+  std::condition_variable done;
+  int running = 0;
+};
+
+void serve(Crew* crew) {
+  try {
+    ReaderLoop(crew->reader, crew->port, crew->target, crew->drainSeconds).run();
+  } catch (...) {
+    SF_LOG(1, "reader: caught unexpected exception");
+  }
+  std::lock_guard<std::mutex> guard(crew->lock);
+  if (--crew->running == 0) crew->done.notify_all();
+}
+
+void serveThread(void* crew) {
+  serve(static_cast<Crew*>(crew));
+  sfi_tclThreadDone();  // the accept actions and validations it evaluated
 }
 
 }  // namespace
@@ -61,9 +101,26 @@ void Reader::run(Port port, const char* target, const char*) {
   }
   p->readerRunning = true;
 
-  ReaderLoop(this, p, target).run();
+  // By default one thread per core this process may use.
+  int threads = setting("sf.reader.threads", static_cast<int>(platform::cpu_count()), 1, 256);
+  Crew crew{this, p, target, setting("sf.shutdown.drain", 10, 0, 86400), {}, {}, 0};
+  SF_LOG(2, "reader: %d threads on %s", threads, p->name.c_str());
+  crew.running = threads;
+  for (int i = 1; i < threads; ++i) {
+    if (!platform::start_thread(serveThread, &crew)) {
+      SF_SYSFAIL(0, "startThread");
+      std::lock_guard<std::mutex> guard(crew.lock);
+      --crew.running;
+    }
+  }
+  serve(&crew);
+  {
+    std::unique_lock<std::mutex> guard(crew.lock);
+    crew.done.wait(guard, [&] { return crew.running == 0; });
+  }
 
-  SF_LOG(4, "About to close fd %llu and do notify.", static_cast<unsigned long long>(p->fd.load()));
+  // The loops closed the socket when they stopped accepting; a shared socket
+  // may still be open if the port was closed some other way.
   socket_t s = p->fd.exchange(INVALID_SOCK);
   if (s != INVALID_SOCK) platform::sock_close(s);
   p->readerRunning = false;
@@ -75,7 +132,7 @@ void Reader::run(Port port, const char* target, const char*) {
 }
 
 void TclReader::validate(Message*, const void* target) {
-  if (target) eval(static_cast<const char*>(target));
+  if (target) sfi_evalValidate(static_cast<const char*>(target));
 }
 
 }  // namespace sf

@@ -1,15 +1,22 @@
-// The reader loop: one thread per listening port.
+// The reader loop: sf.reader.threads threads per listening port.
 //
-// Reader::run waits on the listening socket and on the port's connections
-// through the platform's event backend, accepts new clients, and takes what
-// arrives on a connection into its input without ever waiting for a client.
+// Reader::run starts the port's other reader threads and serves as one of
+// them. Each waits on the shared listening socket (one thread is woken per
+// arrival), on the connections it accepted and on its mailbox, through the
+// platform's event backend; it accepts new clients, and takes what arrives
+// on a connection into its input without ever waiting for a client.
 // Once the top adaptor's framing step says a whole message is there, it
 // reads it through the adaptor chain (from memory), wraps it in a Message
 // and hands it to validate(), which subclasses use to deliver it (normally
 // onto a named queue). An unfinished message has a deadline (the read
 // time-out); an adaptor that cannot frame gets a blocking read. A worker that
-// gives a connection back, or closes one, wakes the reader at once. A pass
-// still ends after 10 seconds without activity.
+// gives a connection back, or closes one, wakes the thread that accepted it.
+// A pass still ends after 10 seconds without activity. At shutdown accepting
+// stops at once and what was received is answered (sf.shutdown.drain
+// seconds at most) before the connections close. mkMsg, validate and
+// acceptHook are called from all of a port's reader threads at once: a
+// subclass with state of its own guards it, or its site sets
+// sf.reader.threads to 1.
 #pragma once
 
 #include <string>
@@ -33,9 +40,10 @@ class Reader {
   virtual bool handleReject();
   virtual ~Reader();
 
-  // Serves port until shutdown is requested and no connection has bytes
-  // waiting; then closes the listening socket and notifies the port's closed
-  // event. target is handed to every validate(); extra is ignored.
+  // Serves port with sf.reader.threads threads (this one among them) until
+  // shutdown is requested and what was received is answered; then closes
+  // the listening socket and notifies the port's closed event. target is
+  // handed to every validate(); extra is ignored.
   void run(Port port, const char* target, const char* extra);
 };
 

@@ -38,12 +38,12 @@ const size_t kReadAhead = 64 * 1024;
 const int kBurst = 16;
 // After an accept failed for lack of descriptors or memory.
 const int kAcceptPauseMs = 250;
+// While draining, how often the loop looks again at connections whose
+// message a queue or worker still holds (nothing wakes it when they let go).
+const int kDrainLookMs = 50;
 // Keys of the event set other than connection ids (which are below 2^31).
 const std::uint64_t kListenKey = 1ull << 40;
 const std::uint64_t kWakeKey = 1ull << 41;
-
-// The waiting-client alarm deadline, seconds since the epoch; 0 = not armed.
-std::atomic<std::int64_t> g_alarmDeadline{0};
 
 std::int64_t nowMs() {
   using namespace std::chrono;
@@ -88,17 +88,22 @@ const ReaderSettings& readerSettings() {
   return s;
 }
 
-ReaderLoop::ReaderLoop(Reader* reader, i_Port* port, const char* target)
-    : reader_(reader), port_(port), target_(target), mailbox_(port->newMailbox()) {
+ReaderLoop::ReaderLoop(Reader* reader, i_Port* port, const char* target, int drainSeconds)
+    : reader_(reader),
+      port_(port),
+      target_(target),
+      mailbox_(port->newMailbox()),
+      drainSeconds_(drainSeconds) {
   mailbox_->open(platform::thread_id());
   set_.add(mailbox_->wakeup.fd(), kWakeKey, platform::EventSet::Level);
+  ++port_->acceptors;
   socket_t lfd = port_->fd.load();
   if (lfd != INVALID_SOCK) platform::set_blocking(lfd, false);
   watchListening(true);
 }
 
 ReaderLoop::~ReaderLoop() {
-  watchListening(false);
+  stopAccepting();
   mailbox_->close();
   port_->open -= conns_.size();
 }
@@ -107,15 +112,21 @@ void ReaderLoop::run() {
   std::uint64_t keys[64];
   for (;;) {
     try {
-      if (sfi_shuttingDown() && !anyWaiting()) return;
       Ms now = nowMs();
+      if (sfi_shuttingDown()) {
+        if (!draining_) beginDrain(now);
+        if (now >= drainUntil_ || !anyInFlight()) {
+          closeAll();
+          return;
+        }
+      }
       int n = set_.wait(keys, 64, again_.empty() ? waitMs(now) : 0);
       now = nowMs();
       for (int i = 0; i < n; ++i) dispatch(keys[i], now);
       readMail(now);
       serveAgain(now);
       expire(now);
-      superviseAccepting(now);
+      if (!draining_) superviseAccepting(now);
     } catch (...) {
       setContext(nullptr);
       SF_LOG(1, "reader: exception during processing");
@@ -130,6 +141,7 @@ int ReaderLoop::waitMs(Ms now) const {
   if (!deadlines_.empty()) wait = std::min<Ms>(wait, deadlines_.begin()->first - now);
   if (acceptPausedUntil_) wait = std::min<Ms>(wait, acceptPausedUntil_ - now);
   if (nextAlarmCheck_) wait = std::min<Ms>(wait, nextAlarmCheck_ - now);
+  if (draining_) wait = std::min<Ms>(wait, std::min<Ms>(kDrainLookMs, drainUntil_ - now));
   return wait < 0 ? 0 : static_cast<int>(wait);
 }
 
@@ -204,23 +216,70 @@ void ReaderLoop::superviseAccepting(Ms now) {
   socket_t lfd = port_->fd.load();
   if (lfd == INVALID_SOCK || platform::wait_readable(lfd, 0) <= 0) return;  // nobody waits
   std::int64_t secs = static_cast<std::int64_t>(time(nullptr));
-  std::int64_t deadline = g_alarmDeadline.load();
+  std::int64_t deadline = port_->alarmDeadline.load();
   if (deadline == 0) {
-    g_alarmDeadline = secs + cfg.alarmSeconds;
-  } else if (secs >= deadline) {
+    port_->alarmDeadline.compare_exchange_strong(deadline, secs + cfg.alarmSeconds);
+  } else if (secs >= deadline && port_->alarmDeadline.compare_exchange_strong(deadline, 0)) {
     SF_LOG(1,
            "ALARM: Maximum %zd client connections are reached. New client connection "
            "is waiting for %d seconds.",
            port_->open.load(), cfg.alarmSeconds);
-    g_alarmDeadline = 0;
   }
+}
+
+// ---- stopping ----
+
+// Accepting stops at once; connections with nothing received are closed,
+// the others are served as usual and closed once they are idle.
+void ReaderLoop::beginDrain(Ms now) {
+  draining_ = true;
+  drainUntil_ = now + static_cast<Ms>(drainSeconds_) * 1000;
+  stopAccepting();
+  std::vector<int> ids;
+  for (const auto& kv : conns_) ids.push_back(kv.first);
+  for (int id : ids) {
+    auto it = conns_.find(id);
+    if (it == conns_.end()) continue;
+    Entry& e = it->second;
+    if (e.c.isReserved()) continue;  // the give-back brings it back
+    bool ended = false;
+    if (e.c.socketNo() != INVALID_SOCK) sfi_fillInput(e.c.record(), kReadAhead, &ended);
+    if (ended) e.ended = true;
+    process(e, now);
+  }
+}
+
+// Something received is not answered yet: a worker owes a reply (the
+// connection is reserved), a message that refers to the connection is still
+// queued or being processed (a handle besides ours), a message is still
+// arriving, or whole messages wait their turn.
+bool ReaderLoop::anyInFlight() const {
+  if (!again_.empty()) return true;
+  for (const auto& kv : conns_) {
+    const Entry& e = kv.second;
+    const i_Connection* rec = e.c.record();
+    if (e.c.socketNo() == INVALID_SOCK) continue;
+    if (e.c.isReserved() || rec->refs.load() > 1 || e.deadline || sfi_pending(rec) ||
+        e.c.hasBufferedData())
+      return true;
+  }
+  return false;
+}
+
+void ReaderLoop::closeAll() {
+  while (!conns_.empty()) {
+    Connection c = conns_.begin()->second.c;
+    drop(c.nonce());
+    tcp_close(c);
+  }
+  again_.clear();
 }
 
 // ---- accepting ----
 
 void ReaderLoop::watchListening(bool on) {
   socket_t lfd = port_->fd.load();
-  if (on == listening_ || (on && lfd == INVALID_SOCK)) return;
+  if (on == listening_ || (on && (lfd == INVALID_SOCK || !accepting_))) return;
   if (on && set_.add(lfd, kListenKey, platform::EventSet::Exclusive) != 0) {
     SF_SYSFAIL(-1, "reader: cannot watch the listening socket");
     return;
@@ -229,41 +288,66 @@ void ReaderLoop::watchListening(bool on) {
   listening_ = on;
 }
 
+// The port's last reader thread to stop accepting closes the listening
+// socket at shutdown, so that new clients are refused at once instead of
+// waiting in the backlog (a child that took the socket over keeps its own).
+void ReaderLoop::stopAccepting() {
+  watchListening(false);
+  if (!accepting_) return;
+  accepting_ = false;
+  if (--port_->acceptors == 0 && sfi_shuttingDown()) {
+    socket_t s = port_->fd.exchange(INVALID_SOCK);
+    if (s != INVALID_SOCK) {
+      SF_LOG(4, "About to close fd %llu and do notify.", static_cast<ull>(s));
+      platform::sock_close(s);
+    }
+  }
+}
+
+// Counts a client about to be accepted against the port's limit, which all
+// the port's reader threads share; false at the limit.
+bool ReaderLoop::claimSlot() {
+  size_t max = static_cast<size_t>(readerSettings().maxConnections);
+  size_t n = port_->open.load();
+  do {
+    if (max > 0 && n >= max) return false;
+  } while (!port_->open.compare_exchange_weak(n, n + 1));
+  return true;
+}
+
 void ReaderLoop::acceptClients(Ms now) {
-  const ReaderSettings& cfg = readerSettings();
   // A few per readiness, so that a crowd at the door cannot starve the
   // connections already open.
   for (int i = 0; i < 16; ++i) {
-    if (cfg.maxConnections > 0 && port_->open.load() >= static_cast<size_t>(cfg.maxConnections))
-      return;
+    if (!claimSlot()) return;
     Port port(port_);
     int err = 0;
     Connection fresh = sfi_accept(port, &err);
     if (!fresh) {
+      --port_->open;
       if (platform::err_would_block(err)) return;  // another reader took it, or it went
       if (!platform::err_out_of_descriptors(err)) {
         SF_LOG(3, "reader: accept failed - %s", platform::error_text(err).c_str());
         return;
       }
-      if (!acceptFailureLogged_)
+      if (!port_->acceptFailing.exchange(true))
         SF_LOG(1, "reader: cannot accept new clients - %s; accepting paused",
                platform::error_text(err).c_str());
-      acceptFailureLogged_ = true;
       acceptPausedUntil_ = now + kAcceptPauseMs;
       watchListening(false);
       return;
     }
-    if (acceptFailureLogged_) SF_LOG(1, "reader: accepting new clients again");
-    acceptFailureLogged_ = false;
-    g_alarmDeadline = 0;
-    if (!admit(fresh)) continue;
+    if (port_->acceptFailing.exchange(false)) SF_LOG(1, "reader: accepting new clients again");
+    port_->alarmDeadline = 0;
     i_Connection* rec = fresh.record();
+    if (!admit(fresh) || fresh.socketNo() == INVALID_SOCK) {  // or closed by the accept action
+      --port_->open;
+      continue;
+    }
     socket_t fd = fresh.socketNo();
-    if (fd == INVALID_SOCK) continue;  // closed by the accept action
     Entry& e = conns_[rec->id];
     e.c = fresh;
     e.fd = fd;
-    ++port_->open;
     set_.add(fd, static_cast<std::uint64_t>(rec->id), platform::EventSet::Once);
     sfi_armIdleTimer(fresh, port_->idleTimeout_s);
   }
@@ -324,8 +408,11 @@ void ReaderLoop::process(Entry& e, Ms now) {
       setDeadline(e, 0);
       e.state = Framing::Unknown;
       e.framed = 0;
-      if (e.ended) {
-        SF_LOG(5, "reader: connection closed detected");
+      // While draining, what has arrived by now is still served; closing
+      // with unread bytes would reset the connection under the last reply.
+      if (draining_ && !e.ended && sfi_fillInput(e.c.record(), kReadAhead, &e.ended) > 0) continue;
+      if (e.ended || draining_) {
+        if (e.ended) SF_LOG(5, "reader: connection closed detected");
         tcp_close(e.c);
         drop(id);
         return;
@@ -496,16 +583,6 @@ void ReaderLoop::drop(int id) {
   e.c.record()->mailbox = nullptr;
   --port_->open;
   conns_.erase(it);
-}
-
-bool ReaderLoop::anyWaiting() const {
-  for (const auto& kv : conns_) {
-    const Connection& c = kv.second.c;
-    if (!c.isReserved() && c.socketNo() != INVALID_SOCK &&
-        (sfi_pending(c.record()) || c.hasBufferedData()))
-      return true;
-  }
-  return false;
 }
 
 }  // namespace sf

@@ -229,6 +229,13 @@ std::string sfi_quietEval(const char* script) {
   return Tcl_GetStringResult(g_interp);
 }
 
+bool sfi_commandIsBuiltIn(const char* name, TclProc proc) {
+  MxLock guard(*g_tclLock);
+  Tcl_CmdInfo info;
+  return Tcl_GetCommandInfo(g_interp, name, &info) && info.proc == dispatch &&
+         info.clientData == reinterpret_cast<ClientData>(proc);
+}
+
 void evalFile(const char* name) {
   MxLock guard(*g_tclLock);
   std::string chosen;

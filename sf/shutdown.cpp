@@ -24,9 +24,10 @@ void waitForReadersAndQueues() {
   sfi_forEachSharedPort(collect, &ports);
   for (i_Port* p : ports) {
     SF_LOG(4, "About to wait on port with fd %llu", static_cast<unsigned long long>(p->fd.load()));
-    // The reader closes the socket and then notifies; a port already closed
-    // (an earlier shutdown) is not waited for again.
-    while (p->fd.load() != INVALID_SOCK) {
+    // The readers close the socket as soon as they stop accepting, and
+    // notify once they have answered what they received; a port already
+    // closed with no reader left (an earlier shutdown) is not waited for.
+    while (p->fd.load() != INVALID_SOCK || p->readerRunning.load()) {
       if (p->closed.wait_ms(1000)) break;
     }
   }

@@ -75,6 +75,9 @@ bool sfi_tclHeldByCaller();
 void sfi_tclThreadDone();
 // Evaluates without logging anything; throws the C string "tcl" on error.
 std::string sfi_quietEval(const char* script);
+// Whether the interpreter's command name is still the library command proc
+// (a script may have replaced it with a procedure of its own).
+bool sfi_commandIsBuiltIn(const char* name, TclProc proc);
 // Directories searched by evalFile.
 void sfi_setDirectories(const std::string& datadir, const std::string& rootdir);
 const std::string& sfi_dataDir();

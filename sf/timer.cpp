@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <list>
 #include <mutex>
 #include <string>
@@ -73,7 +74,7 @@ TimeoutId mkTimeout_gen(unsigned seconds, unsigned microseconds, MessageQ* q, Me
                         bool periodic) {
   TimerState& t = timer();
   std::uint32_t id;
-  bool appended;
+  bool appended, first;
   {
     MxLock guard(t.mx);
     id = ++t.counter;
@@ -87,9 +88,12 @@ TimeoutId mkTimeout_gen(unsigned seconds, unsigned microseconds, MessageQ* q, Me
     e.expiry = TimeVal{n.sec + seconds, n.usec + microseconds};
     e.queue = q;
     e.message = m;
-    auto it = t.pending.begin();
-    while (it != t.pending.end() && !earlier(e.expiry, it->expiry)) ++it;
+    // Searched from the back: a new timer is usually the latest (a watchdog
+    // or an idle timer re-armed for every message).
+    auto it = t.pending.end();
+    while (it != t.pending.begin() && earlier(e.expiry, std::prev(it)->expiry)) --it;
     appended = it == t.pending.end();
+    first = it == t.pending.begin();
     t.pending.insert(it, e);
   }
   // Logged outside the lock, which a script command may be waiting for while
@@ -98,8 +102,13 @@ TimeoutId mkTimeout_gen(unsigned seconds, unsigned microseconds, MessageQ* q, Me
     SF_LOG(4, "appended timeout %d to queue", static_cast<int>(id));
   else
     SF_LOG(4, "mkTimeout_gen(): inserted timeout %d into queue", static_cast<int>(id));
-  SF_LOG(8, "signalling timeout queue");
-  t.wake.notify();
+  // The thread sleeps until the first expiry: only a new first timer needs
+  // it awake earlier. Waking it for every timer would cost two thread
+  // switches for each message a worker handles under its watchdog.
+  if (first) {
+    SF_LOG(8, "signalling timeout queue");
+    t.wake.notify();
+  }
   return TimeoutId(id);
 }
 
@@ -247,9 +256,10 @@ void rmTimeout(const TimeoutId& id) {
   // it, and a close posts notices to queues, which the timer lock must never
   // be held around.
   if (found) {
+    // The thread is not woken: a removal never makes its next wake-up due
+    // earlier (it finds nothing due and sleeps again).
     SF_LOG(4, "removed timeout %d", static_cast<int>(id.id));
     delete m;
-    t.wake.notify();
   } else
     SF_LOG(2, "rmTimeout %d, timeout not found...expired simultaneously?", static_cast<int>(id.id));
 }

@@ -4,6 +4,8 @@
 
 namespace sf {
 
+class MessageQ;
+
 // Registers every library command with exportProc, in table order. Called by
 // initTcl once the interpreter exists.
 void sfi_registerCommands();
@@ -18,6 +20,9 @@ bool sfi_refuseInsideEvaluation(const char* command);
 int sfi_cmd_spinThread(int argc, const char** argv);
 int sfi_cmd_mkQ(int argc, const char** argv);
 int sfi_cmd_enQ(int argc, const char** argv);
+// What enQ does once its queue is found: moves the current message onto q
+// (named name in the log). -1 without a current message; a refusal throws.
+int sfi_enQCurrent(MessageQ* q, const char* name);
 int sfi_cmd_sfenv(int argc, const char** argv);
 int sfi_cmd_dummyWorker(int argc, const char** argv);
 int sfi_cmd_sf_dumpMsg(int argc, const char** argv);

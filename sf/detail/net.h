@@ -92,6 +92,15 @@ class i_Port {
   std::atomic<std::int64_t> overloadLoggedAt{0};
   // Set while a reader serves this port.
   std::atomic<bool> readerRunning{false};
+  // Reader threads of the port that have not stopped accepting; at shutdown
+  // the last one to stop closes the listening socket.
+  std::atomic<int> acceptors{0};
+  // When the ALARM line for a client waiting at the connection limit is
+  // due, seconds since the epoch; 0 = not armed.
+  std::atomic<std::int64_t> alarmDeadline{0};
+  // Accepting failed (descriptors, memory) and said so; cleared once it
+  // works again, so a crowd of reader threads logs one line.
+  std::atomic<bool> acceptFailing{false};
 
   // A mailbox for a new reader thread.
   ReaderMailbox* newMailbox();

@@ -25,13 +25,16 @@ const ReaderSettings& readerSettings();
 
 class ReaderLoop {
  public:
-  ReaderLoop(Reader* reader, i_Port* port, const char* target);
+  // drainSeconds: how long a stop may take to answer what was received.
+  ReaderLoop(Reader* reader, i_Port* port, const char* target, int drainSeconds);
   ~ReaderLoop();
   ReaderLoop(const ReaderLoop&) = delete;
   ReaderLoop& operator=(const ReaderLoop&) = delete;
 
-  // Serves the port until shutdown is requested and no connection has bytes
-  // waiting; the caller closes the port.
+  // Serves the port until shutdown is requested and the requests received
+  // by then are answered (or the drain time is over); closes its
+  // connections before it returns. The last of the port's loops to stop
+  // accepting closes the listening socket.
   void run();
 
  private:
@@ -56,10 +59,18 @@ class ReaderLoop {
   void expire(Ms now);
   void superviseAccepting(Ms now);
 
+  // Stopping: no new clients; what was received is answered, within the
+  // drain time; then every connection closes.
+  void beginDrain(Ms now);
+  bool anyInFlight() const;
+  void closeAll();
+
   // Accepting.
   void acceptClients(Ms now);
+  bool claimSlot();
   bool admit(Connection& fresh);
   void watchListening(bool on);
+  void stopAccepting();
 
   // Serving a connection.
   void onReadable(Entry& e, Ms now);
@@ -70,7 +81,6 @@ class ReaderLoop {
   void setDeadline(Entry& e, Ms when);
   void arm(Entry& e);
   void drop(int id);
-  bool anyWaiting() const;
 
   Reader* reader_;
   i_Port* port_;
@@ -82,9 +92,12 @@ class ReaderLoop {
   std::deque<int> again_;  // served their burst with whole messages left
 
   bool listening_ = false;    // the listening socket is in the event set
+  bool accepting_ = true;     // counted in the port's acceptors
   Ms acceptPausedUntil_ = 0;  // after an accept failure
-  bool acceptFailureLogged_ = false;
   Ms nextAlarmCheck_ = 0;
+  const int drainSeconds_;
+  bool draining_ = false;  // shutdown was requested
+  Ms drainUntil_ = 0;
 };
 
 }  // namespace sf

@@ -128,6 +128,7 @@ class RequestParser {
   bool onTransferEncoding(const std::string& value);
   bool onConnection(const std::string& value);
   size_t takeBody(const char* p, size_t n, std::int64_t* left);
+  size_t takeRun(const char* p, size_t n);
 
   using FieldAction = bool (RequestParser::*)(const std::string&);
   struct FieldRule {

@@ -16,6 +16,10 @@ std::uint32_t process_id();
 
 void sleep_ms(std::uint32_t ms);
 
+// Cores this process may run on (its affinity, so a server pinned to one core
+// counts one); at least 1.
+unsigned cpu_count();
+
 // Writes the calling thread's stack to standard error: symbolised in
 // sanitizer builds, raw return addresses otherwise.
 void print_stack_trace();

@@ -29,6 +29,7 @@ void setUp() {
   if (!done) {
     sf::sfi_registerCommands();
     sf::initTimer();
+    sf::setVarInt("sf.reader.threads", 3);  // more than one, whatever the machine
   }
   done = true;
 }

@@ -4,12 +4,21 @@
 #include <errno.h>
 #include <execinfo.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 namespace sf {
 namespace platform {
+
+unsigned cpu_count() {
+  cpu_set_t set;
+  if (sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) > 0)
+    return static_cast<unsigned>(CPU_COUNT(&set));
+  long n = sysconf(_SC_NPROCESSORS_ONLN);
+  return n > 0 ? static_cast<unsigned>(n) : 1;
+}
 
 bool start_thread(void (*fn)(void*), void* arg) {
   struct Start {

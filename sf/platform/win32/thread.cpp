@@ -49,6 +49,19 @@ void sleep_ms(std::uint32_t ms) {
   Sleep(ms);
 }
 
+unsigned cpu_count() {
+  DWORD_PTR mine = 0, all = 0;
+  unsigned n = 0;
+  if (GetProcessAffinityMask(GetCurrentProcess(), &mine, &all))
+    for (; mine; mine &= mine - 1) ++n;
+  if (n == 0) {
+    SYSTEM_INFO info;
+    GetSystemInfo(&info);
+    n = info.dwNumberOfProcessors;
+  }
+  return n > 0 ? n : 1;
+}
+
 void print_stack_trace() {
   void* frames[62];
   USHORT n = CaptureStackBackTrace(0, 62, frames, nullptr);
