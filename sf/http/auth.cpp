@@ -11,6 +11,7 @@
 
 #include "sf/http/base64.h"
 #include "sf/http/httpadaptor.h"
+#include "sf/platform/ntlm.h"
 #include "sf/tcl.h"
 
 namespace sf {
@@ -101,10 +102,77 @@ void HttpAdaptor::resendRequest(Connection* c) {
   }
 }
 
+void HttpAdaptor::sendNtlm(Connection* c, const char* answerName, int phase,
+                           const std::string& token) {
+  // A token answers this one request: NTLM authenticates the connection,
+  // so nothing is added to the requests that follow on it. The tokens are
+  // credentials and are not logged.
+  SF_LOG(5, "sending phase %d with auth token %s", phase,
+         ("(" + std::to_string(token.size()) + " bytes)").c_str());
+  extraHeaderLine = std::string(answerName) + ": NTLM " + encodeBase64(token);
+  resendRequest(c);
+  extraHeaderLine.clear();
+}
+
+// Two phases at most on the same connection: the negotiate token, then the
+// answer to the server's challenge; the caller reads the final response.
+// False when the attempt ends here (the reason is logged); when this process
+// has no NTLM identity, the caller goes on to Basic.
+bool HttpAdaptor::answerNtlm(Connection* c, const char* answerName, const std::string& challenge,
+                             std::string& summary) {
+  if (!challenge.empty()) {
+    SF_LOG(1, "unexpected challenge '%s' during phase 0 of ntlm authentication", challenge.c_str());
+    summary += "<NTLM> (unexpected challenge); ";
+    return false;
+  }
+  platform::NtlmClient ntlm;
+  std::string token, failed;
+  if (!ntlm.acquire(&failed) || !ntlm.negotiate(&token, &failed)) {
+    SF_LOG(1, "HTTP - no NTLM credentials for this process - %s", failed.c_str());
+    summary += "<NTLM> (no credentials); ";
+    return false;
+  }
+  sendNtlm(c, answerName, 0, token);
+
+  std::list<std::string> headers;
+  Buffer page;
+  readMessage(c, page, &headers);
+  std::string offered;
+  for (const std::string& h : headers) {
+    size_t colon = h.find(':');
+    bool ours =
+        colon != std::string::npos &&
+        iequals(h.data(), colon, answerName[0] == 'P' ? "Proxy-Authenticate" : "WWW-Authenticate");
+    size_t v = ours ? h.find_first_not_of(" \t", colon + 1) : std::string::npos;
+    if (v != std::string::npos && h.size() > v + 5 && startsWithIgnoringCase(h.substr(v), "NTLM "))
+      offered = h.substr(v + 5);
+  }
+  if (offered.empty() || (lastStatus != 401 && lastStatus != 407)) {
+    SF_LOG(1, "expected challenge '%s' during phase 0 of ntlm authentication", offered.c_str());
+    return false;
+  }
+  std::string challengeBytes = decodePem(offered);
+  bool done = false;
+  if (!ntlm.answer(challengeBytes, &token, &done, &failed)) {
+    SF_LOG(1, "HTTP - ntlm: %s", failed.c_str());
+    SF_LOG(1, "InitSecurityContext failed...refreshing credentials and retrying...");
+    if (!ntlm.acquire(&failed) || !ntlm.answer(challengeBytes, &token, &done, &failed)) {
+      SF_LOG(1, "HTTP - ntlm: %s", failed.c_str());
+      SF_THROW("InitializeSecurityContext", Xsys("InitializeSecurityContext"));
+    }
+  }
+  if (!done) {
+    SF_LOG(1, "protocol error, ntlm handshake not completed after 2 phases");
+    return false;
+  }
+  sendNtlm(c, answerName, 1, token);
+  return true;
+}
+
 bool HttpAdaptor::resendWithAuth(Connection* c, std::list<std::string>& headers) {
   Challenges ch = parseChallenges(headers);
   const char* answerName = ch.scope == "proxy" ? "Proxy-Authorization" : "Authorization";
-  if (ch.ntlm) ch.summary += "<NTLM> (no security package); ";
+  if (ch.ntlm && answerNtlm(c, answerName, ch.ntlmToken, ch.summary)) return true;
   for (const std::string& realm : ch.realms) {
     std::string user = basicCredential("sf.http.authname", ch.scope, realm);
     if (user.empty()) {

@@ -203,6 +203,10 @@ class HttpAdaptor : public Adaptor {
   virtual bool resendWithAuth(Connection* c, std::list<std::string>& headers);
   // Writes the last request again: its headers, and the pending body.
   void resendRequest(Connection* c);
+  // The NTLM handshake of a challenge (auth.cpp).
+  bool answerNtlm(Connection* c, const char* answerName, const std::string& challenge,
+                  std::string& summary);
+  void sendNtlm(Connection* c, const char* answerName, int phase, const std::string& token);
 
   // --- writing ---
   // Client: request(); server: reply(), then the close rule.
