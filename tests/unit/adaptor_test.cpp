@@ -8,6 +8,7 @@
 #include "sf/detail/net.h"
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
+#include "support/loopback.h"
 #include "support/testsupport.h"
 
 namespace pf = sf::platform;
@@ -18,34 +19,10 @@ std::string text(const sf::Buffer& b) {
   return std::string(b.data ? b.data : "", b.size());
 }
 
-// A raw client socket and the accepted Connection with a TcpAdaptor.
-struct Pair {
-  sf::Port port;
-  pf::sock_t client = pf::kNoSock;
-  sf::Connection conn;
-  Pair() {
-    sftest::ensureInterp();
-    sf::PortAddr a("127.0.0.1", "0");
-    port = sf::bindPort(a);
-    char addr[pf::kIpv4AddrLen];
-    pf::make_ipv4_addr("127.0.0.1", pf::bound_port(port.socketNo()), addr);
-    client = pf::sock_stream(pf::family_ipv4());
-    EXPECT_EQ(pf::sock_connect(client, addr, pf::kIpv4AddrLen), 0);
-    conn = sf::tcp_accept(port);
-    conn.push(new sf::TcpAdaptor);
-  }
-  ~Pair() {
-    if (client != pf::kNoSock) pf::sock_close(client);
-    conn = sf::Connection();
-    delete port.p;
-  }
-  void send(const std::string& t) {
-    ASSERT_EQ(pf::sock_send(client, t.data(), t.size()), static_cast<long>(t.size()));
-  }
-  void closeClient() {
-    pf::sock_close(client);
-    client = pf::kNoSock;
-  }
+// A loopback pair whose accepted Connection reads through a TcpAdaptor.
+struct Pair : sftest::AcceptedPair {
+  Pair() { conn.push(new sf::TcpAdaptor); }
+  void send(const std::string& t) { ASSERT_TRUE(sftest::sendAll(client, t)); }
 };
 
 // A lower layer that delivers scripted PDUs, for the pushback layer.

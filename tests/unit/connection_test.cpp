@@ -8,36 +8,12 @@
 #include "sf/detail/net.h"
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
+#include "support/loopback.h"
 #include "support/testsupport.h"
 
 namespace pf = sf::platform;
 
-namespace {
-
-struct Listener {
-  sf::Port port;
-  int portno;
-  std::string text;
-  Listener() {
-    sftest::ensureInterp();
-    sf::PortAddr a("127.0.0.1", "0");
-    port = sf::bindPort(a);
-    portno = pf::bound_port(port.socketNo());
-    text = std::to_string(portno);
-  }
-  ~Listener() { delete port.p; }  // records normally live until process end
-};
-
-// A raw client socket connected to port.
-pf::sock_t rawClient(int port) {
-  char addr[pf::kIpv4AddrLen];
-  pf::make_ipv4_addr("127.0.0.1", port, addr);
-  pf::sock_t s = pf::sock_stream(pf::family_ipv4());
-  EXPECT_EQ(pf::sock_connect(s, addr, pf::kIpv4AddrLen), 0);
-  return s;
-}
-
-}  // namespace
+using sftest::Listener;
 
 TEST(PortAddr, ResolvesAndRefusesWhatItMust) {
   sftest::ensureInterp();
@@ -80,7 +56,7 @@ TEST(Port, SharedTableCountsUsesAndSweepsUnused) {
 
 TEST(Connection, IdsReservationAndLastRelease) {
   Listener l;
-  pf::sock_t client = rawClient(l.portno);
+  pf::sock_t client = sftest::connectTo(l.portno);
   size_t before = sf::sfi_connectionCount();
   int id = 0;
   try {
@@ -88,7 +64,7 @@ TEST(Connection, IdsReservationAndLastRelease) {
     id = c.nonce();
     EXPECT_EQ(c.getSid(), std::to_string(static_cast<unsigned>(id)));
     EXPECT_EQ(sf::sfi_connectionCount(), before + 1);
-    EXPECT_EQ(c.localinfo(), "127.0.0.1+" + l.text);
+    EXPECT_EQ(c.localinfo(), "127.0.0.1+" + std::to_string(l.portno));
     EXPECT_EQ(c.remoteinfo().rfind("127.0.0.1+", 0), 0u);
     EXPECT_EQ(c.readTimeout_s(), 5u);  // sf.reader.readtimeout's default
 
@@ -102,7 +78,7 @@ TEST(Connection, IdsReservationAndLastRelease) {
   EXPECT_EQ(pf::sock_recv(client, &byte, 1), 0);
   pf::sock_close(client);
 
-  client = rawClient(l.portno);
+  client = sftest::connectTo(l.portno);
   sf::Connection c = sf::tcp_accept(l.port);
   EXPECT_GT(c.nonce(), id);
   EXPECT_FALSE(c.isReserved());
@@ -133,7 +109,7 @@ TEST(Connection, IoDumpRecordsEveryWriteEvenAnEmptyOne) {
   sf::setVarStr("sf.datdir", dir.str().c_str());
   setenv("SF_IOLOG", "1", 1);
   Listener l;
-  pf::sock_t client = rawClient(l.portno);
+  pf::sock_t client = sftest::connectTo(l.portno);
   {
     sf::Connection c = sf::tcp_accept(l.port);
     sf::Buffer empty(0);
@@ -148,10 +124,11 @@ TEST(Connection, IoDumpRecordsEveryWriteEvenAnEmptyOne) {
   pf::sock_close(client);
   std::string log = sftest::readFile(dir.path() / "io.log");
   for (const std::string& want :
-       {std::string("send["), "] 0 bytes on 127.0.0.1+" + l.text,
-        "] 7 bytes on 127.0.0.1+" + l.text,
+       {std::string("send["), "] 0 bytes on 127.0.0.1+" + std::to_string(l.portno),
+        "] 7 bytes on 127.0.0.1+" + std::to_string(l.portno),
         std::string("payload\n"),  // raw bytes with SF_IOLOG
-        std::string("recv["), "] 2 bytes on 127.0.0.1+" + l.text + " from 127.0.0.1+"})
+        std::string("recv["),
+        "] 2 bytes on 127.0.0.1+" + std::to_string(l.portno) + " from 127.0.0.1+"})
     EXPECT_NE(log.find(want), std::string::npos) << want;
   unsetenv("SF_IOLOG");
 }

@@ -12,9 +12,14 @@
 #include "sf/platform/socket.h"
 #include "sf/platform/thread.h"
 #include "sf/sflib.h"
+#include "support/loopback.h"
 #include "support/testsupport.h"
 
 namespace pf = sf::platform;
+using sftest::connectTo;
+using sftest::echoes;
+using sftest::recvN;
+using sftest::sendAll;
 
 namespace {
 
@@ -27,38 +32,6 @@ void setUp() {
     sf::setVarInt("sf.reader.threads", 3);  // more than one, whatever the machine
   }
   done = true;
-}
-
-pf::sock_t connectTo(int port) {
-  char addr[pf::kIpv4AddrLen];
-  pf::make_ipv4_addr("127.0.0.1", port, addr);
-  pf::sock_t s = pf::sock_stream(pf::family_ipv4());
-  if (pf::sock_connect(s, addr, pf::kIpv4AddrLen) != 0) {
-    pf::sock_close(s);
-    return pf::kNoSock;
-  }
-  pf::set_rcvtimeo_ms(s, 20000);  // a hung server fails the test, not the run
-  return s;
-}
-
-bool sendAll(pf::sock_t s, const std::string& t) {
-  return pf::sock_send(s, t.data(), t.size()) == static_cast<long>(t.size());
-}
-
-// Reads until n bytes came, the peer closed, or the receive timed out.
-std::string recvN(pf::sock_t s, size_t n) {
-  std::string out;
-  char buf[4096];
-  while (out.size() < n) {
-    long r = pf::sock_recv(s, buf, sizeof buf);
-    if (r <= 0) break;
-    out.append(buf, static_cast<size_t>(r));
-  }
-  return out;
-}
-
-bool echoes(pf::sock_t s, const std::string& t) {
-  return sendAll(s, t) && recvN(s, t.size()) == t;
 }
 
 void echoWorker(const char* queue) {

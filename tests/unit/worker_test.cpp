@@ -13,6 +13,7 @@
 #include "sf/detail/net.h"
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
+#include "support/loopback.h"
 #include "support/testsupport.h"
 
 namespace pf = sf::platform;
@@ -51,28 +52,9 @@ struct RecordingAdaptor : sf::Adaptor {
 };
 
 // An accepted loopback connection with a recording adaptor on top.
-struct Peer {
-  sf::Port port;
-  pf::sock_t client;
-  sf::Connection conn;
+struct Peer : sftest::AcceptedPair {
   Calls calls;
-
-  Peer() {
-    sftest::ensureInterp();
-    sf::PortAddr a("127.0.0.1", "0");
-    port = sf::bindPort(a);
-    char addr[pf::kIpv4AddrLen];
-    pf::make_ipv4_addr("127.0.0.1", pf::bound_port(port.socketNo()), addr);
-    client = pf::sock_stream(pf::family_ipv4());
-    EXPECT_EQ(pf::sock_connect(client, addr, pf::kIpv4AddrLen), 0);
-    conn = sf::tcp_accept(port);
-    conn.push(new RecordingAdaptor(&calls));
-  }
-  ~Peer() {
-    conn = sf::Connection();
-    pf::sock_close(client);
-    delete port.p;
-  }
+  Peer() { conn.push(new RecordingAdaptor(&calls)); }
   // A message on this connection, reserved as the reader leaves it.
   Counted* message(bool closeNotice = false) {
     Counted* m = new Counted;
