@@ -21,8 +21,8 @@ WEB = "Basic " + base64.b64encode(b"webuser:webpw").decode()
 
 
 class Backend(socketserver.ThreadingTCPServer):
-    """Answers 401 (realm "backend") to /secret until the request carries
-    WEB; records every request head it gets."""
+    """Answers 401 (realm "backend") until the request carries WEB; records
+    every request head it gets."""
     daemon_threads = True
     allow_reuse_address = True
 
@@ -48,7 +48,7 @@ class BackendHandler(socketserver.StreamRequestHandler):
             self.rfile.read(int(fields.get("content-length", "0")))
             self.server.heads.append(head.decode())
             path = lines[0].split(" ")[1]
-            if path.endswith("/secret") and fields.get("authorization") != WEB:
+            if fields.get("authorization") != WEB:
                 self.wfile.write(b"HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic "
                                  b"realm=\"backend\"\r\nContent-Length: 2\r\n\r\nno")
             else:
@@ -110,7 +110,8 @@ class BasicAuth(SiteTest):
         return "http://127.0.0.1:%d%s" % (self.ports[name], path)
 
     def test_basic_answers_and_failures(self):
-        # through squid (407, then Proxy-Authorization), again and again
+        # through squid (407, then 401 from the backend: both answers go), again
+        # and again
         for _ in range(3):
             self.assertEqual(curl("--data-binary", "x", self.url("viasquid", "/any")),
                              (200, b"you win\n"))
