@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "sf/http/httpadaptor.h"
+#include "sf/runtime.h"
 
 namespace sf {
 
@@ -164,6 +165,9 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
         break;
     }
     if (!isClient) {
+      // A stopping server closes every connection after the reply it is
+      // writing now, so the reply says so.
+      if (sfi_shuttingDown()) closeAfter = true;
       if (closeAfter || requestEndsConnection() || (header && getStatusClose(header->status)))
         writeLine(block, "Connection: Close");
       else if (lastRequest.version == HTTP_1_0)
