@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test three ways: a normal build, an ASan+UBSan build,
 # and a TSan build of the concurrency tests; then the fuzz targets for a
-# bounded time. Exits non-zero on the first failure.
+# bounded time, and the Windows cross-build's unit tests and echo site under
+# Wine. Exits non-zero on the first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh test
@@ -35,6 +36,10 @@ if [ -f tests/fuzz/CMakeLists.txt ]; then
     -DSF_SANITIZE=address,undefined
   ctest --test-dir build-fuzz --output-on-failure --timeout 900 -L fuzz
 fi
+
+stage "Windows build (mingw-w64) under Wine: unit tests and the echo site"
+scripts/build-windows.sh --test
+tests/windows/echo_site.sh build-win
 
 # Test code against library code, non-blank lines (kept at most 0.35).
 count() {

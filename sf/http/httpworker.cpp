@@ -35,10 +35,21 @@ const char* const kNotForwarded[] = {"connection",
                                      "x-forwarded-for",
                                      "user-agent"};
 
-bool forwarded(const std::string& name) {
+// The client's Connection header names further fields that are meant for
+// this hop only: its options, lower-cased, each between commas.
+std::string hopOptions(const std::string& connection) {
+  std::string options = ",";
+  for (char ch : connection) {
+    if (ch == ' ' || ch == '\t') continue;
+    options += ch >= 'A' && ch <= 'Z' ? char(ch - 'A' + 'a') : ch;
+  }
+  return options + ",";
+}
+
+bool forwarded(const std::string& name, const std::string& hopOptions) {
   for (const char* n : kNotForwarded)
     if (name == n) return false;
-  return true;
+  return hopOptions.find("," + name + ",") == std::string::npos;
 }
 
 // "x-forwarded-for" -> "X-Forwarded-For".
@@ -114,6 +125,7 @@ void HttpWorker::sendRequest(HttpAdaptor* http, Message* msg) {
   std::string forwardedFor;
   if (msg->env) {
     const std::string prefix = headerEntry("");
+    const std::string hop = hopOptions(msg->getenv(headerEntry("connection").c_str()));
     for (const auto& entry : *msg->env) {
       if (entry.first.compare(0, prefix.size(), prefix) != 0) continue;
       std::string name = entry.first.substr(prefix.size());
@@ -123,7 +135,7 @@ void HttpWorker::sendRequest(HttpAdaptor* http, Message* msg) {
       }
       if (name == "content-type") type = entry.second;
       if (name == "x-forwarded-for") forwardedFor = entry.second + ", ";
-      if (forwarded(name)) headers.push_back(displayName(name) + ": " + entry.second);
+      if (forwarded(name, hop)) headers.push_back(displayName(name) + ": " + entry.second);
     }
   }
   std::string peer = msg->conn.remoteinfo();

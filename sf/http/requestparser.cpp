@@ -90,12 +90,13 @@ RequestParser::Method methodOf(const std::string& word) {
 }  // namespace
 
 // The headers that decide framing or the connection. Everything else is an
-// application header, kept in arrival order.
+// application header, kept in arrival order; so is Connection, whose list
+// tells a forwarding proxy which other headers belong to this hop only.
 const RequestParser::FieldRule RequestParser::kFieldRules[] = {
     {"Host", &RequestParser::onHost, true},
     {"Content-Length", &RequestParser::onContentLength, false},
     {"Transfer-Encoding", &RequestParser::onTransferEncoding, false},
-    {"Connection", &RequestParser::onConnection, false},
+    {"Connection", &RequestParser::onConnection, true},
     {"Proxy-Connection", &RequestParser::onConnection, false},
     {"Keep-Alive", nullptr, false},
 };

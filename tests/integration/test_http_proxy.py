@@ -148,7 +148,7 @@ class HttpProxy(SiteTest):
 
     def test_forwarding_integrity(self):
         spoof = ("HttpRequestURL: /admin/secret", "HttpRequestMethod: POST", "Keep-Alive: 5",
-                 "X-Forwarded-For: 10.9.9.9", "X-Keep: yes")
+                 "X-Forwarded-For: 10.9.9.9", "X-Keep: yes", "Connection: x-HOP", "X-Hop: 1")
         get_len = len(raw(self.oddport, req("GET", "/len", *spoof))[2])
         odd, tunnel = self.oddport, self.tunnelport
         cases = [  # port, request, status, what the answer's body holds
@@ -173,7 +173,8 @@ class HttpProxy(SiteTest):
                 self.assertEqual(got, status, body)
                 for text in holds:
                     self.assertIn(text, body)
-                self.assertNotIn(b"Keep-Alive: 5", body)
+                for hop in (b"Keep-Alive: 5", b"X-Hop"):
+                    self.assertNotIn(hop, body)
                 # the next client on the same worker gets its own answer
                 after = raw(odd, req("GET", "/after-%d" % i))[2]
                 self.assertTrue(after.startswith(b"GET /after-%d " % i), after)

@@ -186,13 +186,13 @@ TEST_F(Http, ServerReadsRequestsAndPublishesThem) {
                  "\r\nhel",
                  "lo"});
   EXPECT_EQ(p.read(), "/a?b=1");  // a GET delivers its URL
-  // framing headers (Connection) are not published; headers live under
-  // their own entries, so none replaces an entry of the reader or the adaptor
+  // headers live under their own entries, so none replaces an entry of the
+  // reader or the adaptor
   EXPECT_EQ(cur.env("HttpRequestURL") + "|" + cur.env("HttpRequestMethod") + "|" +
                 cur.env("header:x-trace") + "|" + cur.env("header:host") + "|" +
                 cur.env("header:connection") + "|" + cur.env("Peer") + "|" +
                 cur.env("header:peer") + "|" + cur.env("header:httprequesturl"),
-            "/a?b=1|GET|t1|h:1||reader's own|forged|/forged");
+            "/a?b=1|GET|t1|h:1|keep-alive|reader's own|forged|/forged");
   EXPECT_TRUE(p.conn.hasBufferedData());  // the pipelined POST was pushed back
   EXPECT_EQ(p.read(), "hello");
   EXPECT_EQ(cur.env("HttpRequestMethod"), "POST");
