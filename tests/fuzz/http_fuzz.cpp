@@ -43,13 +43,14 @@ class Feed : public sf::Adaptor {
   void write(sf::Connection*, const sf::Buffer& b) override { written += b.size(); }
 };
 
-// A server-role adaptor over the whole stream, with the limits of byte 0.
-struct Server {
+// An adaptor in the role and with the limits of byte 0 over the whole stream.
+struct Peer {
   sf::Connection conn{new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4()))};
   Feed* feed = new Feed;
-  sf::HttpAdaptor* http = new sf::HttpAdaptor(false);
+  sf::HttpAdaptor* http;
 
-  Server(std::uint8_t control, const std::uint8_t* p, size_t n, size_t segment) {
+  Peer(std::uint8_t control, const std::uint8_t* p, size_t n, size_t segment)
+      : http(new sf::HttpAdaptor(control & 1)) {
     sf::getContext()->message = new sf::Message;
     feed->p = p;
     feed->left = n;
@@ -59,7 +60,7 @@ struct Server {
     http->setMaxBody((control & 4) ? 300 : 4096);
     conn.push(http);
   }
-  ~Server() { sf::setContext(nullptr); }
+  ~Peer() { sf::setContext(nullptr); }
   // One request read with readPdu: its body, or the refusal's status.
   bool read(std::string& outcome) {
     sf::Buffer body;
@@ -77,7 +78,7 @@ struct Server {
 
 // The outcomes of the blocking path: readPdu until the stream ends.
 std::string blocking(std::uint8_t control, const std::uint8_t* p, size_t n) {
-  Server s(control, p, n, 4096);
+  Peer s(control, p, n, 4096);
   std::string outcome;
   try {
     while (s.read(outcome)) {
@@ -90,7 +91,7 @@ std::string blocking(std::uint8_t control, const std::uint8_t* p, size_t n) {
 // The outcomes of the framed path: frame() on what has arrived, grown in
 // random splits, and readPdu once it answers Whole.
 std::string framed(std::uint8_t control, const std::uint8_t* p, size_t n, unsigned seed) {
-  Server s(control, p, n, 4096);
+  Peer s(control, p, n, 4096);
   auto* below = static_cast<sf::PushbackSandwich*>(s.http->next);
   std::mt19937 rng(seed);
   std::string outcome;
@@ -128,35 +129,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
     if (framed(data[0], data + 2, size - 2, data[1]) != want) __builtin_trap();
     return 0;
   }
-  sf::Connection conn(new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4())));
-  Feed* feed = new Feed;
-  feed->segment = 1 + data[1];
-  feed->p = data + 2;
-  feed->left = size - 2;
-  conn.push(feed);
-  sf::HttpAdaptor* http = new sf::HttpAdaptor(client);
-  http->setMaxHeader((data[0] & 2) ? 256 : 1024);
-  http->setMaxBody((data[0] & 4) ? 300 : 4096);
-  conn.push(http);
+  Peer s(data[0], data + 2, size - 2, 1 + data[1]);
+  sf::HttpAdaptor* http = s.http;
   if (client && (data[0] & 8)) http->requestHeader.method = sf::HttpAdaptor::METHOD_HEAD;
   bool fragments = data[0] & 16;
-
-  sf::getContext()->message = new sf::Message;
   for (int messages = 0; messages < 64; ++messages) {
     sf::Buffer body;
     try {
       if (fragments) {
-        http->readPduFirst(&conn, body);
-        while (http->readPduIsMore(&conn)) http->readPduNext(&conn, body);
+        http->readPduFirst(&s.conn, body);
+        while (http->readPduIsMore(&s.conn)) http->readPduNext(&s.conn, body);
       } else {
-        http->readPdu(&conn, body);
+        http->readPdu(&s.conn, body);
       }
       if (body.size() > static_cast<size_t>(http->maxBody) + 4096) __builtin_trap();
-      if (!client) conn.write(body);
+      if (!client) s.conn.write(body);
     } catch (sf::Xreject& x) {
       if (!client && x.reply) {
         try {
-          http->reject(&conn, *x.reply);
+          http->reject(&s.conn, *x.reply);
         } catch (sf::X&) {
         }
       }
@@ -165,8 +156,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
     } catch (sf::X&) {
       break;
     }
-    if (conn.socketNo() == sf::INVALID_SOCK) break;
+    if (s.conn.socketNo() == sf::INVALID_SOCK) break;
   }
-  sf::setContext(nullptr);
   return 0;
 }

@@ -6,8 +6,10 @@ import os
 import shutil
 import signal
 import socket
+import socketserver
 import subprocess
 import tempfile
+import threading
 import time
 import unittest
 
@@ -272,6 +274,43 @@ def http_client(*args, timeout=30):
         answers.append((status, raw[:n]))
         raw = raw[n + 1:]
     return out.returncode, answers, out.stdout + out.stderr
+
+
+class Backend(socketserver.ThreadingTCPServer):
+    """A scripted HTTP backend on a free port: answer(path, fields, request)
+    gives the bytes sent back for each request (fields: lower-case names to
+    values; request: head and body as received). An answer that is not an
+    HTTP response is sent and the connection closed. heads records every
+    request head."""
+    daemon_threads = True
+    allow_reuse_address = True
+
+    def __init__(self, answer):
+        super().__init__(("127.0.0.1", 0), _BackendHandler)
+        self.answer = answer
+        self.port = self.server_address[1]
+        self.heads = []
+        threading.Thread(target=self.serve_forever, daemon=True).start()
+
+
+class _BackendHandler(socketserver.StreamRequestHandler):
+    def handle(self):
+        while True:
+            head = b""
+            while not head.endswith(b"\r\n\r\n"):
+                line = self.rfile.readline()
+                if not line:
+                    return
+                head += line
+            lines = head.decode("latin-1").split("\r\n")
+            fields = dict((l.split(":")[0].lower(), l.split(":", 1)[1].strip())
+                          for l in lines[1:] if ":" in l)
+            body = self.rfile.read(int(fields.get("content-length", "0")))
+            self.server.heads.append(head.decode("latin-1"))
+            answer = self.server.answer(lines[0].split(" ")[1], fields, head + body)
+            self.wfile.write(answer)
+            if not answer.startswith(b"HTTP/"):
+                return
 
 
 NGINX_SITE = """

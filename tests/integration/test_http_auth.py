@@ -5,54 +5,25 @@ backend that answers 401 until it gets its own credentials."""
 import base64
 import os
 import shutil
-import socketserver
 import subprocess
 import sys
 import tempfile
-import threading
 import unittest
 
-from sfnet_support import (Nginx, Site, SiteTest, Squid, curl, free_port, http_client, read, stop,
-                           wait_port, write)
+from sfnet_support import (Backend, Nginx, Site, SiteTest, Squid, curl, free_port, http_client,
+                           read, stop, wait_port, write)
 
 HELPERS = "/usr/lib/squid"
 HERE = os.path.dirname(os.path.abspath(__file__))
 WEB = "Basic " + base64.b64encode(b"webuser:webpw").decode()
 
 
-class Backend(socketserver.ThreadingTCPServer):
-    """Answers 401 (realm "backend") to /secret until the request carries
-    WEB; records every request head it gets."""
-    daemon_threads = True
-    allow_reuse_address = True
-
-    def __init__(self):
-        super().__init__(("127.0.0.1", 0), BackendHandler)
-        self.port = self.server_address[1]
-        self.heads = []
-        threading.Thread(target=self.serve_forever, daemon=True).start()
-
-
-class BackendHandler(socketserver.StreamRequestHandler):
-    def handle(self):
-        while True:
-            head = b""
-            while not head.endswith(b"\r\n\r\n"):
-                line = self.rfile.readline()
-                if not line:
-                    return
-                head += line
-            lines = head.decode().split("\r\n")
-            fields = dict((l.split(":")[0].lower(), l.split(":", 1)[1].strip())
-                          for l in lines[1:] if ":" in l)
-            self.rfile.read(int(fields.get("content-length", "0")))
-            self.server.heads.append(head.decode())
-            path = lines[0].split(" ")[1]
-            if path.endswith("/secret") and fields.get("authorization") != WEB:
-                self.wfile.write(b"HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic "
-                                 b"realm=\"backend\"\r\nContent-Length: 2\r\n\r\nno")
-            else:
-                self.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\nyou win\n")
+def backend_answer(path, fields, request):
+    """401 (realm "backend") to /secret until the request carries WEB."""
+    if path.endswith("/secret") and fields.get("authorization") != WEB:
+        return (b"HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"backend\"\r\n"
+                b"Content-Length: 2\r\n\r\nno")
+    return b"HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\nyou win\n"
 
 
 CONFIG = """
@@ -62,8 +33,6 @@ set sf.http.authname(proxy.*) sfuser
 set sf.http.authpasswd(proxy.*) sfpass
 set sf.http.authname(webbackend) webuser
 set sf.http.authpasswd(webbackend) webpw
-set sf.http.authname(proxywrongrealm) sfuser
-set sf.http.authpasswd(proxywrongrealm) notthepassword
 mkQ viasquid
 mkQ direct
 mkQ wrong
@@ -77,32 +46,21 @@ spinThread httpReader 127.0.0.1 {viasquid} {{enQ viasquid}}
 spinThread httpWorker viasquid 127.0.0.1 {squid}
 spinThread httpReader 127.0.0.1 {direct} {{enQ direct}}
 spinThread httpWorker direct 127.0.0.1 {backend} -forward
-spinThread httpReader 127.0.0.1 {wrong} {{enQ wrong}}
-spinThread httpWorker wrong 127.0.0.1 {wrongsquid}
 """
-
-
-def basic_squid(realm):
-    """squid demanding Basic in realm for sfuser/sfpass."""
-    hashed = subprocess.run(["openssl", "passwd", "-apr1", "sfpass"], check=True,
-                                  capture_output=True, text=True).stdout.strip()
-    squid = Squid(auth="auth_param basic program %s/basic_ncsa_auth @PASSWD@\n"
-                       "auth_param basic realm %s" % (HELPERS, realm), passwd="sfuser:" + hashed)
-    return squid
 
 
 class BasicAuth(SiteTest):
     @classmethod
     def setUpClass(cls):
-        cls.backend = Backend()
+        cls.backend = Backend(backend_answer)
         cls.addClassCleanup(cls.backend.shutdown)
-        cls.squid = basic_squid("sfrealm")
+        hashed = subprocess.run(["openssl", "passwd", "-apr1", "sfpass"], check=True,
+                                capture_output=True, text=True).stdout.strip()
+        cls.squid = Squid(auth="auth_param basic program %s/basic_ncsa_auth @PASSWD@\n"
+                               "auth_param basic realm sfrealm" % HELPERS, passwd="sfuser:" + hashed)
         cls.addClassCleanup(cls.squid.close)
-        cls.wrongsquid = basic_squid("wrongrealm")
-        cls.addClassCleanup(cls.wrongsquid.close)
-        cls.ports = dict(viasquid=free_port(), direct=free_port(), wrong=free_port())
-        fmt = dict(cls.ports, backend=cls.backend.port, squid=cls.squid.port,
-                   wrongsquid=cls.wrongsquid.port)
+        cls.ports = dict(viasquid=free_port(), direct=free_port())
+        fmt = dict(cls.ports, backend=cls.backend.port, squid=cls.squid.port, wrong=free_port())
         cls.site = cls.class_site(CONFIG.format(**fmt), START.format(**fmt),
                                   level=9, ports=tuple(cls.ports.values()))
 
@@ -120,14 +78,8 @@ class BasicAuth(SiteTest):
         self.assertIn("POST /tunnelled HTTP/1.1\r\n", heads)
         self.assertIn("\r\nAuthorization: " + WEB + "\r\n", heads)
         self.assertNotIn("Proxy-Authorization", heads)
-        # a wrong password is tried once and ends in the rejection
-        self.assertEqual(curl("--data-binary", "x", self.url("wrong", "/any")), (500, b""))
-        self.assertEqual(curl("--data-binary", "x", self.url("viasquid", "/any")),
-                         (200, b"you win\n"))
         log = self.site.text()
-        self.assertIn("HTTP - sending with basic auth for sfuser:wrongrealm", log)
-        self.assertIn("HTTP - Server answered with status 407", log)
-        for secret in ("sfpass", "webpw", "notthepassword",
+        for secret in ("sfpass", "webpw",
                        base64.b64encode(b"sfuser:sfpass").decode()):
             self.assertNotIn(secret, log)
 

@@ -1,29 +1,10 @@
-"""HttpAdaptor's client role against nginx, squid (CONNECT), Python's
-http.server speaking HTTP/1.0 and a raw HTTP/0.9 answer."""
+"""HttpAdaptor's client role against nginx and squid (CONNECT)."""
 
-import http.server
 import os
-import socket
 import sys
-import threading
 import unittest
 
 from sfnet_support import ECHO_MODULE, Nginx, Squid, free_port, http_client as client
-
-OLD_BODY = b"".join(b"line %02d of a body without length\n" % i for i in range(50))
-
-
-class OldServer(http.server.BaseHTTPRequestHandler):
-    protocol_version = "HTTP/1.0"
-
-    def do_GET(self):
-        self.send_response(200)
-        self.send_header("Content-Type", "text/plain")
-        self.end_headers()  # no length: the body ends with the connection
-        self.wfile.write(OLD_BODY)
-
-    def log_message(self, *args):
-        pass
 
 
 class ClientAgainstNginx(unittest.TestCase):
@@ -73,39 +54,6 @@ class ClientAgainstNginx(unittest.TestCase):
             self.assertIn(b"error", raw)
         finally:
             squid.close()
-
-
-class ClientAgainstOtherServers(unittest.TestCase):
-    def test_http10_body_until_close(self):
-        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), OldServer)
-        t = threading.Thread(target=server.serve_forever, daemon=True)
-        t.start()
-        try:
-            rc, answers, raw = client("127.0.0.1", server.server_address[1], "/")
-            self.assertEqual((rc, answers), (0, [(200, OLD_BODY)]), raw)
-        finally:
-            server.shutdown()
-            server.server_close()
-
-    def test_http09_answer(self):
-        listener = socket.socket()
-        listener.bind(("127.0.0.1", 0))
-        listener.listen(1)
-
-        def serve():
-            conn, _ = listener.accept()
-            conn.recv(4096)
-            conn.sendall(b"<html>no status line at all</html>")
-            conn.close()
-
-        t = threading.Thread(target=serve, daemon=True)
-        t.start()
-        try:
-            rc, answers, raw = client("127.0.0.1", listener.getsockname()[1], "/")
-            self.assertEqual((rc, answers), (0, [(200, b"<html>no status line at all</html>")]), raw)
-        finally:
-            t.join(5)
-            listener.close()
 
 
 if __name__ == "__main__":

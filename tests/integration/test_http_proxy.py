@@ -4,15 +4,13 @@ site run as its README says."""
 
 import os
 import socket
-import socketserver
 import subprocess
 import sys
-import threading
 import time
 import unittest
 
-from sfnet_support import (ECHO_MODULE, SFHOST, SOURCE, Nginx, SiteTest, clean_env, curl, free_port,
-                          recv_all, remove_shm, stop, wait_port)
+from sfnet_support import (ECHO_MODULE, SFHOST, SOURCE, Backend, Nginx, SiteTest, clean_env, curl,
+                          free_port, recv_all, remove_shm, stop, wait_port)
 
 CONFIG = """
 set sf.log.level 3
@@ -56,43 +54,9 @@ ODD_ANSWERS = {
 }
 
 
-class OddBackend(socketserver.ThreadingTCPServer):
-    daemon_threads = True
-    allow_reuse_address = True
-
-    def __init__(self):
-        super().__init__(("127.0.0.1", 0), OddHandler)
-        self.port = self.server_address[1]
-        threading.Thread(target=self.serve_forever, daemon=True).start()
-
-
-class OddHandler(socketserver.StreamRequestHandler):
-    def handle(self):
-        while True:
-            head = b""
-            while not head.endswith(b"\r\n\r\n"):
-                line = self.rfile.readline()
-                if not line:
-                    return
-                head += line
-            length = [int(l.split(b":")[1]) for l in head.split(b"\r\n")
-                      if l.lower().startswith(b"content-length:")]
-            body = self.rfile.read(length[0]) if length else b""
-            path = head.split(b" ")[1].decode()
-            seen = head + body
-            answer = ODD_ANSWERS.get(path, b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%s"
-                                     % (len(seen), seen))
-            self.wfile.write(answer)
-            if path == "/nothttp":
-                return
-
-
-def curl(*args):
-    out = subprocess.run(["curl", "-s", "-S", "--max-time", "20",
-                          "-w", "\\n%{http_code}"] + list(args),
-                         capture_output=True, timeout=30)
-    body, _, code = out.stdout.rpartition(b"\n")
-    return int(code or 0), body
+def odd_answer(path, fields, request):
+    return ODD_ANSWERS.get(path, b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%s"
+                           % (len(request), request))
 
 
 def raw(port, request):
@@ -123,7 +87,7 @@ class HttpProxy(SiteTest):
         # a backend that drops kept connections soon, and after two requests
         cls.short = Nginx(extra="keepalive_timeout 1s; keepalive_requests 2;")
         cls.addClassCleanup(cls.short.close)
-        cls.odd = OddBackend()
+        cls.odd = Backend(odd_answer)
         cls.addClassCleanup(cls.odd.shutdown)
         cls.port, cls.deadport, cls.shortport = free_port(), free_port(), free_port()
         cls.oddport, cls.tunnelport = free_port(), free_port()

@@ -1,8 +1,7 @@
 """The HTTP server role end to end: httpReader queues every request for
-workers that echo its body (a GET's body is its URL); driven by curl,
-http.client and raw sockets."""
+workers that echo its body (a GET's body is its URL); driven by curl and
+raw sockets."""
 
-import http.client
 import socket
 import subprocess
 import sys
@@ -76,24 +75,6 @@ class HttpServer(SiteTest):
                              capture_output=True, timeout=30)
         self.assertEqual(out.stdout, b"/one/two")
         self.assertIn(b"Re-using existing connection", out.stderr)
-
-    def test_http_client_keepalive_and_close(self):
-        c = http.client.HTTPConnection("127.0.0.1", self.port, timeout=10)
-        c.request("GET", "/a")
-        self.assertEqual(c.getresponse().read(), b"/a")
-        sock = c.sock
-        c.request("POST", "/b", body=b"x" * 1000, headers={"Content-Type": "text/plain"})
-        self.assertEqual(c.getresponse().read(), b"x" * 1000)
-        c.request("POST", "/chunked", body=iter([b"abc", b"defg", b"h"]), encode_chunked=True)
-        self.assertEqual(c.getresponse().read(), b"abcdefgh")
-        self.assertIs(c.sock, sock)  # all on one connection
-        c.request("GET", "/last", headers={"Connection": "close"})
-        r = c.getresponse()
-        self.assertEqual((r.getheader("Connection"), r.read()), ("Close", b"/last"))
-        c.close()
-        # the server closes after a request that asked for it (raw() reads to the close)
-        data = self.raw(b"GET /bye HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
-        self.assertTrue(data.endswith(b"\r\n\r\n/bye"), data)
 
     def test_pipelined_requests(self):
         reqs = (b"GET /1 HTTP/1.1\r\nHost: x\r\n\r\n"

@@ -7,7 +7,7 @@ import resource
 import socket
 import unittest
 
-from sfnet_support import BUILD, Site, connect, echo_config, recv_exactly
+from sfnet_support import BUILD, SiteTest, connect, echo_config, recv_exactly
 
 HTTP_CONFIG = """
 set sf.log.level 1
@@ -55,16 +55,9 @@ def read_to_close(s):
         data += chunk
 
 
-class ReaderLimits(unittest.TestCase):
-    def site(self, config, start=None, level=1):
-        s = Site(config, start)
-        self.addCleanup(s.close)
-        s.start(level=level)
-        s.wait_listening()
-        return s
-
+class ReaderLimits(SiteTest):
     def test_unfinished_header_block_gets_408(self):
-        s = self.site(HTTP_CONFIG, HTTP_START)
+        s = self.site(HTTP_CONFIG, HTTP_START, level=1)
         with connect(s.port) as slow:
             slow.sendall(b"GET /never HTTP/1.1\r\nHost: x\r\n")
             data = read_to_close(slow)
@@ -72,7 +65,7 @@ class ReaderLimits(unittest.TestCase):
         self.assertIn(b"\r\nConnection: Close\r\n", data)
 
     def test_stop_answers_requests_in_flight(self):
-        s = self.site(HTTP_CONFIG, HTTP_START)
+        s = self.site(HTTP_CONFIG, HTTP_START, level=1)
         clients = [connect(s.port) for _ in range(21)]
         req = b"GET /%d HTTP/1.1\r\nHost: x\r\n\r\n"
         for i, c in enumerate(clients):  # accepted and served once
