@@ -50,6 +50,7 @@ class HttpWorker : public Worker {
   HttpAdaptor* connectBackend();
   HttpAdaptor* keptBackend();
   void sendRequest(HttpAdaptor* http, Message* msg);
+  void awaitAnswer(Connection& client);
   void readAnswer(Buffer& answer);
   void exchange(Message* msg, Buffer& answer);
 };

@@ -80,6 +80,12 @@ struct DetachMessage {
 // Thrown when the backend's answer may not be relayed: the client gets 502.
 struct BadGateway {};
 
+// Thrown when the client went away before the backend began to answer.
+struct ClientGone {};
+
+// How often a client is looked at while its backend is silent.
+const unsigned kClientCheck_ms = 500;
+
 }  // namespace
 
 HttpWorker::HttpWorker(const char* queueName, const char* nic, const char* port)
@@ -149,6 +155,22 @@ void HttpWorker::sendRequest(HttpAdaptor* http, Message* msg) {
     http->post(&backend, url.c_str(), type.empty() ? nullptr : type.c_str(), data, headers);
 }
 
+// Until the backend's first byte, the client is watched: one that closed
+// has nobody to relay the answer to, and waiting out the backend's read
+// time-out would hold this worker from every client behind it. Once the
+// answer has begun, it is read as usual. A client that only half-closes
+// after its request counts as gone.
+void HttpWorker::awaitAnswer(Connection& client) {
+  if (client.socketNo() == INVALID_SOCK) return;  // no client socket to watch
+  unsigned waited_ms = 0;
+  const unsigned limit_ms = backend.readTimeout_s() * 1000;
+  while (!backend.hasBufferedData() && !backend.isReadReady(kClientCheck_ms)) {
+    if (!client.check()) throw ClientGone();
+    waited_ms += kClientCheck_ms;
+    if (limit_ms != 0 && waited_ms >= limit_ms) return;  // the read times out as before
+  }
+}
+
 void HttpWorker::readAnswer(Buffer& answer) {
   try {
     backend.read(answer);
@@ -172,6 +194,7 @@ void HttpWorker::exchange(Message* msg, Buffer& answer) {
   if (!kept) http = connectBackend();
   try {
     sendRequest(http, msg);
+    awaitAnswer(msg->conn);
     readAnswer(answer);
   } catch (Xclosed&) {
     // A server may close an idle connection at any moment: a kept one
@@ -181,6 +204,7 @@ void HttpWorker::exchange(Message* msg, Buffer& answer) {
     answer.resize(0);
     http = connectBackend();
     sendRequest(http, msg);
+    awaitAnswer(msg->conn);
     try {
       readAnswer(answer);
     } catch (Xclosed&) {
@@ -198,6 +222,10 @@ void HttpWorker::processMessage(Message* msg) {
   } catch (BadGateway&) {
     SF_LOG(1, "HTTP - invalid answer from %s, replying 502", server.str().c_str());
     status = 502;
+  } catch (ClientGone&) {
+    SF_LOG(3, "HTTP - client went away before %s answered, dropping the request",
+           server.str().c_str());
+    status = -1;
   } catch (X& x) {
     SF_LOG(3, "HTTP - forwarding to %s failed - %s", server.str().c_str(), x.str().c_str());
     status = -1;

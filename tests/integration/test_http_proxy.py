@@ -55,6 +55,8 @@ ODD_ANSWERS = {
 
 
 def odd_answer(path, fields, request):
+    if path == "/silent":
+        time.sleep(60)  # then closes: the client has long gone
     return ODD_ANSWERS.get(path, b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%s"
                            % (len(request), request))
 
@@ -145,6 +147,11 @@ class HttpProxy(SiteTest):
         # HEAD: the headers a GET would get, and no body
         status, fields, body = raw(odd, req("HEAD", "/len", *spoof))
         self.assertEqual((status, fields[b"content-length"], body), (200, b"%d" % get_len, b""))
+        # a client that leaves while the backend is silent frees the worker
+        # long before the backend's read time-out (60 s)
+        with socket.create_connection(("127.0.0.1", odd)) as gone:
+            gone.sendall(req("GET", "/silent"))
+        self.assertTrue(raw(odd, req("GET", "/later"))[2].startswith(b"GET /later "))
 
     def test_backend_connection_is_kept_and_replaced(self):
         base = "http://127.0.0.1:%d" % self.shortport
