@@ -14,12 +14,13 @@ file=${1:?usage: plant-fault.sh FILE PERL-SUBSTITUTION [BUILD_DIR] [CTEST_ARGS..
 subst=${2:?usage: plant-fault.sh FILE PERL-SUBSTITUTION [BUILD_DIR] [CTEST_ARGS...]}
 build=${3:-build}
 shift $(($# < 3 ? $# : 3))
+[ $# -gt 0 ] || set -- -LE integration
 saved=$(mktemp)
 cp "$file" "$saved"
 trap 'cp "$saved" "$file"; rm -f "$saved"; cmake --build "$build" -j2 >/dev/null' EXIT
 perl -0pi -e "$subst" "$file"
 cmp -s "$file" "$saved" && { echo "plant-fault: the substitution changed nothing" >&2; exit 2; }
 cmake --build "$build" -j2 >/dev/null || { echo "plant-fault: the fault does not build" >&2; exit 2; }
-caught=$(ctest --test-dir "$build" -j2 --timeout 300 "${@:--LE integration}" 2>&1 |
+caught=$(ctest --test-dir "$build" -j2 --timeout 300 "$@" 2>&1 |
   sed -n 's/^[[:space:]]*[0-9]* - \(.*\) (\(Failed\|Timeout\|Subprocess aborted\|Exception\))$/\1/p')
 if [ -n "$caught" ]; then printf 'caught by:\n%s\n' "$caught"; else echo "SURVIVED"; exit 1; fi

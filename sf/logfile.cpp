@@ -9,7 +9,9 @@ namespace sf {
 namespace {
 const size_t kPathArea = 4096;
 
-std::string braced(const std::string& s) { return "{" + s + "}"; }
+std::string braced(const std::string& s) {
+  return "{" + s + "}";
+}
 }  // namespace
 
 void LogFile::configure(const std::string& dir, const std::string& stem, int limitKiB, int count) {
@@ -44,24 +46,28 @@ std::string LogFile::numberedPath(int n) const {
 LogFile::Failure LogFile::write(const std::string& line) {
   const LogFileLockHooks hooks = hooks_;  // the same pair around the whole write
   if (hooks.lock) hooks.lock();
-  Failure failure = writeUnderHooks(line);
+  Failure failure;
+  if (append(line, failure)) failure = rotate();
   if (hooks.unlock) hooks.unlock();
   return failure;
 }
 
-LogFile::Failure LogFile::writeUnderHooks(const std::string& line) {
+bool LogFile::append(const std::string& line, Failure& failure) {
   if (!stream_) {
     // Binary: a line ends in '\n' on every system and ftell counts bytes.
     stream_ = fopen(path().c_str(), "ab");
-    if (!stream_) return {"08_sf_openlog_s", braced(path())};
+    if (!stream_) {
+      failure = {"08_sf_openlog_s", braced(path())};
+      return false;
+    }
   }
   fputs(line.c_str(), stream_);
   fflush(stream_);
   long size = ftell(stream_);
-  if (size / 1024 >= limitKiB_) return rotate();
+  if (size / 1024 >= limitKiB_) return true;
   fclose(stream_);
   stream_ = nullptr;
-  return {};
+  return false;
 }
 
 LogFile::Failure LogFile::rotate() {
@@ -81,13 +87,15 @@ LogFile::Failure LogFile::rotate() {
   for (int i = count_ - 2; i >= 0; --i) {
     std::string from = numberedPath(i);
     std::string to = numberedPath(i + 1);
-    if (::rename(from.c_str(), to.c_str()) != 0 && !platform::is_missing_file(platform::last_error())) {
+    if (::rename(from.c_str(), to.c_str()) != 0 &&
+        !platform::is_missing_file(platform::last_error())) {
       return {"14_sf_renamelog_s_s", braced(from) + " " + braced(to)};
     }
   }
   std::string current = path();
   std::string first = numberedPath(0);
-  if (::rename(current.c_str(), first.c_str()) != 0 && !platform::is_missing_file(platform::last_error())) {
+  if (::rename(current.c_str(), first.c_str()) != 0 &&
+      !platform::is_missing_file(platform::last_error())) {
     return {"14_sf_renamelog_s_s", braced(current) + " " + braced(first)};
   }
   return {};

@@ -27,9 +27,15 @@ class LogFile {
   void setLockHooks(const LogFileLockHooks* hooks);
   Failure write(const std::string& line);
 
- private:
-  Failure writeUnderHooks(const std::string& line);
+  // The two steps of a write without the lock hooks. append() adds the line
+  // and tells whether the file has reached the size limit, its stream then
+  // left open; rotate() rotates it unless another writer has done so since.
+  // Public so that a test can let a second writer rotate in between, as a
+  // process that shares the directory without the shared lock may.
+  bool append(const std::string& line, Failure& failure);
   Failure rotate();
+
+ private:
   std::string path() const;
   std::string numberedPath(int n) const;
 

@@ -5,13 +5,15 @@
 #include <cstring>
 
 #include "sf/http/httpadaptor.h"
+#include "sf/runtime.h"
 
 namespace sf {
 
 namespace {
 
-const size_t kLineMax = 1024;    // formatted header lines are cut to this
-const size_t kCoalesce = 16384;  // bodies up to this size go out with the headers
+const size_t kLineMax = 1024;      // formatted header lines are cut to this
+const size_t kCoalesce = 16384;    // bodies up to this size go out with the headers
+const size_t kHeaderBlock = 1024;  // room for a usual header block, grown line by line
 
 const char* methodWord(HttpAdaptor::HttpDataType type) {
   switch (type) {
@@ -127,13 +129,14 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
              ver.c_str());
     writeLine(block, lb);
     if (version == HTTP_0_9) return true;  // the request line is all there is
-    if (!extraHeaderLine.empty()) {
+    for (const std::string* credentials : {&proxyHeaderLine, &extraHeaderLine}) {
       // Credentials: written, never logged.
-      if (extraHeaderLine.find_first_of(std::string("\r\n\0", 3)) != std::string::npos)
+      if (credentials->empty()) continue;
+      if (credentials->find_first_of(std::string("\r\n\0", 3)) != std::string::npos)
         SF_THROW("crlf", Xinvalid());
       SF_LOG(7, "HTTP - Writing header line: \"%s: ...\"",
-             extraHeaderLine.substr(0, extraHeaderLine.find(':')).c_str());
-      block.append(extraHeaderLine.data(), extraHeaderLine.size());
+             credentials->substr(0, credentials->find(':')).c_str());
+      block.append(credentials->data(), credentials->size());
       block.append("\r\n", 2);
     }
   } else {
@@ -164,6 +167,9 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
         break;
     }
     if (!isClient) {
+      // A stopping server closes every connection after the reply it is
+      // writing now, so the reply says so.
+      if (sfi_shuttingDown()) closeAfter = true;
       if (closeAfter || requestEndsConnection() || (header && getStatusClose(header->status)))
         writeLine(block, "Connection: Close");
       else if (lastRequest.version == HTTP_1_0)
@@ -209,7 +215,7 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
 
 bool HttpAdaptor::writeHeaders(Connection* c, const Buffer* body, HttpDataType type,
                                HttpHeader* header) {
-  Buffer block;
+  Buffer block(kHeaderBlock);
   bodyAllowed = buildHeaders(c, body, type, header, block);
   if (block.size() > 0) next->write(c, block);
   return bodyAllowed;
@@ -218,7 +224,7 @@ bool HttpAdaptor::writeHeaders(Connection* c, const Buffer* body, HttpDataType t
 // Headers and a small body leave in one write.
 void HttpAdaptor::sendMessage(Connection* c, const Buffer& body, HttpDataType type,
                               HttpHeader* header) {
-  Buffer block;
+  Buffer block(kHeaderBlock);
   bodyAllowed = buildHeaders(c, &body, type, header, block);
   // A reply to HEAD announces its body but does not send it.
   bool sendBody = bodyAllowed && !(type == REPLY && lastMethod == METHOD_HEAD && !isClient);
@@ -416,6 +422,7 @@ void HttpAdaptor::httpConnect(Connection& c, const char* target) {
   if (lastStatus >= 200 && lastStatus <= 299) {
     // The proxy's credentials are for the proxy: nothing sent through the
     // tunnel carries them.
+    proxyHeaderLine.clear();
     extraHeaderLine.clear();
     SF_LOG(4, "http connect successful");
   } else {

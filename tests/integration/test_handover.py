@@ -4,6 +4,7 @@ child takes the port with `bind`, serves and reports start-up OK; the parent
 closes its copy. Clients keep connecting throughout; none is refused."""
 
 import os
+import signal
 import threading
 import time
 import unittest
@@ -81,19 +82,12 @@ class HandoverTest(SiteTest):
             c.sendall(b"after the parent left")
             self.assertEqual(recv_exactly(c, 21), b"after the parent left")
         self.assertIn("child got greeting hello-child", parent.text())
-        os.kill(child_pid, 15)
-
-        def gone():  # the child now belongs to init, which reaps it
-            try:
-                os.kill(child_pid, 0)
-                return False
-            except ProcessLookupError:
-                return True
-        try:
-            poll(gone, 30, lambda: "child did not stop on SIGTERM")
-        except AssertionError:
-            os.kill(child_pid, 9)
-            raise
+        # The child now belongs to init, which reaps it once SIGTERM stops it.
+        os.kill(child_pid, signal.SIGTERM)
+        self.addCleanup(lambda: os.path.exists("/proc/%d" % child_pid) and
+                        os.kill(child_pid, signal.SIGKILL))
+        poll(lambda: not os.path.exists("/proc/%d" % child_pid), 30,
+             lambda: "child did not stop on SIGTERM")
 
 
 if __name__ == "__main__":

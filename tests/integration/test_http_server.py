@@ -25,9 +25,9 @@ START = """
 spinThread httpReader 127.0.0.1 {port} {{enQ http}}
 spinThread dummyWorker http sf_echo
 spinThread dummyWorker http sf_echo
-spinThread httpReader 127.0.0.1 {filterport} {{
-  if {{[httpHeader HttpRequestURL] ne "/drop"}} {{ enQ http }}
-}}
+rename enQ sf_enQ
+proc enQ {{q}} {{ if {{[httpHeader HttpRequestURL] ne "/drop"}} {{ sf_enQ $q }} }}
+spinThread httpReader 127.0.0.1 {filterport} {{enQ http}}
 spinThread httpReader 127.0.0.1 {fullport} {{enQ stuck}}
 """
 
@@ -79,7 +79,8 @@ class HttpServer(SiteTest):
             # pipelined requests are answered in order
             (self.port, get % b"/1" + b"POST /2 HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\ntwo"
              + last % b"/3", [(ok, b"/1"), (ok, b"two"), (ok, b"/3")]),
-            # a request the script does not queue gets no answer; the next does
+            # enQ redefined by the script drops /drop: the reader evaluates it
+            # (every port here), so the request gets no answer; the next does
             (self.filterport, get % b"/drop" + last % b"/kept", [(ok, b"/kept")]),
             # a queue of capacity 1 holds nothing: it is always full, which is overload
             (self.fullport, get % b"/q", [(b"HTTP/1.1 503 Service Unavailable", b"")]),

@@ -13,17 +13,6 @@ std::string contents(const sf::Buffer& b) {
   return std::string(b.data, b.size());
 }
 
-// The str() of the X that fn throws, or "".
-template <typename Fn>
-std::string thrown(Fn fn) {
-  try {
-    fn();
-  } catch (const sf::X& x) {
-    return x.str();
-  }
-  return "";
-}
-
 // What fn writes to a stream.
 template <typename Fn>
 std::string written(Fn fn) {
@@ -57,11 +46,11 @@ TEST(Buffer, GrowthAndTheCeiling) {
   big.extend(8388608);
   EXPECT_GE(big.capacity, 8388608u);
   sftest::LogCapture log(3);
-  EXPECT_EQ(thrown([] { sf::Buffer tooBig(8388609); }), "2-2 range=8388608; index=8388609");
+  EXPECT_THROW(sf::Buffer(8388609), sf::Xbounds);
   b.resize(0);
   b.append("keep");
   capacity = b.capacity;
-  EXPECT_EQ(thrown([&] { b.extend(8388609); }), "2-2 range=8388608; index=8388609");
+  EXPECT_THROW(b.extend(8388609), sf::Xbounds);
   EXPECT_THROW(b.resize(9000000), sf::Xbounds);
   EXPECT_EQ(contents(b), "keep");
   EXPECT_EQ(b.capacity, capacity);
@@ -75,7 +64,7 @@ TEST(Buffer, InsertRemoveAndPointers) {
   b.insert(b.size(), "]");  // at the end it appends
   b.insert(3, "--", 2);
   EXPECT_EQ(contents(b), "[he--ld]");
-  EXPECT_EQ(thrown([&] { b.insert(9, "x"); }), "2-2 range=8; index=9");
+  EXPECT_THROW(b.insert(9, "x"), sf::Xbounds);
 
   std::uint64_t capacity = b.capacity;
   b.remove(3, 2);
@@ -85,7 +74,7 @@ TEST(Buffer, InsertRemoveAndPointers) {
   EXPECT_EQ(contents(b), "he");
   EXPECT_EQ(b.capacity, capacity);
   // Unlike insert, the end itself is out of range, even for nothing.
-  EXPECT_EQ(thrown([&] { b.remove(b.size(), 0); }), "2-2 range=2; index=2");
+  EXPECT_THROW(b.remove(b.size(), 0), sf::Xbounds);
 
   // A long insert in the middle keeps both sides intact.
   std::string left(3000, 'L'), middle(7000, 'M'), right(5000, 'R');
@@ -99,7 +88,7 @@ TEST(Buffer, InsertRemoveAndPointers) {
   EXPECT_EQ(contents(b), "Hey");
   b.getPtr(9);
   EXPECT_EQ(b.size(), 10u);
-  EXPECT_EQ(thrown([&] { b.getROPtr(10); }), "2-2 range=10; index=10");
+  EXPECT_THROW(b.getROPtr(10), sf::Xbounds);
 }
 
 TEST(ExtBuffer, StaysWithinCallerMemory) {
@@ -108,7 +97,7 @@ TEST(ExtBuffer, StaysWithinCallerMemory) {
   sf::ExtBuffer fixed(mem, 16, 0);
   fixed.append("0123456789abcdef");
   EXPECT_EQ(std::string(mem, 16), "0123456789abcdef");
-  EXPECT_EQ(thrown([&] { fixed.append("g"); }), "2-0 mem requested=17");
+  EXPECT_THROW(fixed.append("g"), sf::Xmem);
   EXPECT_EQ(log.messages(1),
             std::vector<std::string>{"External buffer requested 17, have 16 bytes"});
   EXPECT_THROW(fixed.getPtr(16), sf::Xmem);

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <type_traits>
 
 #include "sf/platform/syserr.h"
 #include "sf/sflib.h"
@@ -19,7 +20,6 @@ TEST(Exceptions, TextsCategoriesAndCodes) {
   sf::Xber ber(sf::Ber::TOO_DEEP);
   EXPECT_EQ(ber.str(), "BER - an error occured processing ber data.");
   EXPECT_EQ(ber.category, 4);
-  EXPECT_EQ(ber.GetError(), 11);
   EXPECT_EQ(sf::Xldap(sf::ldap::LDAP_PROTOCOL_ERROR).category, 5);
   // Xsys: the system error and its text; reading the text keeps the error.
   const std::string text5 = sf::platform::error_text(5);
@@ -27,25 +27,13 @@ TEST(Exceptions, TextsCategoriesAndCodes) {
   EXPECT_EQ(sf::Xsys("CreateMutex").str(), "1-5 CreateMutex - " + text5);
   EXPECT_EQ(sf::platform::last_error(), 5);
 
-  // Xclosed and Xiotimeout share Xio's category and code: only the type
-  // tells them apart, and a handler for X still gets the derived text.
+  // Xclosed and Xiotimeout are Xio's, with its category and code: only the
+  // type tells them apart. A handler for X still gets the derived text.
+  static_assert(std::is_base_of_v<sf::Xio, sf::Xclosed> &&
+                std::is_base_of_v<sf::Xio, sf::Xiotimeout>);
   sf::Xclosed closed;
   EXPECT_EQ(closed.category * 10 + closed.code, 25);
-  auto kind = [](auto thrower) -> std::string {
-    try {
-      thrower();
-    } catch (const sf::Xclosed& x) {
-      return "closed:" + static_cast<const sf::X&>(x).str();
-    } catch (const sf::Xiotimeout&) {
-      return "timeout";
-    } catch (const sf::Xio&) {
-      return "io";
-    }
-    return "none";
-  };
-  EXPECT_EQ(kind([] { throw sf::Xclosed(); }), "closed:the connection is closed.");
-  EXPECT_EQ(kind([] { throw sf::Xiotimeout(); }), "timeout");
-  EXPECT_EQ(kind([] { throw sf::Xio(); }), "io");
+  EXPECT_EQ(static_cast<const sf::X&>(closed).str(), "the connection is closed.");
 }
 
 TEST(Exceptions, ThrowSiteRecordPrecedesEveryThrow) {

@@ -1,12 +1,9 @@
-// Script commands for queues, messages and script threads, driven through the
-// interpreter. Dummy workers run in sfhost, in test_sfhost_queues.py.
+// Script commands for queues and messages, driven through the interpreter.
+// Script threads and their listing by status run in sfhost (test_sfhost.py).
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 #include "sf/sflib.h"
 #include "support/testsupport.h"
@@ -67,32 +64,7 @@ TEST(QueueCommands, EnvironmentDumpAndThreadId) {
   std::string dumped = testing::internal::GetCapturedStderr();
   EXPECT_NE(dumped.find("41 42"), std::string::npos) << dumped;
   sf::setContext(nullptr);
-
   EXPECT_EQ(sf::eval("sfThreadId"), std::to_string(sf::getThreadId()));
-  EXPECT_EQ(sf::eval("status"), "");
-}
-
-std::atomic<int> g_calls{0};
-std::string g_args;
-
-// A thread procedure: records its arguments and serves for ever.
-int parkedProc(int argc, const char** argv) {
-  for (int i = 0; i < argc; ++i) g_args += std::string(argv[i]) + "|";
-  ++g_calls;
-  for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
-}
-
-TEST(ScriptThreads, SpinThreadCallsTheProcedureAndStatusListsIt) {
-  setUp();
-  sf::exportProc("parkedProc", parkedProc);
-  sf::eval("spinThread parkedProc alpha {two words}");
-  for (int i = 0; i < 1000 && g_calls.load() == 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  ASSERT_EQ(g_calls.load(), 1);
-  EXPECT_EQ(g_args, "parkedProc|alpha|two words|");
-  std::string status = sf::eval("status");
-  EXPECT_NE(status.find("{parkedProc} {alpha} {two words}"), std::string::npos) << status;
-  EXPECT_EQ(status.front(), '{');
 }
 
 }  // namespace

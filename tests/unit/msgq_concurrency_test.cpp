@@ -107,7 +107,6 @@ void runProducersConsumers(int producers, int consumers, int perProducer, int ca
 }
 
 TEST(MessageQ, FifoUnderManyProducersAndConsumers) {
-  runProducersConsumers(1, 1, 20000, 4);
   runProducersConsumers(4, 1, 5000, 8);
   runProducersConsumers(4, 4, 5000, 3);
   runProducersConsumers(3, 5, 3000, 100);

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <functional>
-#include <list>
 #include <map>
 #include <sstream>
 #include <string>
@@ -51,16 +50,14 @@ void runTogether(std::vector<std::function<void()>> bodies) {
 
 }  // namespace
 
+// Debug builds check the lock at every entry into the interpreter, so a
+// single-threaded call finds a missing lock; what takes threads is a lock
+// released too early, seen here as a lost increment.
 TEST(TclBridgeConcurrency, OneLockSerialisesEveryUse) {
   registerOnce();
   const int rounds = 1000;
   sf::setVarInt("unit.counter", 0);
   sf::setVarInt("unit.cmdcount", 0);
-  std::atomic<int> failures{0};
-  auto check = [&failures](bool ok) {
-    if (!ok) ++failures;
-  };
-
   std::vector<std::function<void()>> bodies;
   for (int t = 0; t < 2; ++t) {
     bodies.push_back([&] {
@@ -70,41 +67,7 @@ TEST(TclBridgeConcurrency, OneLockSerialisesEveryUse) {
       for (int i = 0; i < rounds; ++i) sf::eval("t_addone");
     });
   }
-  for (int t = 0; t < 2; ++t) {
-    bodies.push_back([&, t] {
-      std::string name = "unit.own" + std::to_string(t);
-      for (int i = 0; i < rounds; ++i) {
-        sf::setVarInt(name.c_str(), i);
-        check(sf::getVarInt(name.c_str(), -1) == i);
-        sf::setVarStr(name.c_str(), ("v" + std::to_string(i)).c_str());
-        check(sf::getVarStr(name.c_str(), "") == "v" + std::to_string(i));
-      }
-    });
-  }
-  bodies.push_back([&] {
-    for (int i = 0; i < rounds; ++i) {
-      std::list<std::string> out;
-      sf::tclsplit("a {b c} d", out);
-      check(out == std::list<std::string>{"a", "b c", "d"});
-      sf::Buffer b;
-      b.append("direct allocation beside the interpreter");
-    }
-  });
-  bodies.push_back([&] {
-    // Each failure's errorInfo is this thread's own, captured under the lock.
-    for (int i = 0; i < rounds; ++i) {
-      std::string tag = "failure-" + std::to_string(i);
-      try {
-        sf::eval(("error " + tag).c_str());
-        check(false);
-      } catch (const sf::Xtcl& x) {
-        check(x.errorInfo.rfind(tag + "\n", 0) == 0);
-      }
-    }
-  });
   runTogether(bodies);
-
-  EXPECT_EQ(failures.load(), 0);
   EXPECT_EQ(sf::getVarInt("unit.counter", -1), 2 * rounds);
   EXPECT_EQ(sf::getVarInt("unit.cmdcount", -1), 2 * rounds);
 }
