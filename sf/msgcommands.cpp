@@ -1,6 +1,7 @@
 // Script commands for queues, messages and script threads, and the
 // DummyWorker.
 #include <cstdio>
+#include <cstring>
 #include <list>
 #include <string>
 #include <vector>
@@ -18,15 +19,39 @@
 
 namespace sf {
 
+namespace {
+bool isJustEcho(const char* script) {
+  if (!script) return false;
+  size_t start = strspn(script, " \t\r\n");
+  if (strncmp(script + start, "sf_echo", 7) != 0) return false;
+  return script[start + 7 + strspn(script + start + 7, " \t\r\n")] == '\0';
+}
+}  // namespace
+
 DummyWorker::DummyWorker(const char* queueName, const char* script_)
-    : Worker(queueName), script(script_) {}
+    : Worker(queueName),
+      script(script_),
+      echoBuiltIn(isJustEcho(script_) ? &sfi_builtInFlag("sf_echo", sfi_cmd_sf_echo) : nullptr) {}
 
 void DummyWorker::processMessage(Message* msg) {
   SF_LOG(1, "dummy worker dequeued msg");
-  if (script)
+  if (!script) {
+    if (msg->data) msg->data->dump(stderr, 0);
+    return;
+  }
+  // The echo site's script, while sf_echo is the library's: no interpreter.
+  if (echoBuiltIn && echoBuiltIn->load(std::memory_order_relaxed)) {
+    sfi_echo(msg);
+    return;
+  }
+  EchoesAfterEvaluation echoes(msg);
+  try {
     eval(script);
-  else if (msg->data)
-    msg->data->dump(stderr, 0);
+  } catch (...) {
+    echoes.write();
+    throw;
+  }
+  echoes.write();
 }
 
 namespace {
@@ -109,6 +134,8 @@ int sfi_enQCurrent(MessageQ* q, const char* name) {
     SF_LOG(3, "enQ: no current message to put on queue %s", name);
     return -1;
   }
+  // Once queued the message belongs to another thread.
+  sfi_writeOwedEchoes();
   try {
     q->enQ(ctx->message);
   } catch (const Xstate&) {

@@ -58,11 +58,42 @@ int sfi_cmd_bind(int argc, const char** argv) {
   return 0;
 }
 
-// sf_echo: writes the current message's data back on its own connection.
+namespace {
+thread_local EchoesAfterEvaluation* t_echoes = nullptr;
+}  // namespace
+
+EchoesAfterEvaluation::EchoesAfterEvaluation(Message* msg) : msg_(msg), outer_(t_echoes) {
+  t_echoes = this;
+}
+
+EchoesAfterEvaluation::~EchoesAfterEvaluation() {
+  t_echoes = outer_;
+}
+
+bool EchoesAfterEvaluation::defer(const Message* msg) {
+  if (msg != msg_) return false;
+  ++owed_;
+  return true;
+}
+
+void EchoesAfterEvaluation::write() {
+  for (; owed_ > 0; --owed_) sfi_echo(msg_);
+}
+
+void sfi_writeOwedEchoes() {
+  if (t_echoes) t_echoes->write();
+}
+
+void sfi_echo(Message* msg) {
+  if (msg->data) msg->conn.write(*msg->data);
+}
+
+// sf_echo: writes the current message's data back on its own connection,
+// at once or, inside a worker's evaluation, when the evaluation is over.
 int sfi_cmd_sf_echo(int, const char**) {
   Message* msg = getContext()->message;
   if (!msg || !msg->data) return -1;
-  msg->conn.write(*msg->data);
+  if (!t_echoes || !t_echoes->defer(msg)) sfi_echo(msg);
   return 0;
 }
 

@@ -229,11 +229,72 @@ std::string sfi_quietEval(const char* script) {
   return Tcl_GetStringResult(g_interp);
 }
 
-bool sfi_commandIsBuiltIn(const char* name, TclProc proc) {
-  MxLock guard(*g_tclLock);
+namespace {
+
+bool isBuiltIn(const char* name, TclProc proc) {
   Tcl_CmdInfo info;
   return Tcl_GetCommandInfo(g_interp, name, &info) && info.proc == dispatch &&
          info.clientData == reinterpret_cast<ClientData>(proc);
+}
+
+// Renaming, deleting or redefining (which deletes first) the command.
+void commandReplaced(ClientData flag, Tcl_Interp*, const char*, const char*, int) {
+  static_cast<std::atomic<bool>*>(flag)->store(false);
+}
+
+}  // namespace
+
+const std::atomic<bool>& sfi_builtInFlag(const char* name, TclProc proc) {
+  MxLock guard(*g_tclLock);
+  checkEntry("sfi_builtInFlag");
+  // One flag per command for the life of the process, so callers may keep it.
+  static std::map<std::string, std::atomic<bool>*> flags;
+  std::atomic<bool>*& flag = flags[name];
+  if (flag) return *flag;
+  flag = new std::atomic<bool>(isBuiltIn(name, proc));
+  if (flag->load())
+    Tcl_TraceCommand(g_interp, name, TCL_TRACE_RENAME | TCL_TRACE_DELETE, commandReplaced, flag);
+  return *flag;
+}
+
+namespace {
+
+// What a traced integer variable keeps up to date.
+struct TracedInt {
+  std::string name;
+  int dflt;
+  std::atomic<int>* cell;
+};
+
+const int kTraceFlags = TCL_GLOBAL_ONLY | TCL_TRACE_WRITES | TCL_TRACE_UNSETS;
+
+char* tracedIntChanged(ClientData data, Tcl_Interp* interp, const char*, const char*, int flags) {
+  TracedInt* t = static_cast<TracedInt*>(data);
+  if (flags & TCL_TRACE_UNSETS) {
+    t->cell->store(t->dflt);
+    // Unsetting removes the variable's traces: watch the name again so a
+    // later set is seen too.
+    if ((flags & TCL_TRACE_DESTROYED) && !(flags & TCL_INTERP_DESTROYED))
+      Tcl_TraceVar(interp, t->name.c_str(), kTraceFlags, tracedIntChanged, t);
+    return nullptr;
+  }
+  Tcl_Obj* value = Tcl_GetVar2Ex(interp, t->name.c_str(), nullptr, TCL_GLOBAL_ONLY);
+  int v;
+  if (!value || Tcl_GetIntFromObj(nullptr, value, &v) != TCL_OK)
+    return const_cast<char*>("not an integer: the previous value stays in force");
+  t->cell->store(v);
+  return nullptr;
+}
+
+}  // namespace
+
+void sfi_traceVarInt(const char* name, int dflt, std::atomic<int>& cell) {
+  cell.store(getVarInt(name, dflt));
+  if (!g_interp) return;
+  MxLock guard(*g_tclLock);
+  checkEntry("sfi_traceVarInt");
+  TracedInt* traced = new TracedInt{name, dflt, &cell};  // lives as long as the trace
+  Tcl_TraceVar(g_interp, name, kTraceFlags, tracedIntChanged, traced);
 }
 
 void evalFile(const char* name) {

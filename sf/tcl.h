@@ -10,6 +10,7 @@
 // interpreter's evaluation stack would be shared by two threads.
 #pragma once
 
+#include <atomic>
 #include <list>
 #include <string>
 
@@ -75,9 +76,16 @@ bool sfi_tclHeldByCaller();
 void sfi_tclThreadDone();
 // Evaluates without logging anything; throws the C string "tcl" on error.
 std::string sfi_quietEval(const char* script);
-// Whether the interpreter's command name is still the library command proc
-// (a script may have replaced it with a procedure of its own).
-bool sfi_commandIsBuiltIn(const char* name, TclProc proc);
+// A flag that is true while the interpreter's command name is still the
+// library command proc: a script that renames, deletes or redefines the
+// command turns it false for good. Read without any lock; the flag lives for
+// the process, one per name.
+const std::atomic<bool>& sfi_builtInFlag(const char* name, TclProc proc);
+// Keeps cell equal to the integer global variable name (dflt while unset)
+// from now on, so hot paths read it without the Tcl lock. Throws Xtcl when
+// the current value is not an integer; a later non-integer value fails the
+// script that sets it and leaves cell as it was. Once per name and cell.
+void sfi_traceVarInt(const char* name, int dflt, std::atomic<int>& cell);
 // Directories searched by evalFile.
 void sfi_setDirectories(const std::string& datadir, const std::string& rootdir);
 const std::string& sfi_dataDir();

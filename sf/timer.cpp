@@ -158,9 +158,10 @@ void timerThread(void*) {
       next = TimeVal{n.sec + 10, n.usec};
     }
     if (earlier(n, next)) {
-      note(sfi_fmtlog("now %d.%d < next %d.%d, waiting for event/sleeping", static_cast<int>(n.sec),
-                      static_cast<int>(n.usec), static_cast<int>(next.sec),
-                      static_cast<int>(next.usec)));
+      if (sfi_on(8))  // formatting costs more than the rest of a wake-up
+        note(sfi_fmtlog("now %d.%d < next %d.%d, waiting for event/sleeping",
+                        static_cast<int>(n.sec), static_cast<int>(n.usec),
+                        static_cast<int>(next.sec), static_cast<int>(next.usec)));
       unlock();
       // Whole seconds in milliseconds plus the microsecond difference,
       // borrowing a second when next's microseconds are below now's. Worked

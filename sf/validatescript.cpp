@@ -2,6 +2,7 @@
 // "enQ NAME".
 #include "sf/detail/validatescript.h"
 
+#include <atomic>
 #include <cstring>
 #include <string>
 
@@ -51,12 +52,15 @@ thread_local Resolved t_resolved;
 
 // Queues live for the life of the process, so a queue found once stays
 // valid. An unknown queue is not remembered: the script's own error path
-// reports it, and a queue made later is found then.
+// reports it, and a queue made later is found then. Once a script replaces
+// enQ, every message is evaluated.
 MessageQ* directQueue(const char* script) {
+  static const std::atomic<bool>& enQBuiltIn = sfi_builtInFlag("enQ", sfi_cmd_enQ);
+  if (!enQBuiltIn.load(std::memory_order_relaxed)) return nullptr;
   Resolved& r = t_resolved;
   if (r.queue && r.script == script) return r.queue;
   std::string name = enQTarget(script);
-  if (name.empty() || !sfi_commandIsBuiltIn("enQ", sfi_cmd_enQ)) return nullptr;
+  if (name.empty()) return nullptr;
   MessageQ* q = getQ(name.c_str());
   if (!q) return nullptr;
   r.script = script;

@@ -47,30 +47,35 @@ void watchdogThread(void*) {
   platform::exit_now(1);
 }
 
-int timeoutSeconds() {
-  return getVarInt("sf.watchdog", 300);
-}
+const int kDefaultTimeout = 300;
+
+// sf.watchdog, kept current by a variable trace from start-up on: every
+// message arms the watchdog, and reading the variable would take the Tcl lock
+// each time.
+std::atomic<int> g_timeoutSeconds{kDefaultTimeout};
 
 }  // namespace
 
 void watchdog_init() {
-  if (timeoutSeconds() < 1) {
+  if (getVarInt("sf.watchdog", kDefaultTimeout) < 1) {
     SF_LOG(5, "not starting watchdog thread, timeout is 0.");
     return;
   }
   SF_LOG(5, "starting watchdog thread.");
   if (g_watchdogQ.load()) return;  // already running
+  sfi_traceVarInt("sf.watchdog", kDefaultTimeout, g_timeoutSeconds);
   g_watchdogQ.store(new MessageQ(10, "watchdog"));
   startThread(watchdogThread, nullptr);
 }
 
 void watchdog_set() {
-  int timeout = timeoutSeconds();
-  TransactionContext* ctx = getContext();
   // A queue that was never made means the watchdog was off at start-up: a
   // later positive sf.watchdog does not turn it on.
   MessageQ* q = g_watchdogQ.load();
-  if (timeout < 1 || !q) return;
+  if (!q) return;
+  int timeout = g_timeoutSeconds.load(std::memory_order_relaxed);
+  if (timeout < 1) return;
+  TransactionContext* ctx = getContext();
   if (ctx->watchdog) {
     sfi_log(0, 1, "attempted to set watchdog when already set", __FILE__, __LINE__, 0);
     return;

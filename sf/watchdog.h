@@ -1,8 +1,9 @@
 // The watchdog: a worker that spends too long on one message ends the process.
 //
 // Each worker arms its thread's watchdog before it processes a message and
-// clears it afterwards. The time-out is sf.watchdog seconds (default 300),
-// read again at every arming; below 1 the watchdog is off. If a watchdog
+// clears it afterwards. The time-out is sf.watchdog seconds (default 300); a
+// change applies at the next arming (a variable trace keeps a copy, so arming
+// takes no Tcl lock); below 1 the watchdog is off. If a watchdog
 // timer ever expires, the watchdog thread writes a dump file with the reason
 // "watchdog shutdown", shuts the library down, reports "06_sf_watchdog_s" and
 // exits with status 1. That sequence runs under a deadline: if a hung thread

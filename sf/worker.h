@@ -12,6 +12,7 @@
 // rejects everything.
 #pragma once
 
+#include <atomic>
 #include <string>
 
 namespace sf {
@@ -53,13 +54,19 @@ class Worker {
 
 // A worker for trying a configuration out: logs each message and evaluates
 // script with it as the current message, or dumps its data to standard error
-// when there is no script. Writes no reply.
+// when there is no script. Writes no reply of its own. A script that is just
+// "sf_echo" is not evaluated while sf_echo is the library's command: the
+// message is echoed directly, without the Tcl lock.
 class DummyWorker : public Worker {
  public:
   const char* script;  // may be null; must outlive the worker
 
   DummyWorker(const char* queueName, const char* script_);
   void processMessage(Message* msg) override;
+
+ private:
+  // Whether sf_echo is still the library's; null unless script is "sf_echo".
+  const std::atomic<bool>* echoBuiltIn;
 };
 
 // Starts a detached thread running fn(arg), with the default stack size.

@@ -5,6 +5,7 @@
 namespace sf {
 
 class MessageQ;
+struct Message;
 
 // Registers every library command with exportProc, in table order. Called by
 // initTcl once the interpreter exists.
@@ -37,6 +38,29 @@ int sfi_cmdLog(int argc, const char** argv);
 // Network commands (netcommands.cpp, handover.cpp).
 int sfi_cmd_bind(int argc, const char** argv);
 int sfi_cmd_sf_echo(int argc, const char** argv);
+// While one is in scope on a thread, sf_echo there only counts the echoes it
+// owes msg; write() sends them once the evaluation is over and the Tcl lock
+// released, so a slow peer never holds the interpreter. enQ sends them first
+// when the script hands the message on.
+class EchoesAfterEvaluation {
+ public:
+  explicit EchoesAfterEvaluation(Message* msg);
+  ~EchoesAfterEvaluation();
+  EchoesAfterEvaluation(const EchoesAfterEvaluation&) = delete;
+  EchoesAfterEvaluation& operator=(const EchoesAfterEvaluation&) = delete;
+  // Counts one more echo when msg is this scope's message; false otherwise.
+  bool defer(const Message* msg);
+  void write();
+
+ private:
+  Message* msg_;
+  int owed_ = 0;
+  EchoesAfterEvaluation* outer_;
+};
+// Sends the echoes owed on this thread now (nothing outside a scope).
+void sfi_writeOwedEchoes();
+// sf_echo's write: msg's data back on its own connection.
+void sfi_echo(Message* msg);
 int sfi_cmd_sfi_pipeEnv(int argc, const char** argv);
 int sfi_cmd_sfload(int argc, const char** argv);
 int sfi_cmd_sf_quiesce(int argc, const char** argv);

@@ -8,7 +8,8 @@ namespace sf {
 // that is exactly "enQ NAME" (a plain queue name, the usual case) skips the
 // interpreter and its lock: the queue is looked up once per reader thread and
 // the message goes onto it directly, with the enQ command's log lines and the
-// same exception as a failed evaluation. Every other script is evaluated.
+// same exception as a failed evaluation. Every other script is evaluated, and
+// so is every script once a script has renamed or redefined enQ.
 void sfi_evalValidate(const char* script);
 
 }  // namespace sf

@@ -35,7 +35,9 @@ std::int64_t leadingNumber(const char* text) {
 }
 
 bool hasControl(const std::string& line) {
-  return line.find_first_of(std::string("\r\n\0", 3)) != std::string::npos;
+  for (char ch : line)
+    if (ch == '\r' || ch == '\n' || ch == '\0') return true;
+  return false;
 }
 
 bool onlyVersionChars(const std::string& s) {

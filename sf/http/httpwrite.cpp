@@ -5,13 +5,15 @@
 #include <cstring>
 
 #include "sf/http/httpadaptor.h"
+#include "sf/runtime.h"
 
 namespace sf {
 
 namespace {
 
-const size_t kLineMax = 1024;    // formatted header lines are cut to this
-const size_t kCoalesce = 16384;  // bodies up to this size go out with the headers
+const size_t kLineMax = 1024;      // formatted header lines are cut to this
+const size_t kCoalesce = 16384;    // bodies up to this size go out with the headers
+const size_t kHeaderBlock = 1024;  // room for a usual header block, grown line by line
 
 const char* methodWord(HttpAdaptor::HttpDataType type) {
   switch (type) {
@@ -164,6 +166,9 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
         break;
     }
     if (!isClient) {
+      // A stopping server closes every connection after the reply it is
+      // writing now, so the reply says so.
+      if (sfi_shuttingDown()) closeAfter = true;
       if (closeAfter || requestEndsConnection() || (header && getStatusClose(header->status)))
         writeLine(block, "Connection: Close");
       else if (lastRequest.version == HTTP_1_0)
@@ -209,7 +214,7 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
 
 bool HttpAdaptor::writeHeaders(Connection* c, const Buffer* body, HttpDataType type,
                                HttpHeader* header) {
-  Buffer block;
+  Buffer block(kHeaderBlock);
   bodyAllowed = buildHeaders(c, body, type, header, block);
   if (block.size() > 0) next->write(c, block);
   return bodyAllowed;
@@ -218,7 +223,7 @@ bool HttpAdaptor::writeHeaders(Connection* c, const Buffer* body, HttpDataType t
 // Headers and a small body leave in one write.
 void HttpAdaptor::sendMessage(Connection* c, const Buffer& body, HttpDataType type,
                               HttpHeader* header) {
-  Buffer block;
+  Buffer block(kHeaderBlock);
   bodyAllowed = buildHeaders(c, &body, type, header, block);
   // A reply to HEAD announces its body but does not send it.
   bool sendBody = bodyAllowed && !(type == REPLY && lastMethod == METHOD_HEAD && !isClient);

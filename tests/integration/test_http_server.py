@@ -25,9 +25,9 @@ START = """
 spinThread httpReader 127.0.0.1 {port} {{enQ http}}
 spinThread dummyWorker http sf_echo
 spinThread dummyWorker http sf_echo
-spinThread httpReader 127.0.0.1 {filterport} {{
-  if {{[httpHeader HttpRequestURL] ne "/drop"}} {{ enQ http }}
-}}
+rename enQ sf_enQ
+proc enQ {{q}} {{ if {{[httpHeader HttpRequestURL] ne "/drop"}} {{ sf_enQ $q }} }}
+spinThread httpReader 127.0.0.1 {filterport} {{enQ http}}
 spinThread httpReader 127.0.0.1 {fullport} {{enQ stuck}}
 """
 
@@ -84,7 +84,8 @@ class HttpServer(SiteTest):
         self.assertEqual(answers, [(b"HTTP/1.1 200 OK", b) for b in (b"/1", b"two", b"/3")])
 
     def test_validate_script_decides(self):
-        # a request the script does not queue gets no answer; the next does
+        # enQ redefined by the script drops /drop: the reader evaluates it
+        # (every port here), so the request gets no answer; the next does
         with socket.create_connection(("127.0.0.1", self.filterport)) as s:
             s.sendall(b"GET /drop HTTP/1.1\r\nHost: x\r\n\r\n"
                       b"GET /kept HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")

@@ -83,6 +83,7 @@ class ReaderLimits(SiteTest):
             self.assertTrue(data.startswith(b"HTTP/1.1 200 ") and data.endswith(b"/%d" % (100 + i)),
                             data)
             c.close()
+        self.assertIn(b"\r\nConnection: Close\r\n", data)  # the last, answered while stopping
         self.assertEqual(read_to_close(idle), b"")  # an idle client is closed, not left open
         idle.close()
 

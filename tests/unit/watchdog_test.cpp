@@ -94,8 +94,8 @@ bool timerDueInFiveMinutes(const sftest::LogCapture& log) {
 
 int armingTwiceChild() {
   sftest::LogCapture log(8);
-  startWith(300);
-  sf::eval("unset sf.watchdog");  // armed with the default time-out
+  startWith(1);
+  sf::eval("unset sf.watchdog");  // from the next arming on: the default time-out
   sf::watchdog_set();
   sf::TimeoutId* first = sf::getContext()->watchdog;
   if (!first || first->isNull()) return 1;
