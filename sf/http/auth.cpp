@@ -1,12 +1,13 @@
 // Answering 401/407 challenges in the client role.
 //
 // The response headers of the challenge are read for the schemes offered:
-// NTLM is recognised but not answered yet; Basic realms, whose credentials come from the
-// configuration arrays sf.http.authname and sf.http.authpasswd. The answer goes out in
-// extraHeaderLine, right after the request line, with the request written
-// again. Each challenge is answered once; what cannot be answered is
-// reported and the caller treats the status as a failure. Passwords and
-// tokens are never logged.
+// NTLM, answered by a handshake on the same connection when offered, and
+// Basic realms, whose credentials come from the configuration arrays
+// sf.http.authname and sf.http.authpasswd. The answer goes out right after
+// the request line (a proxy's Basic answer in proxyHeaderLine, anything else
+// in extraHeaderLine), with the request written again. Each challenge is
+// answered once; what cannot be answered is reported and the caller treats
+// the status as a failure. Passwords and tokens are never logged.
 #include <vector>
 
 #include "sf/http/base64.h"
@@ -187,7 +188,8 @@ bool HttpAdaptor::resendWithAuth(Connection* c, std::list<std::string>& headers)
       continue;
     }
     SF_LOG(5, "HTTP - sending with basic auth for %s:%s", user.c_str(), realm.c_str());
-    extraHeaderLine = std::string(answerName) + ": Basic " + encodeBase64(user + ":" + password);
+    (ch.scope == "proxy" ? proxyHeaderLine : extraHeaderLine) =
+        std::string(answerName) + ": Basic " + encodeBase64(user + ":" + password);
     resendRequest(c);
     return true;
   }

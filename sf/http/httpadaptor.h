@@ -274,6 +274,10 @@ class HttpAdaptor : public Adaptor {
   std::string userAgent;
   std::string serverType;
   std::string extraHeaderLine;
+  // The answer to a proxy's Basic challenge. It is written before
+  // extraHeaderLine on this and every later request, so that a server's own
+  // challenge behind the proxy adds its answer instead of replacing it.
+  std::string proxyHeaderLine;
   // Client role: a response is refused (Xproto) unless it has a status
   // line, one unambiguous framing and a plain Content-Length; a forwarding
   // worker sets it so that nothing odd is ever relayed.

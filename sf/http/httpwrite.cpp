@@ -129,13 +129,14 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
              ver.c_str());
     writeLine(block, lb);
     if (version == HTTP_0_9) return true;  // the request line is all there is
-    if (!extraHeaderLine.empty()) {
+    for (const std::string* credentials : {&proxyHeaderLine, &extraHeaderLine}) {
       // Credentials: written, never logged.
-      if (extraHeaderLine.find_first_of(std::string("\r\n\0", 3)) != std::string::npos)
+      if (credentials->empty()) continue;
+      if (credentials->find_first_of(std::string("\r\n\0", 3)) != std::string::npos)
         SF_THROW("crlf", Xinvalid());
       SF_LOG(7, "HTTP - Writing header line: \"%s: ...\"",
-             extraHeaderLine.substr(0, extraHeaderLine.find(':')).c_str());
-      block.append(extraHeaderLine.data(), extraHeaderLine.size());
+             credentials->substr(0, credentials->find(':')).c_str());
+      block.append(credentials->data(), credentials->size());
       block.append("\r\n", 2);
     }
   } else {
@@ -421,6 +422,7 @@ void HttpAdaptor::httpConnect(Connection& c, const char* target) {
   if (lastStatus >= 200 && lastStatus <= 299) {
     // The proxy's credentials are for the proxy: nothing sent through the
     // tunnel carries them.
+    proxyHeaderLine.clear();
     extraHeaderLine.clear();
     SF_LOG(4, "http connect successful");
   } else {
