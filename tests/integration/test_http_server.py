@@ -7,7 +7,7 @@ import subprocess
 import sys
 import unittest
 
-from sfnet_support import SiteTest, free_port, recv_all
+from sfnet_support import SiteTest, curl, free_port, recv_all
 
 CONFIG = """
 set sf.log.level 3
@@ -52,59 +52,45 @@ class HttpServer(SiteTest):
         fmt = dict(port=cls.port, filterport=cls.filterport, fullport=cls.fullport)
         cls.class_site(CONFIG.format(**fmt), START.format(**fmt), ports=ports)
 
-    def raw(self, data, timeout=10):
-        with socket.create_connection(("127.0.0.1", self.port)) as s:
+    def raw(self, data, port=None):
+        """What the server answers to data until it closes the connection."""
+        with socket.create_connection(("127.0.0.1", port or self.port)) as s:
             s.sendall(data)
-            return recv_all(s, timeout)
-
-    def curl(self, *args):
-        out = subprocess.run(["curl", "-sS", "--max-time", "20", *args], capture_output=True,
-                             timeout=30)
-        self.assertEqual(out.returncode, 0, out.stderr)
-        return out.stdout
+            return recv_all(s, 10)
 
     def test_curl_get_post_chunked_head(self):
         url = "http://127.0.0.1:%d" % self.port
-        self.assertEqual(self.curl(url + "/hello?x=1"), b"/hello?x=1")
-        self.assertEqual(self.curl("--data-binary", "posted body", url + "/p"), b"posted body")
+        self.assertEqual(curl(url + "/hello?x=1"), (200, b"/hello?x=1"))
+        self.assertEqual(curl("--data-binary", "posted body", url + "/p"), (200, b"posted body"))
         big = "z" * 20000
-        self.assertEqual(self.curl("-H", "Transfer-Encoding: chunked", "--data-binary", big,
-                                   url + "/c"), big.encode())
+        self.assertEqual(curl("-H", "Transfer-Encoding: chunked", "--data-binary", big, url + "/c"),
+                         (200, big.encode()))
         # keep-alive across requests: curl reuses one connection for both URLs
         out = subprocess.run(["curl", "-s", "-v", url + "/one", url + "/two"],
                              capture_output=True, timeout=30)
         self.assertEqual(out.stdout, b"/one/two")
         self.assertIn(b"Re-using existing connection", out.stderr)
 
-    def test_pipelined_requests(self):
-        reqs = (b"GET /1 HTTP/1.1\r\nHost: x\r\n\r\n"
-                b"POST /2 HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\ntwo"
-                b"GET /3 HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
-        answers = split_responses(self.raw(reqs))
-        self.assertEqual(answers, [(b"HTTP/1.1 200 OK", b) for b in (b"/1", b"two", b"/3")])
-
-    def test_validate_script_decides(self):
-        # enQ redefined by the script drops /drop: the reader evaluates it
-        # (every port here), so the request gets no answer; the next does
-        with socket.create_connection(("127.0.0.1", self.filterport)) as s:
-            s.sendall(b"GET /drop HTTP/1.1\r\nHost: x\r\n\r\n"
-                      b"GET /kept HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
-            answers = split_responses(recv_all(s))
-        self.assertEqual([a[1] for a in answers], [b"/kept"])
-
-    def test_full_queue_is_overload(self):
-        # A queue of capacity 1 holds nothing: it is always full.
-        with socket.create_connection(("127.0.0.1", self.fullport)) as s:
-            s.sendall(b"GET /q HTTP/1.1\r\nHost: x\r\n\r\n")
-            data = recv_all(s)
-        self.assertTrue(data.startswith(b"HTTP/1.1 503 "), data)
-        self.assertIn(b"\r\nRetry-After: 1\r\n", data)
-
-    def test_old_versions(self):
-        data = self.raw(b"GET /ten HTTP/1.0\r\n\r\n")  # closed after the reply
-        self.assertTrue(data.startswith(b"HTTP/1.1 200 OK\r\n") and data.endswith(b"/ten"), data)
-        self.assertIn(b"\r\nServer: sf-test\r\n", data)  # the configured name
-        self.assertEqual(self.raw(b"GET /nine\r\n"), b"/nine")  # the body alone
+    def test_raw_requests_and_their_answers(self):
+        get = b"GET %s HTTP/1.1\r\nHost: x\r\n\r\n"
+        last = b"GET %s HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"
+        ok = b"HTTP/1.1 200 OK"
+        cases = [  # port, requests, [(status line, body)] of the answers until the close
+            # pipelined requests are answered in order
+            (self.port, get % b"/1" + b"POST /2 HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\ntwo"
+             + last % b"/3", [(ok, b"/1"), (ok, b"two"), (ok, b"/3")]),
+            # enQ redefined by the script drops /drop: the reader evaluates it
+            # (every port here), so the request gets no answer; the next does
+            (self.filterport, get % b"/drop" + last % b"/kept", [(ok, b"/kept")]),
+            # a queue of capacity 1 holds nothing: it is always full, which is overload
+            (self.fullport, get % b"/q", [(b"HTTP/1.1 503 Service Unavailable", b"")]),
+            # HTTP/1.0 without keep-alive ends with its answer
+            (self.port, b"GET /ten HTTP/1.0\r\n\r\n", [(ok, b"/ten")]),
+        ]
+        for port, requests, answers in cases:
+            self.assertEqual(split_responses(self.raw(requests, port)), answers, requests)
+        self.assertIn(b"\r\nServer: sf-test\r\n", self.raw(last % b"/s"))  # the configured name
+        self.assertEqual(self.raw(b"GET /nine\r\n"), b"/nine")  # HTTP/0.9: the body alone
 
 
 if __name__ == "__main__":

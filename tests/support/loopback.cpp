@@ -49,6 +49,17 @@ bool echoes(pf::sock_t s, const std::string& text) {
   return sendAll(s, text) && recvN(s, text.size()) == text;
 }
 
+std::string recvToClose(pf::sock_t s) {
+  std::string out;
+  char buf[4096];
+  for (;;) {
+    long r = pf::sock_recv(s, buf, sizeof buf);
+    if (r == 0) return out;
+    if (r < 0) return out + "<not closed>";
+    out.append(buf, static_cast<size_t>(r));
+  }
+}
+
 AcceptedPair::AcceptedPair() : client(connectTo(listener.portno)) {
   EXPECT_NE(client, pf::kNoSock);
   conn = sf::tcp_accept(listener.port);

@@ -25,6 +25,9 @@ bool sendAll(sf::platform::sock_t s, const std::string& text);
 // Reads until n bytes came, the peer closed, or the receive timed out.
 std::string recvN(sf::platform::sock_t s, size_t n);
 bool echoes(sf::platform::sock_t s, const std::string& text);
+// Everything until the peer closes, with "<not closed>" appended when the
+// receive timed out first.
+std::string recvToClose(sf::platform::sock_t s);
 
 // A client and the Connection its server side accepted (no adaptor yet).
 struct AcceptedPair {

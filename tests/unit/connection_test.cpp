@@ -74,8 +74,7 @@ TEST(Connection, IdsReservationAndLastRelease) {
   }
   // The handle went out of scope: record destroyed and socket closed.
   EXPECT_EQ(sf::sfi_connectionCount(), before);
-  char byte;
-  EXPECT_EQ(pf::sock_recv(client, &byte, 1), 0);
+  EXPECT_EQ(sftest::recvToClose(client), "");
   pf::sock_close(client);
 
   client = sftest::connectTo(l.portno);
@@ -96,7 +95,7 @@ TEST(Connection, IdsReservationAndLastRelease) {
   sf::tcp_close(copy);  // closes for every handle; the record stays
   EXPECT_EQ(c.socketNo(), sf::INVALID_SOCK);
   EXPECT_FALSE(c.check());
-  EXPECT_EQ(pf::sock_recv(client, &byte, 1), 0);
+  EXPECT_EQ(sftest::recvToClose(client), "");
   sf::Buffer buf(0);
   EXPECT_THROW(sf::tcp_recv(c, buf, sf::RecvUptoNB, 10), sf::Xsys);
   pf::sock_close(client);

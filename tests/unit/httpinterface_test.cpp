@@ -48,7 +48,6 @@ TEST_F(HttpCommands, PushAppliesOptionsIgnoringCase) {
                 std::to_string(a->maxBody) + " " + std::to_string(a->statusResult),
             "503 2048 0 202");
   EXPECT_TRUE(log.contains("http: unrecognised argument -bogus"));
-  EXPECT_TRUE(log.contains("HTTP - Pushing adaptor onto connection."));
 
   // A rejection without its reason leaves the defaults; a header name
   // without value adds nothing.

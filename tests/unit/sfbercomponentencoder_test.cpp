@@ -104,15 +104,15 @@ TEST(BerEncoder, WrappingAComponent) {
   w.InsertSet(longForm.comp, 0x31);
   EXPECT_EQ(bytesOf(w), (Bytes{0x31, 0x09, 0x04, 0x01, 'z', 0x30, 0x04, 0x02, 0x81, 0x01, 0x09}));
 
-  // Wrapping the encoder's own items, and a long total.
+  // Wrapping the encoder's own items; lengths of two octets.
   SfBerComponentEncoder self;
-  self.InsertOctetString(std::string(150, 'q'), 0x04);
+  self.InsertOctetString(std::string(300, 'q'), 0x04);
   self.InsertInteger(1, 0x02);
   self.InsertChunk(0x30, self, true);
   Bytes b = bytesOf(self);
-  ASSERT_EQ(b.size(), 156u + 159u);
-  EXPECT_EQ(Bytes(b.begin() + 156, b.begin() + 159), (Bytes{0x30, 0x81, 0x9C}));
-  EXPECT_EQ(Bytes(b.begin(), b.begin() + 156), Bytes(b.begin() + 159, b.end()));
+  ASSERT_EQ(b.size(), 307u + 311u);
+  EXPECT_EQ(Bytes(b.begin() + 307, b.begin() + 311), (Bytes{0x30, 0x82, 0x01, 0x33}));
+  EXPECT_EQ(Bytes(b.begin(), b.begin() + 307), Bytes(b.begin() + 311, b.end()));
 }
 
 TEST(BerEncoder, InsertAtCursorAndDelete) {
