@@ -82,10 +82,7 @@ class TestWorker : public sf::Worker {
   TestWorker() : sf::Worker((testQueue(), "worker-test")) {}
   void processMessage1(sf::Message* msg, sf::Buffer& reply) override {
     ++calls;
-    if (body)
-      body(msg, reply);
-    else
-      sf::Worker::processMessage1(msg, reply);  // refuses everything
+    body(msg, reply);
   }
 };
 
@@ -147,69 +144,66 @@ TEST(Worker, ProcessesRepliesDisposesAndSkipsCloseNotices) {
   EXPECT_FALSE(peer.conn.isReserved());
 }
 
-TEST(Worker, FailuresRejectAndTheWorkerCarriesOn) {
+TEST(Worker, RejectExceptionSendsItsReplyAndMayClose) {
   sftest::LogCapture log(1);
-  const std::string tooLarge = "HTTP/1.1 413 Too Large\r\n\r\n";
-  struct Row {
-    std::function<void(sf::Message*, sf::Buffer&)> body;  // null: the base refusal
-    bool rejectFails;
-    std::vector<std::string> replyRejects;
-    int defaultRejects;
-    bool closed;
-    std::string logged;
+  Peer peer;
+  TestWorker w;
+  w.body = [](sf::Message*, sf::Buffer&) {
+    sf::Xreject x;
+    x.reply = new sf::Buffer;
+    x.reply->append("HTTP/1.1 413 Too Large\r\n\r\n");
+    x.close = true;
+    throw x;
   };
-  const Row rows[] = {
-      {[&](sf::Message*, sf::Buffer&) {
-         sf::Xreject x;
-         x.reply = new sf::Buffer;
-         x.reply->append(tooLarge.c_str());
-         x.close = true;
-         throw x;
-       },
-       false,
-       {tooLarge},
-       0,
-       true,
-       "worker: reject exception during processing, rejecting"},
-      {[](sf::Message*, sf::Buffer&) { throw sf::Xreject(); },
-       false,
-       {},
-       0,
-       false,
-       "worker: reject exception during processing, rejecting"},
-      {nullptr, false, {}, 1, false, "worker: sf exception during processing, rejecting - 2-1"},
-      {[](sf::Message*, sf::Buffer&) { throw std::runtime_error("host bug"); },
-       true,
-       {},
-       1,
-       false,
-       "worker: exception during processing, rejecting"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.logged);
-    log.clear();
-    Peer peer;
-    peer.calls.throwOnReject = row.rejectFails;
-    TestWorker w;
-    w.body = row.body;
-    Counted* m = peer.message();
-    m->keep = true;
-    handle(w, m);
-    EXPECT_EQ(peer.calls.replyRejects, row.replyRejects);
-    EXPECT_EQ(peer.calls.defaultRejects, row.defaultRejects);
-    EXPECT_TRUE(peer.calls.written.empty());
-    EXPECT_EQ(peer.conn.socketNo() == sf::INVALID_SOCK, row.closed);
-    EXPECT_FALSE(peer.conn.isReserved());
-    EXPECT_EQ(m->processedAt, 0);  // not stamped when processing threw
-    EXPECT_TRUE(log.contains(row.logged));
-    delete m;
-  }
+  handle(w, peer.message());
+  EXPECT_EQ(peer.calls.replyRejects, std::vector<std::string>{"HTTP/1.1 413 Too Large\r\n\r\n"});
+  EXPECT_EQ(peer.calls.defaultRejects, 0);
+  EXPECT_TRUE(peer.calls.written.empty());
+  EXPECT_TRUE(log.contains("worker: reject exception during processing, rejecting"));
+  EXPECT_EQ(peer.conn.socketNo(), sf::INVALID_SOCK);  // closed
+  EXPECT_FALSE(peer.conn.isReserved());
+
+  // Without a reply and without close: nothing is sent, nothing closed.
+  Peer other;
+  w.body = [](sf::Message*, sf::Buffer&) { throw sf::Xreject(); };
+  handle(w, other.message());
+  EXPECT_TRUE(other.calls.replyRejects.empty());
+  EXPECT_EQ(other.calls.defaultRejects, 0);
+  EXPECT_NE(other.conn.socketNo(), sf::INVALID_SOCK);
+}
+
+TEST(Worker, FailuresBecomeDefaultRejects) {
+  sftest::LogCapture log(3);
+  Peer peer;
+  g_destroyed = 0;
+
+  // The base processMessage1 refuses everything.
+  testQueue();
+  sf::Worker plain("worker-test");
+  handle(plain, peer.message());
+  EXPECT_EQ(peer.calls.defaultRejects, 1);
+  EXPECT_TRUE(peer.calls.written.empty());
+  EXPECT_TRUE(log.contains("worker: sf exception during processing, rejecting - 2-1"));
+  EXPECT_FALSE(peer.conn.isReserved());
+  EXPECT_EQ(g_destroyed.load(), 1);
+
+  // A reject that itself fails is logged and the worker carries on.
+  peer.calls.throwOnReject = true;
+  TestWorker w;
+  w.body = [](sf::Message*, sf::Buffer&) { throw std::runtime_error("host bug"); };
+  Counted* second = peer.message();
+  second->keep = true;
+  handle(w, second);
+  EXPECT_EQ(peer.calls.defaultRejects, 2);
+  EXPECT_TRUE(log.contains("worker: exception during processing, rejecting"));
+  EXPECT_TRUE(log.contains("worker: error sending reject message, continuing"));
+  EXPECT_EQ(second->processedAt, 0);  // not stamped when processing threw
+  delete second;
 
   // A message without a connection (a timer's) gets no reject at all.
-  g_destroyed = 0;
-  TestWorker plain;
   handle(plain, new Counted);
-  EXPECT_EQ(g_destroyed.load(), 1);
+  EXPECT_EQ(peer.calls.defaultRejects, 2);
+  EXPECT_EQ(g_destroyed.load(), 3);
 }
 
 TEST(Worker, RunServesItsQueueAndUnknownQueuesAreRefused) {
