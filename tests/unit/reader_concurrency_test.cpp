@@ -146,24 +146,6 @@ TEST(Reader, ClosedAndResetClientsPostCloseNotices) {
   delete notices->deQ();
 }
 
-TEST(Reader, ShutdownClosesSharedPortsWithClientsConnected) {
-  Service svc("stop-q", nullptr, true);
-  sf::PortAddr unusedAddr("127.0.0.1", "0");
-  sf::setSharedPort(sf::PortAddr("127.0.0.9", "1"), sf::bindPort(unusedAddr));
-  pf::sock_t idle = connectTo(svc.portno);
-  pf::sock_t busy = connectTo(svc.portno);
-  ASSERT_TRUE(echoes(busy, "x"));
-
-  sf::shutdown();  // wakes the reader; returns once it closed the port
-  for (int i = 0; i < 1000 && !svc.returned->load(); ++i) pf::sleep_ms(10);
-  EXPECT_TRUE(svc.returned->load());
-  EXPECT_EQ(svc.port.socketNo(), sf::INVALID_SOCK);
-  EXPECT_EQ(sf::sfi_sharedPortUses("127.0.0.9+1"), -1);  // never taken: closed
-  EXPECT_EQ(connectTo(svc.portno), pf::kNoSock);         // the listening socket is gone
-  pf::sock_close(idle);
-  pf::sock_close(busy);
-}
-
 namespace {
 // Refuses PDUs that begin with "bad" with a reply and a close, and PDUs that
 // begin with "quiet" with a reply only; passes the rest on.
@@ -206,4 +188,24 @@ TEST(Reader, RejectsFromTheChainAndFromValidate) {
   EXPECT_EQ(sftest::recvToClose(boom), "");  // the default reject closes
   EXPECT_TRUE(echoes(keep, "still here"));
   for (pf::sock_t s : {keep, closed, boom}) pf::sock_close(s);
+}
+
+// Stops the library for the whole process, so it comes last: a program run
+// whole (as under Wine) runs its cases in this order.
+TEST(Reader, ShutdownClosesSharedPortsWithClientsConnected) {
+  Service svc("stop-q", nullptr, true);
+  sf::PortAddr unusedAddr("127.0.0.1", "0");
+  sf::setSharedPort(sf::PortAddr("127.0.0.9", "1"), sf::bindPort(unusedAddr));
+  pf::sock_t idle = connectTo(svc.portno);
+  pf::sock_t busy = connectTo(svc.portno);
+  ASSERT_TRUE(echoes(busy, "x"));
+
+  sf::shutdown();  // wakes the reader; returns once it closed the port
+  for (int i = 0; i < 1000 && !svc.returned->load(); ++i) pf::sleep_ms(10);
+  EXPECT_TRUE(svc.returned->load());
+  EXPECT_EQ(svc.port.socketNo(), sf::INVALID_SOCK);
+  EXPECT_EQ(sf::sfi_sharedPortUses("127.0.0.9+1"), -1);  // never taken: closed
+  EXPECT_EQ(connectTo(svc.portno), pf::kNoSock);         // the listening socket is gone
+  pf::sock_close(idle);
+  pf::sock_close(busy);
 }
