@@ -52,8 +52,11 @@ bool sfi_shuttingDown() {
 
 void sfi_shutdown(void (*then)()) {
   SF_LOG(3, "shutdown - about to close ports.");
-  sfi_closeUnusedSharedPorts();
+  // First the flag: a script thread whose port is closed here before its
+  // reader took it ends at once, and must see a shutdown, not a thread lost
+  // out of configuration (which is fatal).
   g_shuttingDown.store(true);
+  sfi_closeUnusedSharedPorts();
   sfi_wakeAllReaders();
 
   // Readers and workers may need the interpreter (accept actions, validate
