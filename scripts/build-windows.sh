@@ -70,5 +70,9 @@ cmake -S . -B "$OUT" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN" "${launcher[@]
 cmake --build "$OUT" -j "$jobs"
 
 if [ "${1:-}" = --test ]; then
+  # The first Wine process makes a new prefix and starts wineserver; two
+  # tests doing that at once race, so make it here, once, and wait for it.
+  wineboot -i >/dev/null 2>&1 || true
+  wineserver -w
   ctest --test-dir "$OUT" -j "$jobs" --output-on-failure --timeout 300
 fi
