@@ -197,11 +197,13 @@ class HttpAdaptor : public Adaptor {
   void request(Connection& c, const Buffer& body);  // POST when body is not empty, else GET
   void get(Connection& c, const Buffer& body);
   void post(Connection& c, const Buffer& body);
-  void get(Connection* c, const char* url, const std::list<std::string>& headers);
+  // The header lines are kept (requestHeader.headers) to send the request
+  // again when a server asks for credentials: pass them with std::move.
+  void get(Connection* c, const char* url, std::list<std::string> headers);
   void post(Connection* c, const char* url, const char* contentType, const Buffer& body,
-            const std::list<std::string>& headers);
+            std::list<std::string> headers);
   // A HEAD request; the response is read with headers only.
-  void head(Connection* c, const char* url, const std::list<std::string>& headers);
+  void head(Connection* c, const char* url, std::list<std::string> headers);
   // Opens a tunnel through a proxy with CONNECT target; Xio "http connect
   // failed" unless the proxy answers 2xx. Writes HTTP/1.0 afterwards.
   void httpConnect(Connection& c, const char* target);
@@ -307,6 +309,7 @@ class HttpAdaptor : public Adaptor {
   void closeAfterReply(Connection* c);
 
   Buffer work_;                              // scratch for CONNECT responses
+  Buffer received_;                          // one read of a response (client role)
   MessageParser request_{1024, 65535};       // the request being read (server role)
   std::unique_ptr<MessageParser> response_;  // the response being read (client role)
   size_t framed_ = 0;                        // bytes frame() fed to it, still below

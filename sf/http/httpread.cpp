@@ -71,7 +71,7 @@ void HttpAdaptor::readResponse(Connection* c, Buffer& body, std::list<std::strin
 
 void HttpAdaptor::receiveResponse(Connection* c) {
   MessageParser& p = *response_;
-  Buffer block(0);
+  Buffer& block = received_;
   while (!p.complete() && !p.paused() && !p.failed()) {
     block.resize(0);
     try {
@@ -95,12 +95,15 @@ void HttpAdaptor::publishResponse(std::list<std::string>* headers) {
     return;
   }
   lastStatus = p.status();
-  setEnv("HttpResultCode", std::to_string(lastStatus));
-  setEnv("HttpResultReason", p.reason());
+  Message* msg = getContext()->message;
+  if (msg) {
+    msg->setenv("HttpResultCode", std::to_string(lastStatus).c_str());
+    msg->setenv("HttpResultReason", p.reason().c_str());
+  }
   for (const auto& field : p.fields()) {
     SF_LOG(8, "HTTP - Saving application header \"%s: %s\"", field.first.c_str(),
            field.second.c_str());
-    setEnv(headerEntry(field.first).c_str(), field.second);
+    if (msg) msg->setenv(headerEntry(field.first).c_str(), field.second.c_str());
     if (headers) headers->push_back(field.first + ": " + field.second);
   }
 }
@@ -127,17 +130,19 @@ void HttpAdaptor::deliverResponse(Connection* c, Buffer& body) {
 // --- the Adaptor read operations ---
 
 void HttpAdaptor::readPdu(Connection* c, Buffer& body) {
-  std::list<std::string> headers;
   size_t start = body.size();
-  readMessage(c, body, &headers);
+  readMessage(c, body, nullptr);
   if (!isClient) return;
-  // Proxy challenges first, then the server's own.
+  // Proxy challenges first, then the server's own, each from the headers of
+  // the answer that made it.
   for (int challenge : {407, 401}) {
     if (lastStatus != challenge) continue;
+    std::list<std::string> headers;
+    for (const auto& field : response_->fields())
+      headers.push_back(field.first + ": " + field.second);
     if (!resendWithAuth(c, headers)) break;
-    headers.clear();
     body.resize(start);
-    readMessage(c, body, &headers);
+    readMessage(c, body, nullptr);
   }
   if (lastStatus != 200) {
     SF_LOG(1, "HTTP - Server answered with status %d", lastStatus);

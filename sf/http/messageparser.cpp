@@ -77,11 +77,14 @@ bool eachElement(const std::string& list, F f) {
   return true;
 }
 
-std::string trimmed(const std::string& s) {
-  size_t b = 0, e = s.size();
+// Drops the blanks around a header value, in place.
+void trim(std::string& s) {
+  size_t e = s.size();
+  while (e > 0 && isBlank(s[e - 1])) --e;
+  s.resize(e);
+  size_t b = 0;
   while (b < e && isBlank(s[b])) ++b;
-  while (e > b && isBlank(s[e - 1])) --e;
-  return s.substr(b, e - b);
+  s.erase(0, b);
 }
 
 bool iequal(const std::string& s, const char* word) {
@@ -504,7 +507,8 @@ bool MessageParser::finishField() {
   if (!haveField_) return true;
   haveField_ = false;
   if (inTrailer_) return true;
-  std::string value = trimmed(value_);
+  trim(value_);
+  std::string& value = value_;
   for (const FieldRule& rule : kFieldRules) {
     if (!iequal(name_, rule.name)) continue;
     if (rule.action && !(this->*rule.action)(value)) return false;
