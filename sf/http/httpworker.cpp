@@ -175,9 +175,7 @@ void HttpWorker::readAnswer(Buffer& answer) {
   try {
     backend.read(answer);
   } catch (Xproto&) {
-    throw BadGateway();
-  } catch (Xreject&) {
-    throw BadGateway();  // a framing error in the answer
+    throw BadGateway();  // refused by the response parser
   }
   if (backend.socketNo() != INVALID_SOCK && (backend.hasBufferedData() || backend.isReadReady(0))) {
     // More than one message, or the server closing mid-stream: nothing of
