@@ -179,7 +179,7 @@ size_t MessageParser::feed(const char* p, size_t n) {
              "HTTP - Message body exceeds size boundary");
     } else if (size_t run = takeRun(p + i, n - i)) {
       i += run;
-    } else if (!step(p[i++])) {
+    } else if (state_ == FAILED || !step(p[i++])) {
       break;
     }
   }
@@ -191,6 +191,7 @@ size_t MessageParser::feed(const char* p, size_t n) {
 // changes state and within the header limit (the byte past the limit goes to
 // step(), which refuses it). Returns how many it took.
 size_t MessageParser::takeRun(const char* p, size_t n) {
+  const unsigned char* u = reinterpret_cast<const unsigned char*>(p);
   std::string* into;
   unsigned char cls;
   switch (state_) {
@@ -200,6 +201,15 @@ size_t MessageParser::takeRun(const char* p, size_t n) {
     case TARGET_START:
     case TARGET:
       into = &target_, cls = kTargetByte;
+      break;
+    case FIELD_START:
+      // A token starts the next header's name, so the header before it is
+      // complete (acted on here, which may refuse the message).
+      if (!(kClasses.of[u[0]] & kTokenByte) || headerBytes_ >= maxHeader_ || !finishField())
+        return 0;
+      name_.clear();
+      state_ = FIELD_NAME;
+      into = &name_, cls = kTokenByte;
       break;
     case FIELD_NAME:
       into = &name_, cls = kTokenByte;
@@ -217,9 +227,16 @@ size_t MessageParser::takeRun(const char* p, size_t n) {
   size_t limit = room <= 0                              ? 0
                  : static_cast<std::uint64_t>(room) < n ? static_cast<size_t>(room)
                                                         : n;
-  const unsigned char* u = reinterpret_cast<const unsigned char*>(p);
   size_t run = 0;
   while (run < limit && (kClasses.of[u[run]] & cls)) ++run;
+  if ((state_ == FIELD_VALUE || state_ == STATUS_REASON) && run + 2 <= limit && u[run] == '\r' &&
+      u[run + 1] == '\n') {
+    // The line's CR LF, both here and within the limit: the next line starts.
+    into->append(p, run);
+    headerBytes_ += static_cast<std::int64_t>(run) + 2;
+    state_ = FIELD_START;
+    return run + 2;
+  }
   if (run == 0) return 0;
   into->append(p, run);
   headerBytes_ += static_cast<std::int64_t>(run);
