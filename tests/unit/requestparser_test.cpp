@@ -2,7 +2,6 @@
 // bytes are split, and the limits hold to the byte.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -10,6 +9,7 @@
 #include <vector>
 
 #include "sf/http/requestparser.h"
+#include "support/testsupport.h"
 
 using sf::RequestParser;
 
@@ -39,10 +39,7 @@ std::string unescape(const std::string& s) {
 }
 
 std::vector<Case> table() {
-  const char* src = getenv("SF_TEST_SOURCE_DIR");
-  std::filesystem::path root = src ? std::filesystem::path(src) / "tests"
-                                   : std::filesystem::path(__FILE__).parent_path().parent_path();
-  std::ifstream in(root / "data/http/requests.txt");
+  std::ifstream in(sftest::sourceDir() / "tests/data/http/requests.txt");
   std::vector<Case> cases;
   for (std::string line; std::getline(in, line);)
     if (!line.empty() && line[0] != '#')
