@@ -527,7 +527,8 @@ bool MessageParser::finishField() {
   trim(value_);
   std::string& value = value_;
   for (const FieldRule& rule : kFieldRules) {
-    if (!iequal(name_, rule.name)) continue;
+    if (name_.size() != rule.name.size() || !iequals(name_.data(), name_.size(), rule.name.data()))
+      continue;
     if (rule.action && !(this->*rule.action)(value)) return false;
     if (rule.publish) fields_.emplace_back(std::move(name_), std::move(value));
     return true;

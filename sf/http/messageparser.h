@@ -35,6 +35,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -169,7 +170,7 @@ class MessageParser {
 
   using FieldAction = bool (MessageParser::*)(const std::string&);
   struct FieldRule {
-    const char* name;
+    std::string_view name;
     FieldAction action;  // null: the header is dropped
     bool publish;        // also kept as an application header
   };
