@@ -436,11 +436,15 @@ void tcp_recv(Connection& c, Buffer& buf, TcpRecvType type, size_t n) {
     return;
   }
 
+  // A non-blocking socket is read before it is waited for: what has arrived
+  // already costs no wait.
+  const bool tryFirst = ic->nonBlocking || type == RecvTillEof || type == RecvUptoNB;
+  bool wait = !tryFirst;
   for (;;) {
     if (n != 0 && total >= n) break;
-    int ready;
-    for (;;) {
-      ready = platform::wait_readable(s, static_cast<int>(ic->readTimeout_s * 1000u));
+    bool waited = wait;
+    while (wait) {
+      int ready = platform::wait_readable(s, static_cast<int>(ic->readTimeout_s * 1000u));
       if (ready == 0) readTimeout(ic, false);
       if (ready < 0) {
         if (platform::err_interrupted(platform::last_error())) continue;
@@ -448,6 +452,7 @@ void tcp_recv(Connection& c, Buffer& buf, TcpRecvType type, size_t n) {
       }
       break;
     }
+    wait = !tryFirst;
     size_t chunk = n != 0 ? n - total : 8192;
     buf.extend(offs + total + chunk);
     long got = platform::sock_recv(s, buf.data + offs + total, chunk);
@@ -458,6 +463,10 @@ void tcp_recv(Connection& c, Buffer& buf, TcpRecvType type, size_t n) {
       if (platform::err_conn_reset(err)) {
         SF_LOG(4, "connection forcibly closed by client");
         SF_THROW("tcp_recv", Xclosed());
+      }
+      if (platform::err_would_block(err) && !waited) {
+        wait = true;  // nothing yet: wait for it
+        continue;
       }
       if (platform::err_would_block(err) || platform::err_interrupted(err)) {
         if (type == RecvUptoNB && !platform::err_interrupted(err)) break;
