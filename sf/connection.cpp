@@ -537,6 +537,11 @@ void sfi_unreadInput(i_Connection* rec, const std::string& bytes) {
   rec->inputPos = 0;
 }
 
+void sfi_messageGone(i_Connection* rec) {
+  if (--rec->inFlight < kMaxInFlight && rec->held.exchange(false))
+    if (ReaderMailbox* m = rec->mailbox.load()) m->post(rec);
+}
+
 InputFill sfi_fillInput(i_Connection* rec, std::size_t max, bool peerClosed) {
   // Received into scratch space first, so that the connection's own buffer
   // only ever holds what arrived.

@@ -3,6 +3,7 @@
 
 #include <ctime>
 
+#include "sf/detail/net.h"
 #include "sf/log.h"
 #include "sf/sflib.h"
 
@@ -23,6 +24,7 @@ Message::Message()
 Message::~Message() {
   delete data;
   delete env;
+  if (i_Connection* rec = origin.record()) sfi_messageGone(rec);
 }
 
 void Message::setenv(const char* name, const char* value) {

@@ -22,8 +22,9 @@ struct Buffer;
 struct TimeoutId;
 
 struct Message {
-  Connection conn;                          // replies go here; an empty handle for timer messages
-  Buffer* data;                             // owned; null for close notices
+  Connection conn;    // replies go here; an empty handle for timer messages
+  Connection origin;  // set by the reader: the connection read, whose messages in flight it counts
+  Buffer* data;       // owned; null for close notices
   std::map<std::string, std::string>* env;  // owned; made by the first setenv
   bool reserved;             // the reader reserved conn for processing; the worker unreserves
   std::string sessionId;     // filled lazily from conn by getSid
@@ -41,7 +42,8 @@ struct Message {
   // copy.
   Message(const Message&) = default;
   Message& operator=(const Message&) = default;
-  // Deletes data and env; releases the connection handle without closing it.
+  // Deletes data and env; releases the connection handles without closing
+  // them.
   virtual ~Message();
 
   // Inserts or overwrites one environment entry (logged at level 8).

@@ -463,11 +463,23 @@ void ReaderLoop::process(Entry& e, Ms now) {
       again_.push_back(id);
       return;
     }
+    if (!belowInFlightBound(e.c.record())) return;  // the last message over it brings it back
     setDeadline(e, 0);
     e.state = Framing::Unknown;
     e.framed = 0;
     serveOne(e.c);
   }
+}
+
+// Whether the connection may have another message read. At the bound the
+// connection is marked held, and checked again: a message that went in the
+// meantime may not have seen the mark.
+bool ReaderLoop::belowInFlightBound(i_Connection* rec) {
+  if (rec->inFlight.load() < kMaxInFlight) return true;
+  rec->held = true;
+  if (rec->inFlight.load() >= kMaxInFlight) return false;
+  rec->held = false;
+  return true;
 }
 
 // The top adaptor's framing answer for what the connection holds. A message
@@ -515,6 +527,8 @@ void ReaderLoop::serveOne(Connection& c) {
   msg->createdAt = static_cast<std::int64_t>(time(nullptr));
   msg->data = new Buffer(0);
   msg->conn = c;
+  msg->origin = c;
+  ++c.record()->inFlight;
   ctx->message = msg;
   struct ContextReset {
     ~ContextReset() { setContext(nullptr); }

@@ -108,6 +108,9 @@ class i_Port {
   void wakeAll();
 };
 
+// The most messages from one connection that may be in flight at once.
+constexpr int kMaxInFlight = 16;
+
 class i_Connection {
  public:
   explicit i_Connection(socket_t fd_);
@@ -126,6 +129,13 @@ class i_Connection {
   Adaptor* top;
   std::vector<MessageQ*> closeNotify;
 
+  // Messages read from this connection and not destroyed yet. A reader
+  // stops reading a connection that has kMaxInFlight of them (a raw TCP
+  // client that sends faster than the workers answer must not fill a shared
+  // queue) and sets held; the message that brings the count below the bound
+  // then gives the connection back through the mailbox.
+  std::atomic<int> inFlight{0};
+  std::atomic<bool> held{false};
   // The mailbox of the reader thread that accepted this connection (null
   // for outgoing ones): it hears when the connection is given back or closed.
   std::atomic<ReaderMailbox*> mailbox;
@@ -168,6 +178,9 @@ std::size_t sfi_pending(const i_Connection* rec);
 std::size_t sfi_takeInput(i_Connection* rec, Buffer& buf, std::size_t n);
 // Puts bytes in front of the waiting ones (an adaptor read them too far).
 void sfi_unreadInput(i_Connection* rec, const std::string& bytes);
+// A message read from rec is destroyed.
+void sfi_messageGone(i_Connection* rec);
+
 // What one sfi_fillInput found.
 struct InputFill {
   std::size_t got = 0;   // bytes received

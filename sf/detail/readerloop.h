@@ -76,6 +76,7 @@ class ReaderLoop {
   // Serving a connection.
   void onReadable(Entry& e, bool hangup, Ms now);
   void process(Entry& e, Ms now);
+  bool belowInFlightBound(i_Connection* rec);
   Framing frame(Entry& e);
   void serveOne(Connection& c);
   void noteOverload();
