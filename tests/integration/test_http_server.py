@@ -1,17 +1,20 @@
 """The HTTP server role end to end: httpReader queues every request for
-workers that echo its body (a GET's body is its URL), driven by raw
-sockets (curl drives the same reader in the proxy tests)."""
+workers that echo its body (a GET's body is its URL); driven by curl and
+raw sockets."""
 
+import os
 import socket
+import subprocess
 import sys
 import unittest
 
-from sfnet_support import SiteTest, free_port, recv_all
+from sfnet_support import Nginx, SiteTest, curl, free_port, recv_all
 
 CONFIG = """
 set sf.log.level 3
 set sf.tcp.backlog 128
 set sf.http.server sf-test
+set sf.http.body.maxlength 300000
 mkQ http
 set sf.qsize 1
 mkQ stuck
@@ -57,6 +60,19 @@ class HttpServer(SiteTest):
             s.sendall(data)
             return recv_all(s, 10)
 
+    def test_curl_get_post_chunked_head(self):
+        url = "http://127.0.0.1:%d" % self.port
+        self.assertEqual(curl(url + "/hello?x=1"), (200, b"/hello?x=1"))
+        self.assertEqual(curl("--data-binary", "posted body", url + "/p"), (200, b"posted body"))
+        big = "z" * 100000  # more than the reader reads ahead of an unfinished message
+        self.assertEqual(curl("-H", "Transfer-Encoding: chunked", "--data-binary", big, url + "/c"),
+                         (200, big.encode()))
+        # keep-alive across requests: curl reuses one connection for both URLs
+        out = subprocess.run(["curl", "-s", "-v", url + "/one", url + "/two"],
+                             capture_output=True, timeout=30)
+        self.assertEqual(out.stdout, b"/one/two")
+        self.assertIn(b"Re-using existing connection", out.stderr)
+
     def test_raw_requests_and_their_answers(self):
         get = b"GET %s HTTP/1.1\r\nHost: x\r\n\r\n"
         last = b"GET %s HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"
@@ -77,6 +93,26 @@ class HttpServer(SiteTest):
             self.assertEqual(split_responses(self.raw(requests, port)), answers, requests)
         self.assertIn(b"\r\nServer: sf-test\r\n", self.raw(last % b"/s"))  # the configured name
         self.assertEqual(self.raw(b"GET /nine\r\n"), b"/nine")  # HTTP/0.9: the body alone
+
+
+class NginxAsReference(unittest.TestCase):
+    """The parser's table of requests and their statuses, against nginx: a
+    request that nginx refuses is never served by sf."""
+
+    def test_nothing_nginx_refuses_is_served(self):
+        nginx = Nginx('location / { return 200 "ok"; }')
+        self.addCleanup(nginx.close)
+        table = os.path.join(os.path.dirname(__file__), "..", "data", "http", "requests.txt")
+        for line in open(table, encoding="latin-1"):
+            if not line.strip() or line.startswith("#"):
+                continue
+            status, _, text = line.rstrip("\n").partition(" ")
+            request = text.encode("latin-1").decode("unicode_escape").encode("latin-1")
+            with socket.create_connection(("127.0.0.1", nginx.port)) as s:
+                s.sendall(request)
+                s.shutdown(socket.SHUT_WR)
+                served = recv_all(s, 10).startswith((b"HTTP/1.1 2", b"HTTP/1.0 2"))
+            self.assertTrue(served or status != "200", text)
 
 
 if __name__ == "__main__":
