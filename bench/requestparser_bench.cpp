@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "sf/http/requestparser.h"
+#include "sf/http/messageparser.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ const std::string kChunkedPost =
 
 void parse(benchmark::State& state, const std::string& request) {
   const size_t piece = state.range(0) ? static_cast<size_t>(state.range(0)) : request.size();
-  sf::RequestParser parser(8192, 65536);
+  sf::MessageParser parser(8192, 65536);
   for (auto _ : state) {
     parser.reset(8192, 65536);
     for (size_t at = 0; at < request.size() && !parser.complete();) {

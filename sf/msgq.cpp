@@ -134,12 +134,14 @@ int MessageQ::enQ(Message* msg) {
   bool full = next == head;
   if (!full) {
     q->ring[tail] = msg;
-    // The ring holds at most capacity - 1 messages, so the count can never
-    // pass its maximum; if it does, the queue's bookkeeping is broken.
-    if (!platform::semaphore_release(q->count)) sf_fatal("ReleaseSemaphore");
     q->tail = next;
   }
   release(q->mx);
+  // The count goes up once the mutex is free: a consumer it wakes takes the
+  // mutex next, and would otherwise wake only to wait for the producer. The
+  // ring holds at most capacity - 1 messages, so the count can never pass
+  // its maximum; if it does, the queue's bookkeeping is broken.
+  if (!full && !platform::semaphore_release(q->count)) sf_fatal("ReleaseSemaphore");
   if (full) {
     // Logged once the mutex is released: logging may need the interpreter
     // lock, which a script command waiting for this mutex may hold.

@@ -7,11 +7,15 @@ namespace sf {
 
 void ReaderMailbox::post(i_Connection* rec) {
   if (!open_.load() || thread_.load() == platform::thread_id()) return;
+  bool first;
   {
     std::lock_guard<std::mutex> guard(lock_);
+    first = posted_.empty();
     posted_.emplace_back(rec);
   }
-  wakeup.notify();
+  // The reader empties the mailbox after it has read the wake-up, so a
+  // mailbox that already holds a connection has a wake-up on its way.
+  if (first) wakeup.notify();
 }
 
 std::vector<Connection> ReaderMailbox::take() {

@@ -47,6 +47,9 @@ struct TimerState {
   std::list<Entry> pending;   // sorted by expiry; equal expiries in making order
   std::uint32_t counter = 0;  // last id given out
   Event wake;
+  // The expiry the thread sleeps until; (0, 0) while it is awake, when it
+  // looks at the list again before it sleeps.
+  TimeVal sleepUntil{0, 0};
   // The system tick count is 32 bits of milliseconds and wraps after about
   // 49.7 days. The timer extends it to 64 bits (the thread looks at it at
   // least every 10 seconds), so that seconds stay monotonic for far longer
@@ -74,7 +77,7 @@ TimeoutId mkTimeout_gen(unsigned seconds, unsigned microseconds, MessageQ* q, Me
                         bool periodic) {
   TimerState& t = timer();
   std::uint32_t id;
-  bool appended, first;
+  bool appended, wake;
   {
     MxLock guard(t.mx);
     id = ++t.counter;
@@ -93,7 +96,7 @@ TimeoutId mkTimeout_gen(unsigned seconds, unsigned microseconds, MessageQ* q, Me
     auto it = t.pending.end();
     while (it != t.pending.begin() && earlier(e.expiry, std::prev(it)->expiry)) --it;
     appended = it == t.pending.end();
-    first = it == t.pending.begin();
+    wake = it == t.pending.begin() && earlier(e.expiry, t.sleepUntil);
     t.pending.insert(it, e);
   }
   // Logged outside the lock, which a script command may be waiting for while
@@ -102,10 +105,10 @@ TimeoutId mkTimeout_gen(unsigned seconds, unsigned microseconds, MessageQ* q, Me
     SF_LOG(4, "appended timeout %d to queue", static_cast<int>(id));
   else
     SF_LOG(4, "mkTimeout_gen(): inserted timeout %d into queue", static_cast<int>(id));
-  // The thread sleeps until the first expiry: only a new first timer needs
-  // it awake earlier. Waking it for every timer would cost two thread
-  // switches for each message a worker handles under its watchdog.
-  if (first) {
+  // Only a timer due before the thread's planned wake-up needs it awake
+  // earlier. Waking it for every timer would cost two thread switches for
+  // each message a worker handles under its watchdog.
+  if (wake) {
     SF_LOG(8, "signalling timeout queue");
     t.wake.notify();
   }
@@ -162,6 +165,7 @@ void timerThread(void*) {
         note(sfi_fmtlog("now %d.%d < next %d.%d, waiting for event/sleeping",
                         static_cast<int>(n.sec), static_cast<int>(n.usec),
                         static_cast<int>(next.sec), static_cast<int>(next.usec)));
+      t.sleepUntil = next;
       unlock();
       // Whole seconds in milliseconds plus the microsecond difference,
       // borrowing a second when next's microseconds are below now's. Worked
@@ -181,6 +185,7 @@ void timerThread(void*) {
       // 1: woken by a change to the list; 0: the time ran out.
       SF_LOG(8, "wait done status=%d..locking", signalled ? 1 : 0);
       t.mx.lock();
+      t.sleepUntil = TimeVal{0, 0};
     }
     if (t.pending.empty()) {
       note("pending q empty...looping");

@@ -7,30 +7,33 @@
 // application headers are published as environment entries on the calling
 // thread's current Message.
 //
-// Every HttpAdaptor owns a PushbackSandwich directly below it. Header lines
-// are read in blocks of up to 1024 bytes, so bytes past the end of a message
-// (the body, or the next pipelined request) are handed back to it and served
-// before the socket is read again.
+// Every HttpAdaptor owns a PushbackSandwich directly below it. Requests and
+// responses are read by an incremental parser (MessageParser) fed in blocks of
+// up to 4096 bytes; bytes past the end of a message (the next pipelined
+// request, or whatever a server sent after its answer) are handed back to the
+// sandwich and served before the socket is read again.
 //
 // Limits: the header block (sf.http.header.maxlength, default 1024) and the
 // body (sf.http.body.maxlength, default 65535) are enforced while reading;
 // nothing a peer sends can make the adaptor hold more than the limit plus one
 // read block. Framing errors in the server role are thrown as Xreject whose
-// reply holds the status digits (400, 411, 413, 501); the reader turns them
-// into an error reply through reject().
+// reply holds the status digits (400, 411, 413, 501, 505); the reader turns
+// them into an error reply through reject(). In the client role every refused
+// response is an Xproto.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <list>
+#include <memory>
 #include <string>
 
 #include "sf/sflib.h"
 
 #include "sf/adaptor.h"
 #include "sf/connection.h"
-#include "sf/http/requestparser.h"
+#include "sf/http/messageparser.h"
 
 namespace sf {
 
@@ -99,30 +102,16 @@ class HttpAdaptor : public Adaptor {
   // Values of ConnectionData::connection.
   enum { CONN_KEEPALIVE = 0, CONN_CLOSE = 1, CONN_UNSTATED = 2 };
 
-  // What the headers of one message said about its body and connection.
-  // Filled while a message is read; consulted by the body reader and by
-  // closeConnection().
+  // What the headers of one message said about its body and connection;
+  // consulted by closeConnection().
   struct ConnectionData {
     std::int64_t contentLength = 0;  // 0 when none was given
     int connection = CONN_UNSTATED;
     bool readToEof = false;  // the body runs until the peer closes
     bool hasBody = true;
-    // Body-reader state. stage: 0 at the headers, 2 at a chunk-size line;
-    // fragment: 1 when a chunked body is delivered one chunk per call.
-    int stage = 0;
-    int fragment = 0;
     bool chunked = false;
     // The version of the message read (the request's own version).
     HttpVer version = HTTP_1_1;
-
-    // The record for reading the next chunk of a fragmented body.
-    static ConnectionData nextFragment() {
-      ConnectionData d;
-      d.stage = 2;
-      d.fragment = 1;
-      d.chunked = true;
-      return d;
-    }
   };
 
   // Describes one outgoing message.
@@ -182,18 +171,12 @@ class HttpAdaptor : public Adaptor {
   // One message whose body must be exactly n bytes (Xio "read size mismatch").
   void read(Connection* c, Buffer& body, int n) override;
 
-  // Reads one line ending in CR LF into *line, from buf at *pos (refilled
-  // from the adaptor below). Returns true, consuming nothing, when checkHttp
-  // is set and the data does not start with "HTTP/" (an HTTP/0.9 response).
-  bool GetFullLine(std::string* line, Connection* c, Buffer* buf, size_t* pos, bool checkHttp,
-                   bool allowFolding);
   // Reads one whole message; the body goes to body, the application headers
   // to *headers (each "Name: value") when headers is not null.
   void readMessage(Connection* c, Buffer& body, std::list<std::string>* headers);
-  // A response's body as cd describes it (client role).
-  void readMessageBody(Connection* c, Buffer* body, ConnectionData& cd);
-  // Request and status lines. Both throw on malformed lines (Xreject with
-  // 400 or 505, and Xproto respectively).
+  // Request and status lines, by the parser's rules. Both throw on malformed
+  // lines (Xreject with 400 or 505, and Xproto respectively); a status line
+  // that does not start with "HTTP/" is HTTP/0.9, code and reason "null".
   HttpVer parseRequest(const std::string& line, std::string& method, std::string& url);
   HttpVer parseStatus(const std::string& line, std::string& code, std::string& reason);
 
@@ -214,11 +197,13 @@ class HttpAdaptor : public Adaptor {
   void request(Connection& c, const Buffer& body);  // POST when body is not empty, else GET
   void get(Connection& c, const Buffer& body);
   void post(Connection& c, const Buffer& body);
-  void get(Connection* c, const char* url, const std::list<std::string>& headers);
+  // The header lines are kept (requestHeader.headers) to send the request
+  // again when a server asks for credentials: pass them with std::move.
+  void get(Connection* c, const char* url, std::list<std::string> headers);
   void post(Connection* c, const char* url, const char* contentType, const Buffer& body,
-            const std::list<std::string>& headers);
+            std::list<std::string> headers);
   // A HEAD request; the response is read with headers only.
-  void head(Connection* c, const char* url, const std::list<std::string>& headers);
+  void head(Connection* c, const char* url, std::list<std::string> headers);
   // Opens a tunnel through a proxy with CONNECT target; Xio "http connect
   // failed" unless the proxy answers 2xx. Writes HTTP/1.0 afterwards.
   void httpConnect(Connection& c, const char* target);
@@ -278,9 +263,10 @@ class HttpAdaptor : public Adaptor {
   // extraHeaderLine on this and every later request, so that a server's own
   // challenge behind the proxy adds its answer instead of replacing it.
   std::string proxyHeaderLine;
-  // Client role: a response is refused (Xproto) unless it has a status
-  // line, one unambiguous framing and a plain Content-Length; a forwarding
-  // worker sets it so that nothing odd is ever relayed.
+  // Client role: an answer without a status line is refused (Xproto)
+  // instead of being read as HTTP/0.9; a forwarding worker sets it so that
+  // nothing but an HTTP answer is ever relayed. Every other rule of the
+  // response parser holds for every client.
   bool strictResponse = false;
   std::int64_t maxHeader = 1024;
   std::int64_t maxBody = 65535;
@@ -311,24 +297,23 @@ class HttpAdaptor : public Adaptor {
   void deliverBody(Buffer& body);
   // Client role (httpread.cpp).
   void readResponse(Connection* c, Buffer& body, std::list<std::string>* headers);
-  bool readStatusLine(Connection* c, Buffer& hbuf, size_t& pos, ConnectionData& cd);
-  bool readResponseHeaders(Connection* c, Buffer& hbuf, size_t& pos, ConnectionData& cd,
-                           std::list<std::string>* headers);
-  void decideResponseBody(ConnectionData& cd, bool hasContentLength);
-  void readBodyToEof(Connection* c, Buffer* body);
-  void readChunked(Connection* c, Buffer* body, ConnectionData& cd);
+  void receiveResponse(Connection* c);
+  void publishResponse(std::list<std::string>* headers);
+  void deliverResponse(Connection* c, Buffer& body);
   void setEnv(const char* name, const std::string& value);
-  [[noreturn]] void refuseResponse(const char* why);
+  [[noreturn]] static void refuseResponse(const MessageParser::Error& e);
   bool buildHeaders(Connection* c, const Buffer* body, HttpDataType type, HttpHeader* header,
                     Buffer& block);
   void sendMessage(Connection* c, const Buffer& body, HttpDataType type, HttpHeader* header);
   bool requestEndsConnection() const;
   void closeAfterReply(Connection* c);
 
-  Buffer work_;                         // scratch for CONNECT responses
-  RequestParser request_{1024, 65535};  // the request being read (server role)
-  size_t framed_ = 0;                   // bytes frame() fed to it, still below
-  bool continueSent_ = false;           // "100 Continue" written for this request
+  Buffer work_;                              // scratch for CONNECT responses
+  Buffer received_;                          // one read of a response (client role)
+  MessageParser request_{1024, 65535};       // the request being read (server role)
+  std::unique_ptr<MessageParser> response_;  // the response being read (client role)
+  size_t framed_ = 0;                        // bytes frame() fed to it, still below
+  bool continueSent_ = false;                // "100 Continue" written for this request
 };
 
 // The Xreject thrown by the HTTP layer: its reply holds the status digits
@@ -339,6 +324,6 @@ Xreject makeReject(const char* status);
 // key(scope+".*"), key(*); "" when none is set.
 std::string basicCredential(const char* key, const std::string& scope, const std::string& realm);
 // Logs why the parser refused a request and throws its Xreject.
-[[noreturn]] void throwRefusal(const RequestParser::Error& e);
+[[noreturn]] void throwRefusal(const MessageParser::Error& e);
 
 }  // namespace sf

@@ -21,7 +21,7 @@ std::string headerEntry(const std::string& name) {
   return entry;
 }
 
-void throwRefusal(const RequestParser::Error& e) {
+void throwRefusal(const MessageParser::Error& e) {
   SF_LOG(1, "%s", e.text.c_str());
   std::string expression = std::string("makeReject(\"") + e.status + "\")";
   sfi_throwsite(e.site, expression.c_str(), __FILE__, __LINE__);
@@ -54,7 +54,7 @@ void HttpAdaptor::checkRequest(Connection* c) {
   // A client waiting for leave to send its body gets it once the header
   // block is accepted (a body over the limit is refused before this).
   if (request_.headerDone() && request_.hasBody() && !request_.complete() &&
-      request_.expectsContinue() && request_.version() == RequestParser::V11 && !continueSent_) {
+      request_.expectsContinue() && request_.version() == MessageParser::V11 && !continueSent_) {
     SF_LOG(8, "HTTP - Telling the client to continue with its body");
     Buffer cont;
     cont.append("HTTP/1.1 100 Continue\r\n\r\n");
@@ -123,7 +123,7 @@ void HttpAdaptor::publishRequest(std::list<std::string>* headers) {
 
 void HttpAdaptor::deliverBody(Buffer& body) {
   if (!request_.hasBody()) {
-    if (request_.method() == RequestParser::GET) {
+    if (request_.method() == MessageParser::GET) {
       SF_LOG(8, "HTTP - Putting requested URL %s in message body because no native body present",
              request_.target().c_str());
       body.append(request_.target().data(), request_.target().size());

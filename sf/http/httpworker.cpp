@@ -11,6 +11,8 @@
 // relayed: a status line, one framing, and nothing after the message. A
 // backend that breaks any of these gets the client a 502 and loses its
 // connection, so no later client can be served bytes meant for another.
+#include <utility>
+
 #include "sf/http/httpreader.h"
 #include "sf/message.h"
 
@@ -49,7 +51,7 @@ std::string hopOptions(const std::string& connection) {
 bool forwarded(const std::string& name, const std::string& hopOptions) {
   for (const char* n : kNotForwarded)
     if (name == n) return false;
-  return hopOptions.find("," + name + ",") == std::string::npos;
+  return hopOptions.size() <= 2 || hopOptions.find("," + name + ",") == std::string::npos;
 }
 
 // "x-forwarded-for" -> "X-Forwarded-For".
@@ -130,18 +132,25 @@ void HttpWorker::sendRequest(HttpAdaptor* http, Message* msg) {
   std::string type;
   std::string forwardedFor;
   if (msg->env) {
-    const std::string prefix = headerEntry("");
-    const std::string hop = hopOptions(msg->getenv(headerEntry("connection").c_str()));
-    for (const auto& entry : *msg->env) {
-      if (entry.first.compare(0, prefix.size(), prefix) != 0) continue;
-      std::string name = entry.first.substr(prefix.size());
-      if (hasControl(entry.second)) {
+    // The header entries sort together, after the reader's own entries.
+    static const std::string prefix = headerEntry("");
+    auto connection = msg->env->find(headerEntry("connection"));
+    const std::string hop =
+        hopOptions(connection == msg->env->end() ? std::string() : connection->second);
+    for (auto entry = msg->env->lower_bound(prefix);
+         entry != msg->env->end() && entry->first.compare(0, prefix.size(), prefix) == 0; ++entry) {
+      std::string name = entry->first.substr(prefix.size());
+      const std::string& value = entry->second;
+      if (hasControl(value)) {
         SF_LOG(1, "HTTP - Header %s holds a control character, not forwarding", name.c_str());
         SF_THROW("forward", Xinvalid());
       }
-      if (name == "content-type") type = entry.second;
-      if (name == "x-forwarded-for") forwardedFor = entry.second + ", ";
-      if (forwarded(name, hop)) headers.push_back(displayName(name) + ": " + entry.second);
+      if (name == "content-type") type = value;
+      if (name == "x-forwarded-for") forwardedFor = value + ", ";
+      if (!forwarded(name, hop)) continue;
+      std::string line = displayName(name);
+      line.reserve(line.size() + 2 + value.size());
+      headers.push_back(std::move(line.append(": ").append(value)));
     }
   }
   std::string peer = msg->conn.remoteinfo();
@@ -150,9 +159,10 @@ void HttpWorker::sendRequest(HttpAdaptor* http, Message* msg) {
   // A HEAD is asked as a GET, so that the reply announces the length a GET
   // would get; the reply to HEAD then leaves the body out.
   if (method == "GET" || method == "HEAD")
-    http->get(&backend, url.c_str(), headers);
+    http->get(&backend, url.c_str(), std::move(headers));
   else
-    http->post(&backend, url.c_str(), type.empty() ? nullptr : type.c_str(), data, headers);
+    http->post(&backend, url.c_str(), type.empty() ? nullptr : type.c_str(), data,
+               std::move(headers));
 }
 
 // Until the backend's first byte, the client is watched: one that closed
@@ -175,9 +185,7 @@ void HttpWorker::readAnswer(Buffer& answer) {
   try {
     backend.read(answer);
   } catch (Xproto&) {
-    throw BadGateway();
-  } catch (Xreject&) {
-    throw BadGateway();  // a framing error in the answer
+    throw BadGateway();  // refused by the response parser
   }
   if (backend.socketNo() != INVALID_SOCK && (backend.hasBufferedData() || backend.isReadReady(0))) {
     // More than one message, or the server closing mid-stream: nothing of

@@ -1,8 +1,12 @@
 // sf::HttpAdaptor, writing: requests, replies, rejections, chunked bodies
 // and the rule that closes a connection after a message.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
+#include <string_view>
+#include <utility>
 
 #include "sf/http/httpadaptor.h"
 #include "sf/runtime.h"
@@ -35,6 +39,50 @@ bool startsWith(const std::string& s, const char* prefix) {
   return s.compare(0, strlen(prefix), prefix) == 0;
 }
 
+// Appends one header line joined from parts, cut to the line limit, and its
+// CR LF. A line break inside a part would start a header (or a message) of
+// the part's choosing, and a NUL ends a line early for some readers: such a
+// line is refused, nothing of it written.
+void addLine(Buffer& block, std::initializer_list<std::string_view> parts) {
+  for (std::string_view part : parts) {
+    for (char ch : part) {
+      if (ch == '\r' || ch == '\n' || ch == '\0') {
+        SF_LOG(1, "HTTP - Refusing to write a header line that holds CR or LF");
+        SF_THROW("crlf", Xinvalid());
+      }
+    }
+  }
+  size_t start = block.size(), room = kLineMax - 1;
+  for (std::string_view part : parts) {
+    size_t n = std::min(part.size(), room);
+    block.append(part.data(), n);
+    room -= n;
+  }
+  SF_LOG(7, "HTTP - Writing header line: \"%.*s\"", static_cast<int>(block.size() - start),
+         block.data + start);
+  block.append("\r\n", 2);
+}
+
+// A status as written in a status line: three digits, zero-padded.
+std::string statusDigits(int status) {
+  if (status < 0 || status > 999) return std::to_string(status);
+  char d[3] = {char('0' + status / 100), char('0' + status / 10 % 10), char('0' + status % 10)};
+  return std::string(d, 3);
+}
+
+const char* versionText(HttpAdaptor::HttpVer v) {
+  switch (v) {
+    case HttpAdaptor::HTTP_0_9:
+      return "HTTP/0.9";
+    case HttpAdaptor::HTTP_1_0:
+      return "HTTP/1.0";
+    case HttpAdaptor::HTTP_1_1:
+      return "HTTP/1.1";
+    default:
+      return "HTTP/";  // a later version is written as the bare prefix
+  }
+}
+
 // Gives back the reservation of an owed reply when the reply is over, also
 // when writing it failed.
 struct ReplyGuard {
@@ -60,20 +108,7 @@ void HttpAdaptor::replyDone(Connection* c) {
 }
 
 void HttpAdaptor::appendVer(Buffer& b, HttpVer v) {
-  b.append("HTTP/");
-  switch (v) {
-    case HTTP_0_9:
-      b.append("0.9");
-      break;
-    case HTTP_1_0:
-      b.append("1.0");
-      break;
-    case HTTP_1_1:
-      b.append("1.1");
-      break;
-    default:
-      break;  // a later version is written as the bare prefix
-  }
+  b.append(versionText(v));
 }
 
 void HttpAdaptor::writeLine(Buffer& block, const char* text) {
@@ -114,20 +149,14 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
     return true;
   }
 
-  char lb[kLineMax];
   bool result = true;
   int status = 0;
   if (isClient) {
     const std::string& url = header && !header->url.empty() ? header->url : requestURL;
-    std::string ver;
-    if (version > HTTP_0_9) {
-      Buffer v;
-      appendVer(v, version);
-      ver.assign(v.data, v.size());
-    }
-    snprintf(lb, sizeof lb, "%s %s%s%s", methodWord(type), url.c_str(), ver.empty() ? "" : " ",
-             ver.c_str());
-    writeLine(block, lb);
+    if (version > HTTP_0_9)
+      addLine(block, {methodWord(type), " ", url, " ", versionText(version)});
+    else
+      addLine(block, {methodWord(type), " ", url});
     if (version == HTTP_0_9) return true;  // the request line is all there is
     for (const std::string* credentials : {&proxyHeaderLine, &extraHeaderLine}) {
       // Credentials: written, never logged.
@@ -143,8 +172,7 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
     status = header ? header->status : statusResult;
     const std::string& reason = header ? header->reason : statusReason;
     // The status line always says HTTP/1.1.
-    snprintf(lb, sizeof lb, "HTTP/1.1 %3.3d %s", status, reason.c_str());
-    writeLine(block, lb);
+    addLine(block, {"HTTP/1.1 ", statusDigits(status), " ", reason});
     if (status == 204 || status == 205 || status == 304) result = false;
   }
   if (type == HEAD_REQUEST) result = false;
@@ -155,8 +183,7 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
       case POST_REQUEST:
       case REPLY:
       case CONNECT_REQUEST:
-        snprintf(lb, sizeof lb, "Content-Length: %d", static_cast<int>(length));
-        writeLine(block, lb);
+        addLine(block, {"Content-Length: ", std::to_string(length)});
         break;
       case CHUNKED_REPLY:
       case CHUNKED_POST:
@@ -189,16 +216,14 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
   if (header) stuff(header->headers);
 
   if (isClient)
-    snprintf(lb, sizeof lb, "User-Agent: %s", userAgent.c_str());
+    addLine(block, {"User-Agent: ", userAgent});
   else
-    snprintf(lb, sizeof lb, "Server: %s", serverType.c_str());
-  writeLine(block, lb);
+    addLine(block, {"Server: ", serverType});
 
   if (!ownType && type != GET_REQUEST && type != HEAD_REQUEST) {
     const std::string& ct =
         header && !header->contentType.empty() ? header->contentType : contentType;
-    snprintf(lb, sizeof lb, "Content-Type: %s", ct.c_str());
-    writeLine(block, lb);
+    addLine(block, {"Content-Type: ", ct});
   }
 
   if (isClient && version == HTTP_1_1 && !ownHost) {
@@ -206,8 +231,7 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
     std::string host = c ? c->remoteinfo() : std::string();
     size_t plus = host.find('+');
     if (plus != std::string::npos) host[plus] = ':';
-    snprintf(lb, sizeof lb, "Host: %s", host.c_str());
-    writeLine(block, lb);
+    addLine(block, {"Host: ", host});
   }
   block.append("\r\n", 2);
   return result;
@@ -371,28 +395,28 @@ void HttpAdaptor::post(Connection& c, const Buffer& body) {
   post(&c, nullptr, nullptr, body, std::list<std::string>());
 }
 
-void HttpAdaptor::get(Connection* c, const char* url, const std::list<std::string>& headers) {
+void HttpAdaptor::get(Connection* c, const char* url, std::list<std::string> headers) {
   SF_LOG(7, "HTTP - Issuing users GET request.");
   pending.resize(0);
-  requestHeader.headers = headers;
+  requestHeader.headers = std::move(headers);
   requestHeader.url = url ? url : "";
   requestHeader.method = METHOD_GET;
   writeHeaders(c, nullptr, GET_REQUEST, &requestHeader);
 }
 
-void HttpAdaptor::head(Connection* c, const char* url, const std::list<std::string>& headers) {
+void HttpAdaptor::head(Connection* c, const char* url, std::list<std::string> headers) {
   SF_LOG(7, "HTTP - Issuing users HEAD request.");
   pending.resize(0);
-  requestHeader.headers = headers;
+  requestHeader.headers = std::move(headers);
   requestHeader.url = url ? url : "";
   requestHeader.method = METHOD_HEAD;
   writeHeaders(c, nullptr, HEAD_REQUEST, &requestHeader);
 }
 
 void HttpAdaptor::post(Connection* c, const char* url, const char* type, const Buffer& body,
-                       const std::list<std::string>& headers) {
+                       std::list<std::string> headers) {
   SF_LOG(7, "HTTP - Issuing users POST request.");
-  requestHeader.headers = headers;
+  requestHeader.headers = std::move(headers);
   requestHeader.url = url ? url : "";
   requestHeader.contentType = type ? type : "";
   requestHeader.method = METHOD_POST;

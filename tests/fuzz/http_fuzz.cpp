@@ -1,8 +1,9 @@
 // libFuzzer target: HTTP message reading in both roles over an in-memory
 // lower adaptor. Byte 0: bit 0 client role, bits 1-2 smaller limits, bit 3
 // HEAD, bit 4 read as fragments, bit 5 (server role) framed as the
-// event-driven reader does. Byte 1: the largest segment one lower read
-// delivers, and the seed of the framed splits. The rest is the peer's stream,
+// event-driven reader does, (client role) a strict client. Byte 1: the
+// largest segment one lower read delivers (each read a random size up to
+// it), and the seed of the random splits. The rest is the peer's stream,
 // read until it ends or a message is refused; a server-side refusal is
 // answered through reject(). Framed, the stream is fed to frame() in random
 // splits and each Whole message read with readPdu; the requests and verdicts
@@ -26,6 +27,7 @@ class Feed : public sf::Adaptor {
   size_t left = 0;
   size_t segment = 1;
   size_t written = 0;
+  std::mt19937 rng;
 
   void take(sf::Buffer& b, size_t n) {
     n = std::min(left, n);
@@ -35,7 +37,7 @@ class Feed : public sf::Adaptor {
   }
   void readPdu(sf::Connection*, sf::Buffer& b) override {
     if (left == 0) throw sf::Xclosed();
-    take(b, segment);
+    take(b, 1 + rng() % segment);
   }
   void readTillEof(sf::Connection*, sf::Buffer& b, int n) override {
     take(b, n > 0 ? static_cast<size_t>(n) : left);
@@ -55,6 +57,7 @@ struct Peer {
     feed->p = p;
     feed->left = n;
     feed->segment = segment;
+    feed->rng.seed(segment);
     conn.push(feed);
     http->setMaxHeader((control & 2) ? 256 : 1024);
     http->setMaxBody((control & 4) ? 300 : 4096);
@@ -132,6 +135,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
   Peer s(data[0], data + 2, size - 2, 1 + data[1]);
   sf::HttpAdaptor* http = s.http;
   if (client && (data[0] & 8)) http->requestHeader.method = sf::HttpAdaptor::METHOD_HEAD;
+  http->strictResponse = client && (data[0] & 32);
   bool fragments = data[0] & 16;
   for (int messages = 0; messages < 64; ++messages) {
     sf::Buffer body;

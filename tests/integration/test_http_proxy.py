@@ -51,6 +51,7 @@ ODD_ANSWERS = {
     "/both": b"HTTP/1.1 200 OK\r\nContent-Length: 4\r\nTransfer-Encoding: chunked\r\n\r\n"
              b"4\r\nfour\r\n0\r\n\r\n",
     "/twolengths": b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\nContent-Length: 3\r\n\r\nabc",
+    "/badlength": b"HTTP/1.1 200 OK\r\nContent-Length: 3x\r\n\r\nabc",
 }
 
 
@@ -127,6 +128,7 @@ class HttpProxy(SiteTest):
             (odd, req("GET", "/nothttp"), 502, []),
             (odd, req("GET", "/both"), 502, []),
             (odd, req("GET", "/twolengths"), 502, []),
+            (odd, req("GET", "/badlength"), 502, []),
             (odd, req("GET", "/x", "X-A: a\rInjected: 1"), 400, []),
             (tunnel, req("POST", "/ignored", body=b"data!"), 200,
              [b"POST /tunnel-in HTTP/1.1\r\n", b"Content-Type: text/plain\r\n",

@@ -1,10 +1,11 @@
 // POSIX implementation of the synchronisation primitives: a recursive
-// pthread mutex, and events and semaphores built from a mutex, a condition
-// variable and a counter on the monotonic clock.
+// pthread mutex, events built from a mutex, a condition variable and a flag
+// on the monotonic clock, and semaphores on POSIX semaphores.
 #include "sf/platform/sync.h"
 
 #include <errno.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <time.h>
 
 #include <atomic>
@@ -64,7 +65,9 @@ int mutex_unlock(RecursiveMutex* m) {
   return pthread_mutex_unlock(&m->mx);
 }
 
-bool mutex_owned_by_caller(const RecursiveMutex* m) { return owned_by_caller(m); }
+bool mutex_owned_by_caller(const RecursiveMutex* m) {
+  return owned_by_caller(m);
+}
 
 std::uint64_t mutex_trace_value(const RecursiveMutex* m) {
   return reinterpret_cast<std::uintptr_t>(m);
@@ -143,60 +146,63 @@ static bool event_wait_common(AutoEvent* e, const timespec* deadline) {
   return got;
 }
 
-void event_wait(AutoEvent* e) { event_wait_common(e, nullptr); }
+void event_wait(AutoEvent* e) {
+  event_wait_common(e, nullptr);
+}
 
 bool event_wait_ms(AutoEvent* e, std::uint32_t ms) {
   timespec deadline = deadline_after(ms);
   return event_wait_common(e, &deadline);
 }
 
+// A POSIX semaphore does the waiting: it takes no lock and makes a system
+// call only to put a thread to sleep or to wake a sleeping one. It has no
+// maximum, so the count that the maximum applies to is kept beside it: it
+// goes up before the semaphore is posted and down after a wait took a post,
+// so it is never below the semaphore's own value.
 struct CountingSemaphore {
-  pthread_mutex_t mx;
-  pthread_cond_t cv;
-  int count;
+  sem_t sem;
+  std::atomic<int> count;
   int maximum;
 };
 
 CountingSemaphore* semaphore_create(int initial, int maximum) {
   CountingSemaphore* s = new CountingSemaphore;
-  pthread_mutex_init(&s->mx, nullptr);
-  init_monotonic_cond(&s->cv);
-  s->count = initial;
+  sem_init(&s->sem, 0, static_cast<unsigned>(initial));
+  s->count.store(initial);
   s->maximum = maximum;
   return s;
 }
 
 void semaphore_destroy(CountingSemaphore* s) {
   if (!s) return;
-  pthread_cond_destroy(&s->cv);
-  pthread_mutex_destroy(&s->mx);
+  sem_destroy(&s->sem);
   delete s;
 }
 
 bool semaphore_release(CountingSemaphore* s) {
-  pthread_mutex_lock(&s->mx);
-  bool ok = s->count < s->maximum;
-  if (ok) {
-    ++s->count;
-    pthread_cond_signal(&s->cv);
-  }
-  pthread_mutex_unlock(&s->mx);
-  return ok;
+  int c = s->count.load();
+  do {
+    if (c >= s->maximum) return false;
+  } while (!s->count.compare_exchange_weak(c, c + 1));
+  sem_post(&s->sem);
+  return true;
 }
 
-static bool semaphore_wait_common(CountingSemaphore* s, const timespec* deadline) {
-  pthread_mutex_lock(&s->mx);
-  bool got = wait_until(&s->cv, &s->mx, deadline, [s] { return s->count > 0; });
-  if (got) --s->count;
-  pthread_mutex_unlock(&s->mx);
-  return got;
+void semaphore_wait(CountingSemaphore* s) {
+  while (sem_wait(&s->sem) != 0) {
+  }  // interrupted by a signal: wait again
+  s->count.fetch_sub(1);
 }
-
-void semaphore_wait(CountingSemaphore* s) { semaphore_wait_common(s, nullptr); }
 
 bool semaphore_wait_ms(CountingSemaphore* s, std::uint32_t ms) {
   timespec deadline = deadline_after(ms);
-  return semaphore_wait_common(s, &deadline);
+  int rc;
+  while ((rc = sem_clockwait(&s->sem, CLOCK_MONOTONIC, &deadline)) != 0 && errno == EINTR) {
+  }
+  if (rc != 0) return false;
+  s->count.fetch_sub(1);
+  return true;
 }
 
 }  // namespace platform

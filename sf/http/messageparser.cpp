@@ -1,9 +1,11 @@
-// sf::RequestParser: the request line, the header block and the body
-// framing of one HTTP/1.x request. The state machine steps one byte at a
+// sf::MessageParser: the start line, the header block and the body framing
+// of one HTTP/1.x request or response. The state machine steps one byte at a
 // time where a byte can change the state; runs of bytes that are only kept
-// (method, target, header names and values) and bodies are taken in bulk.
-#include "sf/http/requestparser.h"
+// (method, target, reason, header names and values) and bodies are taken in
+// bulk.
+#include "sf/http/messageparser.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -58,11 +60,31 @@ int hexValue(unsigned char c) {
   return -1;
 }
 
-std::string trimmed(const std::string& s) {
-  size_t b = 0, e = s.size();
+// Calls f with each element of a comma-separated list, trimmed; empty
+// elements are skipped. Stops at the first element f refuses.
+template <class F>
+bool eachElement(const std::string& list, F f) {
+  size_t start = 0;
+  while (start <= list.size()) {
+    size_t comma = list.find(',', start);
+    if (comma == std::string::npos) comma = list.size();
+    size_t b = start, e = comma;
+    while (b < e && isBlank(list[b])) ++b;
+    while (e > b && isBlank(list[e - 1])) --e;
+    if (e > b && !f(list.substr(b, e - b))) return false;
+    start = comma + 1;
+  }
+  return true;
+}
+
+// Drops the blanks around a header value, in place.
+void trim(std::string& s) {
+  size_t e = s.size();
+  while (e > 0 && isBlank(s[e - 1])) --e;
+  s.resize(e);
+  size_t b = 0;
   while (b < e && isBlank(s[b])) ++b;
-  while (e > b && isBlank(s[e - 1])) --e;
-  return s.substr(b, e - b);
+  s.erase(0, b);
 }
 
 bool iequal(const std::string& s, const char* word) {
@@ -71,20 +93,20 @@ bool iequal(const std::string& s, const char* word) {
 
 // "HTTP/" digit "." digit: false when malformed; unsupported versions are
 // well formed and reported through *supported.
-bool versionOf(const std::string& text, RequestParser::Version* v, bool* supported) {
+bool versionOf(const std::string& text, MessageParser::Version* v, bool* supported) {
   if (text.size() != 8 || text.compare(0, 5, "HTTP/") != 0 || !isDigit(text[5]) || text[6] != '.' ||
       !isDigit(text[7]))
     return false;
   *supported = text[5] == '1' && (text[7] == '0' || text[7] == '1');
-  *v = text[7] == '0' ? RequestParser::V10 : RequestParser::V11;
+  *v = text[7] == '0' ? MessageParser::V10 : MessageParser::V11;
   return true;
 }
 
-RequestParser::Method methodOf(const std::string& word) {
-  if (word == "GET") return RequestParser::GET;
-  if (word == "POST") return RequestParser::POST;
-  if (word == "HEAD") return RequestParser::HEAD;
-  return RequestParser::NONE;
+MessageParser::Method methodOf(const std::string& word) {
+  if (word == "GET") return MessageParser::GET;
+  if (word == "POST") return MessageParser::POST;
+  if (word == "HEAD") return MessageParser::HEAD;
+  return MessageParser::NONE;
 }
 
 }  // namespace
@@ -92,19 +114,21 @@ RequestParser::Method methodOf(const std::string& word) {
 // The headers that decide framing or the connection. Everything else is an
 // application header, kept in arrival order; so is Connection, whose list
 // tells a forwarding proxy which other headers belong to this hop only.
-const RequestParser::FieldRule RequestParser::kFieldRules[] = {
-    {"Host", &RequestParser::onHost, true},
-    {"Content-Length", &RequestParser::onContentLength, false},
-    {"Transfer-Encoding", &RequestParser::onTransferEncoding, false},
-    {"Connection", &RequestParser::onConnection, true},
-    {"Proxy-Connection", &RequestParser::onConnection, false},
+const MessageParser::FieldRule MessageParser::kFieldRules[] = {
+    {"Host", &MessageParser::onHost, true},
+    {"Content-Length", &MessageParser::onContentLength, false},
+    {"Transfer-Encoding", &MessageParser::onTransferEncoding, false},
+    {"Connection", &MessageParser::onConnection, true},
+    {"Proxy-Connection", &MessageParser::onConnection, false},
     {"Keep-Alive", nullptr, false},
 };
 
-void RequestParser::reset(std::int64_t maxHeader, std::int64_t maxBody) {
+void MessageParser::reset(std::int64_t maxHeader, std::int64_t maxBody) {
   maxHeader_ = maxHeader;
   maxBody_ = maxBody < 0 ? 0 : maxBody;
-  state_ = LEADING_CR_LF;
+  state_ = role_ == REQUEST ? LEADING_CR_LF : STATUS_VERSION;
+  answering_ = GET;
+  allowSimple_ = false;
   error_ = Error();
   paused_ = false;
   headerBytes_ = extensionBytes_ = 0;
@@ -119,7 +143,9 @@ void RequestParser::reset(std::int64_t maxHeader, std::int64_t maxBody) {
   haveField_ = false;
   fields_.clear();
   hasHost_ = hasContentLength_ = hasTransferEncoding_ = chunked_ = false;
-  expectContinue_ = hasBody_ = false;
+  expectContinue_ = hasBody_ = untilClose_ = false;
+  status_ = 0;
+  reason_.clear();
   contentLength_ = 0;
   connection_ = UNSTATED;
   left_ = 0;
@@ -127,15 +153,17 @@ void RequestParser::reset(std::int64_t maxHeader, std::int64_t maxBody) {
   body_.clear();
 }
 
-bool RequestParser::fail(const char* status, const char* site, std::string text) {
-  error_.status = status;
+bool MessageParser::fail(const char* status, const char* site, std::string text) {
+  // A response that cannot be read as sent is a bad gateway, whatever
+  // was wrong with it.
+  error_.status = role_ == RESPONSE ? "502" : status;
   error_.site = site;
   error_.text = std::move(text);
   state_ = FAILED;
   return false;
 }
 
-size_t RequestParser::feed(const char* p, size_t n) {
+size_t MessageParser::feed(const char* p, size_t n) {
   size_t i = 0;
   while (i < n && state_ != DONE && state_ != FAILED && !paused_) {
     if (state_ == LENGTH_BODY) {
@@ -144,9 +172,14 @@ size_t RequestParser::feed(const char* p, size_t n) {
     } else if (state_ == CHUNK_DATA) {
       i += takeBody(p + i, n - i, &left_);
       if (left_ == 0) state_ = CHUNK_DATA_CR;
+    } else if (state_ == UNTIL_CLOSE) {
+      i += takeBody(p + i, n - i, &left_);
+      if (left_ == 0 && i < n)
+        fail("502", "http: Size of body exceeded bounds",
+             "HTTP - Message body exceeds size boundary");
     } else if (size_t run = takeRun(p + i, n - i)) {
       i += run;
-    } else if (!step(p[i++])) {
+    } else if (state_ == FAILED || !step(p[i++])) {
       break;
     }
   }
@@ -157,7 +190,8 @@ size_t RequestParser::feed(const char* p, size_t n) {
 // takes the bytes that step() would only append, up to the first byte that
 // changes state and within the header limit (the byte past the limit goes to
 // step(), which refuses it). Returns how many it took.
-size_t RequestParser::takeRun(const char* p, size_t n) {
+size_t MessageParser::takeRun(const char* p, size_t n) {
+  const unsigned char* u = reinterpret_cast<const unsigned char*>(p);
   std::string* into;
   unsigned char cls;
   switch (state_) {
@@ -168,11 +202,23 @@ size_t RequestParser::takeRun(const char* p, size_t n) {
     case TARGET:
       into = &target_, cls = kTargetByte;
       break;
+    case FIELD_START:
+      // A token starts the next header's name, so the header before it is
+      // complete (acted on here, which may refuse the message).
+      if (!(kClasses.of[u[0]] & kTokenByte) || headerBytes_ >= maxHeader_ || !finishField())
+        return 0;
+      name_.clear();
+      state_ = FIELD_NAME;
+      into = &name_, cls = kTokenByte;
+      break;
     case FIELD_NAME:
       into = &name_, cls = kTokenByte;
       break;
     case FIELD_VALUE:
       into = &value_, cls = kValueByte;
+      break;
+    case STATUS_REASON:
+      into = &reason_, cls = kValueByte;
       break;
     default:
       return 0;
@@ -181,9 +227,16 @@ size_t RequestParser::takeRun(const char* p, size_t n) {
   size_t limit = room <= 0                              ? 0
                  : static_cast<std::uint64_t>(room) < n ? static_cast<size_t>(room)
                                                         : n;
-  const unsigned char* u = reinterpret_cast<const unsigned char*>(p);
   size_t run = 0;
   while (run < limit && (kClasses.of[u[run]] & cls)) ++run;
+  if ((state_ == FIELD_VALUE || state_ == STATUS_REASON) && run + 2 <= limit && u[run] == '\r' &&
+      u[run + 1] == '\n') {
+    // The line's CR LF, both here and within the limit: the next line starts.
+    into->append(p, run);
+    headerBytes_ += static_cast<std::int64_t>(run) + 2;
+    state_ = FIELD_START;
+    return run + 2;
+  }
   if (run == 0) return 0;
   into->append(p, run);
   headerBytes_ += static_cast<std::int64_t>(run);
@@ -191,7 +244,7 @@ size_t RequestParser::takeRun(const char* p, size_t n) {
   return run;
 }
 
-size_t RequestParser::takeBody(const char* p, size_t n, std::int64_t* left) {
+size_t MessageParser::takeBody(const char* p, size_t n, std::int64_t* left) {
   size_t take = static_cast<std::uint64_t>(*left) < n ? static_cast<size_t>(*left) : n;
   body_.append(p, take);
   *left -= static_cast<std::int64_t>(take);
@@ -199,13 +252,80 @@ size_t RequestParser::takeBody(const char* p, size_t n, std::int64_t* left) {
 }
 
 // Counts one byte toward the header (or trailer) limit.
-bool RequestParser::headerByte() {
+bool MessageParser::headerByte() {
   if (++headerBytes_ <= maxHeader_) return true;
   return fail("413", "http: Maximum header size reached",
-              "HTTP - Request exceeded maximum header size of " + std::to_string(maxHeader_));
+              std::string("HTTP - ") + noun() + " exceeded maximum header size of " +
+                  std::to_string(maxHeader_));
 }
 
-bool RequestParser::step(char ch) {
+void MessageParser::finish() {
+  if (state_ == UNTIL_CLOSE) {
+    state_ = DONE;
+  } else if (state_ != DONE && state_ != FAILED) {
+    fail("502", "cutShort", "HTTP - The peer closed before the end of the message");
+  }
+}
+
+// One byte of a status line: "HTTP/" digit "." digit, SP, three digits, and
+// SP and a reason (taken in runs by takeRun) or the line's end.
+bool MessageParser::statusByte(char ch) {
+  const unsigned char c = static_cast<unsigned char>(ch);
+  switch (state_) {
+    case STATUS_VERSION:
+      if (versionText_.size() < 5 &&
+          c != static_cast<unsigned char>("HTTP/"[versionText_.size()])) {
+        // (after an interim answer the stream is past its start)
+        bool atStart = headerBytes_ == static_cast<std::int64_t>(versionText_.size()) + 1;
+        if (!allowSimple_ || !atStart)
+          return fail("502", "nostatus", "HTTP - The answer does not start with a status line");
+        // No status line at all: an HTTP/0.9 answer, all of it the body.
+        body_ = versionText_;
+        body_.push_back(ch);
+        headerBytes_ = 0;
+        version_ = V09;
+        headerDone_ = hasBody_ = untilClose_ = true;
+        left_ = std::max<std::int64_t>(0, maxBody_ - static_cast<std::int64_t>(body_.size()));
+        state_ = UNTIL_CLOSE;
+        return true;
+      }
+      if (c == ' ') return endStatusLine();
+      if (versionText_.size() >= 8 || !isVisible(c))
+        return fail("502", "expVER", "HTTP - Expected a version number in the status line");
+      versionText_.push_back(ch);
+      return true;
+    case STATUS_CODE:
+      if (isDigit(c) && status_ < 100) {
+        status_ = status_ * 10 + (c - '0');
+        return true;
+      }
+      if (status_ >= 100 && (c == ' ' || c == '\r')) {
+        state_ = c == ' ' ? STATUS_REASON : STATUS_LF;
+        return true;
+      }
+      return fail("502", "3dgtstat", "HTTP - Expected a 3 digit status code in the header");
+    case STATUS_REASON:
+      if (c == '\r') {
+        state_ = STATUS_LF;
+        return true;
+      }
+      return fail("502", "badReason", "HTTP - Control character in the status line");
+    default:  // STATUS_LF
+      if (c != '\n') return fail("502", "bareCR", kBareLineEnd);
+      state_ = FIELD_START;
+      return true;
+  }
+}
+
+bool MessageParser::endStatusLine() {
+  bool supported = false;
+  if (!versionOf(versionText_, &version_, &supported) || !supported)
+    return fail("502", "expVER", "HTTP - Expected a version number in the status line");
+  state_ = STATUS_CODE;
+  return true;
+}
+
+bool MessageParser::step(char ch) {
   const unsigned char c = static_cast<unsigned char>(ch);
   if (state_ <= BLOCK_END_LF && !headerByte()) return false;
   switch (state_) {
@@ -271,6 +391,11 @@ bool RequestParser::step(char ch) {
     case REQUEST_LINE_LF:
       if (c != '\n') return fail("400", "bareCR", kBareLineEnd);
       return endRequestLine();
+    case STATUS_VERSION:
+    case STATUS_CODE:
+    case STATUS_REASON:
+    case STATUS_LF:
+      return statusByte(ch);
     case FIELD_START:
       if (c == '\r') {
         state_ = BLOCK_END_LF;
@@ -318,7 +443,8 @@ bool RequestParser::step(char ch) {
     case BLOCK_END_LF:
       if (c != '\n') return fail("400", "bareCR", kBareLineEnd);
       if (!finishField()) return false;
-      return inTrailer_ ? endTrailer() : endHeaderBlock();
+      if (inTrailer_) return endTrailer();
+      return role_ == REQUEST ? endHeaderBlock() : endResponseHead();
     case CHUNK_SIZE_START:
     case CHUNK_SIZE: {
       int d = hexValue(c);
@@ -383,7 +509,7 @@ bool RequestParser::step(char ch) {
   }
 }
 
-bool RequestParser::endRequestLine() {
+bool MessageParser::endRequestLine() {
   bool supported = false;
   if (!versionOf(versionText_, &version_, &supported))
     return fail("400", "expVER", "HTTP - Expected version number in header");
@@ -394,13 +520,15 @@ bool RequestParser::endRequestLine() {
 
 // Acts on the header just read (its value now complete) through the table,
 // or keeps it as an application header. In a trailer nothing is kept.
-bool RequestParser::finishField() {
+bool MessageParser::finishField() {
   if (!haveField_) return true;
   haveField_ = false;
   if (inTrailer_) return true;
-  std::string value = trimmed(value_);
+  trim(value_);
+  std::string& value = value_;
   for (const FieldRule& rule : kFieldRules) {
-    if (!iequal(name_, rule.name)) continue;
+    if (name_.size() != rule.name.size() || !iequals(name_.data(), name_.size(), rule.name.data()))
+      continue;
     if (rule.action && !(this->*rule.action)(value)) return false;
     if (rule.publish) fields_.emplace_back(std::move(name_), std::move(value));
     return true;
@@ -410,13 +538,14 @@ bool RequestParser::finishField() {
   return true;
 }
 
-bool RequestParser::onHost(const std::string&) {
+bool MessageParser::onHost(const std::string&) {
+  if (role_ == RESPONSE) return true;  // only a request names its host
   if (hasHost_) return fail("400", "twoHosts", "HTTP - Request with two Host headers");
   hasHost_ = true;
   return true;
 }
 
-bool RequestParser::onContentLength(const std::string& value) {
+bool MessageParser::onContentLength(const std::string& value) {
   if (value.empty() || value.find_first_not_of("0123456789") != std::string::npos)
     return fail("400", "badLength", "HTTP - Content-Length is not a decimal number");
   std::int64_t n = 0;
@@ -425,14 +554,30 @@ bool RequestParser::onContentLength(const std::string& value) {
     n = n > (INT64_MAX - 9) / 10 ? INT64_MAX : n * 10 + (d - '0');
   }
   if (hasContentLength_)
-    return fail("400", "twoLengths", "HTTP - Request with two Content-Length headers");
+    return fail("400", "twoLengths",
+                std::string("HTTP - ") + noun() + " with two Content-Length headers");
   hasContentLength_ = true;
   contentLength_ = n;
   return true;
 }
 
-bool RequestParser::onTransferEncoding(const std::string& value) {
-  // Only one coding is understood, and only on its own: anything else would
+bool MessageParser::onTransferEncoding(const std::string& value) {
+  if (role_ == RESPONSE) {
+    // Codings may be stacked, over one or more lines; chunked frames the
+    // body only as the last of them, and is never applied twice.
+    hasTransferEncoding_ = true;
+    bool any = false;
+    return eachElement(value,
+                       [&](const std::string& coding) {
+                         if (chunked_)
+                           return fail("502", "badCoding",
+                                       "HTTP - Transfer-Encoding with a coding after chunked");
+                         chunked_ = iequal(coding, "chunked");
+                         return any = true;
+                       }) &&
+           (any || fail("502", "badCoding", "HTTP - Transfer-Encoding without a coding"));
+  }
+  // A request may use one coding only, on its own: anything else would
   // leave the body's end to a guess.
   if (hasTransferEncoding_ || !iequal(value, "chunked"))
     return fail("400", "badCoding", "HTTP - Transfer-Encoding other than chunked alone");
@@ -440,24 +585,19 @@ bool RequestParser::onTransferEncoding(const std::string& value) {
   return true;
 }
 
-bool RequestParser::onConnection(const std::string& value) {
+bool MessageParser::onConnection(const std::string& value) {
   // A list of options; close wins over keep-alive.
-  size_t start = 0;
-  while (start <= value.size()) {
-    size_t comma = value.find(',', start);
-    if (comma == std::string::npos) comma = value.size();
-    std::string option = trimmed(value.substr(start, comma - start));
+  return eachElement(value, [this](const std::string& option) {
     if (iequal(option, "Close")) {
       connection_ = CLOSE;
     } else if (iequal(option, "Keep-Alive") && connection_ != CLOSE) {
       connection_ = KEEP_ALIVE;
     }
-    start = comma + 1;
-  }
-  return true;
+    return true;
+  });
 }
 
-bool RequestParser::endHeaderBlock() {
+bool MessageParser::endHeaderBlock() {
   headerDone_ = true;
   if (!hasHost_ && version_ == V11)
     return fail("400", "nohost",
@@ -481,14 +621,59 @@ bool RequestParser::endHeaderBlock() {
   return true;
 }
 
-bool RequestParser::endTrailer() {
+// The framing of a response's body, decided once its header block is read.
+bool MessageParser::endResponseHead() {
+  if (status_ < 200) {
+    if (status_ == 101)
+      return fail("502", "upgrade", "HTTP - Switching protocols, which was never asked for");
+    // An interim answer: the final one follows. Its bytes still count
+    // toward the header limit, so a stream of them stays bounded.
+    versionText_.clear();
+    reason_.clear();
+    fields_.clear();
+    status_ = 0;
+    hasContentLength_ = hasTransferEncoding_ = chunked_ = false;
+    contentLength_ = 0;
+    connection_ = UNSTATED;
+    state_ = STATUS_VERSION;
+    return true;
+  }
+  headerDone_ = true;
+  if (hasTransferEncoding_ && (hasContentLength_ || version_ == V10))
+    return fail("502", "badFraming", "HTTP - Transfer-Encoding with Content-Length or HTTP/1.0");
+  if (answering_ == HEAD || status_ == 204 || status_ == 304 ||
+      (answering_ == CONNECT && status_ / 100 == 2)) {
+    state_ = DONE;  // whatever the header block announced
+    return true;
+  }
+  hasBody_ = true;
+  if (chunked_) {
+    state_ = CHUNK_SIZE_START;
+    return true;
+  }
+  if (hasTransferEncoding_ || !hasContentLength_) {
+    untilClose_ = true;
+    left_ = maxBody_;
+    state_ = UNTIL_CLOSE;
+    return true;
+  }
+  if (contentLength_ > maxBody_)
+    return fail("502", "http: Size of body exceeded bounds",
+                "HTTP - Message body exceeds size boundary");
+  hasBody_ = contentLength_ > 0;
+  left_ = contentLength_;
+  state_ = hasBody_ ? LENGTH_BODY : DONE;
+  return true;
+}
+
+bool MessageParser::endTrailer() {
   state_ = DONE;
   return true;
 }
 
-bool RequestParser::parseRequestLine(const std::string& line, std::string& method,
+bool MessageParser::parseRequestLine(const std::string& line, std::string& method,
                                      std::string& target, Version& version, Error* error) {
-  RequestParser p(static_cast<std::int64_t>(line.size()) + 2, 0);
+  MessageParser p(static_cast<std::int64_t>(line.size()) + 2, 0);
   p.feed(line.data(), line.size());
   p.feed("\r\n", 2);
   if (p.failed()) {
@@ -497,6 +682,21 @@ bool RequestParser::parseRequestLine(const std::string& line, std::string& metho
   }
   method = p.method_;
   target = p.target_;
+  version = p.version_;
+  return true;
+}
+
+bool MessageParser::parseStatusLine(const std::string& line, int& status, std::string& reason,
+                                    Version& version, Error* error) {
+  MessageParser p(static_cast<std::int64_t>(line.size()) + 2, 0, RESPONSE);
+  p.feed(line.data(), line.size());
+  p.feed("\r\n", 2);
+  if (p.failed() || p.state_ != FIELD_START) {
+    *error = p.error();
+    return false;
+  }
+  status = p.status_;
+  reason = p.reason_;
   version = p.version_;
   return true;
 }

@@ -1,38 +1,47 @@
-// sf::RequestParser: an incremental, strict HTTP/1.x request parser.
+// sf::MessageParser: an incremental, strict HTTP/1.x message parser, for
+// requests (server role) and responses (client role).
 //
 // A flat state machine fed the bytes of a connection in any split: each call
-// to feed() looks at every byte once, keeps what the request says (request
-// line, application headers, body) and stops at the end of the message, so
-// the bytes of a pipelined request that follows are never taken. It does no
-// I/O and no logging: a refused request leaves an Error that names the
-// status, the throw-site word and the log line, for the adaptor to report.
+// to feed() looks at every byte once, keeps what the message says (request or
+// status line, application headers, body) and stops at the end of the
+// message, so the bytes that follow it are never taken. It does no I/O and no
+// logging: a refused message leaves an Error that names the status, the
+// throw-site word and the log line, for the adaptor to report.
 //
-// What it refuses (docs/http.md has the table):
-//  - lines end with CR LF only: a bare LF or a bare CR anywhere in the request
-//    line, the header block, a chunk-size line or the trailer is 400;
-//  - control characters (NUL included) in the method, the target, a header
-//    name or value are 400, as is white space before a header's colon;
-//  - a version other than HTTP/1.0 and HTTP/1.1 is 505 (a malformed one 400);
-//  - a folded header line (obsolete line folding), Content-Length that is
-//    not all digits, two Content-Length headers (even equal ones),
-//    Transfer-Encoding other than a single "chunked", Transfer-Encoding with
-//    Content-Length or in an HTTP/1.0 request, two Host headers: 400;
+// What it refuses in both roles (docs/http.md has the tables):
+//  - lines end with CR LF only: a bare LF or a bare CR anywhere in the start
+//    line, the header block, a chunk-size line or the trailer;
+//  - control characters (NUL included) in a header name or value, white
+//    space before a header's colon, a folded header line;
+//  - Content-Length that is not all digits or is given twice (even equal),
+//    Transfer-Encoding with Content-Length or in an HTTP/1.0 message;
 //  - the header block, the trailer and the chunk extensions are each held to
-//    the header limit, the body to the body limit (413); a chunk size has at
-//    most 16 hexadecimal digits and nothing else before its extension.
-// Empty lines before the request line are skipped (they count toward the
-// header limit). A request line of GET and a target alone is HTTP/0.9.
+//    the header limit, the body to the body limit; a chunk size has at most
+//    16 hexadecimal digits and nothing else before its extension.
+// Requests: a version other than HTTP/1.0 and HTTP/1.1 is 505 (a malformed
+// one 400), control characters in the method or target, Transfer-Encoding
+// other than a single "chunked", two Host headers are 400, other refusals
+// their own status. Empty lines before the request line are skipped. A
+// request line of GET and a target alone is HTTP/0.9.
+// Responses: the status line is "HTTP/1.0" or "HTTP/1.1", three digits and a
+// reason; the body is framed as RFC 9112 says for responses (none for 1xx,
+// 204, 304, an answer to HEAD or a successful CONNECT; chunked when chunked
+// is the last transfer coding, and chunked anywhere else is refused; by
+// Content-Length; otherwise until the peer closes, see finish()). Interim
+// 1xx answers are skipped, 101 is refused (no upgrade is ever asked for).
+// Every refusal of a response has the status 502.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 namespace sf {
 
-class RequestParser {
+class MessageParser {
  public:
   // Why a request is refused: the reply status, the short word of the throw
   // record, and the log line (at level 1) that says what was wrong.
@@ -42,11 +51,14 @@ class RequestParser {
     std::string text;
   };
 
+  enum Role { REQUEST, RESPONSE };
   enum Version { V09, V10, V11 };
-  enum Method { NONE, GET, POST, HEAD };
+  enum Method { NONE, GET, POST, HEAD, CONNECT };
   enum ConnectionWish { KEEP_ALIVE, CLOSE, UNSTATED };
 
-  RequestParser(std::int64_t maxHeader, std::int64_t maxBody) { reset(maxHeader, maxBody); }
+  MessageParser(std::int64_t maxHeader, std::int64_t maxBody, Role role = REQUEST) : role_(role) {
+    reset(maxHeader, maxBody);
+  }
 
   // Consumes bytes of p up to the end of the message (or the end of the
   // current chunk when pausing at chunks); returns how many it took. Nothing
@@ -55,7 +67,17 @@ class RequestParser {
   // Starts over for the next message, with these limits.
   void reset(std::int64_t maxHeader, std::int64_t maxBody);
   // Whether any byte of the current message has been taken.
-  bool started() const { return state_ != LEADING_CR_LF || headerBytes_ > 0; }
+  bool started() const { return headerBytes_ > 0 || headerDone_; }
+  // Responses: the method of the request being answered (HEAD and CONNECT
+  // change the framing), and whether a reply without a status line is taken
+  // as HTTP/0.9, all of it the body. Set after reset(), before feed().
+  void answering(Method request, bool allowSimple) {
+    answering_ = request;
+    allowSimple_ = allowSimple;
+  }
+  // Responses: the peer closed the connection. Ends a body that runs until
+  // then; anywhere else the message is refused as cut short.
+  void finish();
   // Stop after every chunk of a chunked body (fragment delivery); resume()
   // goes on to the next one.
   void pauseAtChunks(bool on) { pauseAtChunks_ = on; }
@@ -66,13 +88,18 @@ class RequestParser {
   const Error& error() const { return error_; }
   bool headerDone() const { return headerDone_; }
   bool complete() const { return state_ == DONE; }
-  // A body follows the header block (by length or by chunks).
+  // A body follows the header block (by length, by chunks, or until close).
   bool hasBody() const { return hasBody_; }
+  // Responses: the body runs until the peer closes.
+  bool untilClose() const { return untilClose_; }
 
   // What the request said; valid once the header block is done.
   const std::string& methodWord() const { return method_; }
   Method method() const { return methodCode_; }
   const std::string& target() const { return target_; }
+  // What the response said.
+  int status() const { return status_; }
+  const std::string& reason() const { return reason_; }
   Version version() const { return version_; }
   ConnectionWish connection() const { return connection_; }
   bool chunked() const { return chunked_; }
@@ -83,10 +110,12 @@ class RequestParser {
   // The body taken so far (and not yet taken away by the caller).
   std::string& body() { return body_; }
 
-  // Checks a whole request line (without its CR LF) by the same rules.
-  // Returns false with *error set when the line is refused.
+  // Checks a whole request or status line (without its CR LF) by the same
+  // rules. Returns false with *error set when the line is refused.
   static bool parseRequestLine(const std::string& line, std::string& method, std::string& target,
                                Version& version, Error* error);
+  static bool parseStatusLine(const std::string& line, int& status, std::string& reason,
+                              Version& version, Error* error);
 
  private:
   enum State {
@@ -98,7 +127,11 @@ class RequestParser {
     VERSION,
     REQUEST_LINE_LF,
     SIMPLE_REQUEST_LF,  // HTTP/0.9: the request line is the whole request
-    FIELD_START,        // a header line, a continuation, or the block's end
+    STATUS_VERSION,     // responses: "HTTP/1.1"
+    STATUS_CODE,
+    STATUS_REASON,
+    STATUS_LF,
+    FIELD_START,  // a header line, a continuation, or the block's end
     FIELD_NAME,
     FIELD_VALUE,
     FIELD_LF,
@@ -112,6 +145,7 @@ class RequestParser {
     CHUNK_DATA,
     CHUNK_DATA_CR,
     CHUNK_DATA_LF,
+    UNTIL_CLOSE,  // a response body that ends when the peer closes
     DONE,
     FAILED
   };
@@ -120,6 +154,10 @@ class RequestParser {
   bool fail(const char* status, const char* site, std::string text);
   bool headerByte();
   bool endRequestLine();
+  bool statusByte(char ch);
+  bool endStatusLine();
+  bool endResponseHead();
+  const char* noun() const { return role_ == REQUEST ? "Request" : "Response"; }
   bool finishField();
   bool endHeaderBlock();
   bool endTrailer();
@@ -130,14 +168,17 @@ class RequestParser {
   size_t takeBody(const char* p, size_t n, std::int64_t* left);
   size_t takeRun(const char* p, size_t n);
 
-  using FieldAction = bool (RequestParser::*)(const std::string&);
+  using FieldAction = bool (MessageParser::*)(const std::string&);
   struct FieldRule {
-    const char* name;
+    std::string_view name;
     FieldAction action;  // null: the header is dropped
     bool publish;        // also kept as an application header
   };
   static const FieldRule kFieldRules[];
 
+  Role role_;
+  Method answering_ = GET;
+  bool allowSimple_ = false;
   std::int64_t maxHeader_ = 0;
   std::int64_t maxBody_ = 0;
   State state_ = LEADING_CR_LF;
@@ -162,6 +203,9 @@ class RequestParser {
   bool chunked_ = false;
   bool expectContinue_ = false;
   bool hasBody_ = false;
+  bool untilClose_ = false;
+  int status_ = 0;
+  std::string reason_;
   std::int64_t contentLength_ = 0;
   ConnectionWish connection_ = UNSTATED;
 

@@ -1,5 +1,5 @@
-// RequestParser: the shared table of requests gives its verdicts however the
-// bytes are split, and the limits hold to the byte.
+// MessageParser: the shared tables of requests and of responses give their
+// verdicts however the bytes are split, and the limits hold to the byte.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -9,15 +9,17 @@
 #include <string>
 #include <vector>
 
-#include "sf/http/requestparser.h"
+#include "sf/http/messageparser.h"
 
-using sf::RequestParser;
+using sf::MessageParser;
 
 namespace {
 
 struct Case {
   std::string status;
+  MessageParser::Method answering;  // responses: what the request was
   std::string bytes;
+  size_t end;  // where the message ends: a ^ in the table, else at the end
 };
 
 std::string unescape(const std::string& s) {
@@ -38,24 +40,37 @@ std::string unescape(const std::string& s) {
   return out;
 }
 
-std::vector<Case> table() {
+std::vector<Case> table(const char* name, bool responses) {
   const char* src = getenv("SF_TEST_SOURCE_DIR");
   std::filesystem::path root = src ? std::filesystem::path(src) / "tests"
                                    : std::filesystem::path(__FILE__).parent_path().parent_path();
-  std::ifstream in(root / "data/http/requests.txt");
+  std::ifstream in(root / "data/http" / name);
   std::vector<Case> cases;
-  for (std::string line; std::getline(in, line);)
-    if (!line.empty() && line[0] != '#')
-      cases.push_back({line.substr(0, 3), unescape(line.substr(4))});
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    Case c{line.substr(0, 3), MessageParser::GET, line.substr(4), 0};
+    if (responses) {
+      std::string word = c.bytes.substr(0, c.bytes.find(' '));
+      c.bytes.erase(0, word.size() + 1);
+      if (word != "GET")
+        c.answering = word == "HEAD" ? MessageParser::HEAD : MessageParser::CONNECT;
+    }
+    c.bytes = unescape(c.bytes);
+    c.end = c.bytes.find('^');
+    if (c.end == std::string::npos)
+      c.end = c.bytes.size();
+    else
+      c.bytes.erase(c.end, 1);
+    cases.push_back(c);
+  }
   return cases;
 }
 
 // The parser's verdict on bytes fed in pieces of the given sizes (the last
-// size repeats): the refusal's status, "200" for a whole request, "more"
+// size repeats): the refusal's status, "200" for a whole message, "more"
 // when it waits for bytes; and how many bytes it took.
-std::string verdict(const std::string& bytes, const std::vector<size_t>& sizes,
-                    std::int64_t maxHeader = 1024, size_t* taken = nullptr) {
-  RequestParser p(maxHeader, 65535);
+std::string verdict(MessageParser& p, const std::string& bytes, const std::vector<size_t>& sizes,
+                    size_t* taken = nullptr) {
   size_t at = 0, k = 0;
   while (at < bytes.size() && !p.complete() && !p.failed()) {
     size_t n = std::min(sizes[std::min(k++, sizes.size() - 1)], bytes.size() - at);
@@ -67,30 +82,68 @@ std::string verdict(const std::string& bytes, const std::vector<size_t>& sizes,
   return p.failed() ? p.error().status : p.complete() ? "200" : "more";
 }
 
+std::string verdict(const std::string& bytes, const std::vector<size_t>& sizes,
+                    std::int64_t maxHeader = 1024, size_t* taken = nullptr) {
+  MessageParser p(maxHeader, 65535);
+  return verdict(p, bytes, sizes, taken);
+}
+
+// A response's verdict, as verdict() but "eof" for one that ends only when
+// the peer closes; *taken must be where the message ends.
+std::string responseVerdict(const Case& c, const std::vector<size_t>& sizes, size_t* taken) {
+  MessageParser p(1024, 65535, MessageParser::RESPONSE);
+  p.answering(c.answering, false);
+  std::string v = verdict(p, c.bytes, sizes, taken);
+  if (v != "more") return v;
+  p.finish();
+  return p.failed() ? p.error().status : "eof";
+}
+
+// Random splits of a message: piece sizes from 1 to 9 bytes.
+std::vector<size_t> randomSplit(std::mt19937& rng, size_t size) {
+  std::vector<size_t> sizes;
+  for (size_t sum = 0; sum < size; sum += sizes.back()) sizes.push_back(1 + rng() % 9);
+  return sizes;
+}
+
 }  // namespace
 
-TEST(RequestParser, TableVerdictsDoNotDependOnTheSplit) {
-  std::vector<Case> cases = table();
+TEST(MessageParser, TableVerdictsDoNotDependOnTheSplit) {
+  std::vector<Case> cases = table("requests.txt", false);
   ASSERT_GT(cases.size(), 40u);
   std::mt19937 rng(7);
   for (const Case& c : cases) {
     EXPECT_EQ(verdict(c.bytes, {c.bytes.size()}), c.status) << c.bytes;
     EXPECT_EQ(verdict(c.bytes, {1}), c.status) << "one byte at a time: " << c.bytes;
-    for (int round = 0; round < 20; ++round) {
-      std::vector<size_t> sizes;
-      for (size_t sum = 0; sum < c.bytes.size(); sum += sizes.back())
-        sizes.push_back(1 + rng() % 9);
-      EXPECT_EQ(verdict(c.bytes, sizes), c.status) << "random split: " << c.bytes;
+    for (int round = 0; round < 20; ++round)
+      EXPECT_EQ(verdict(c.bytes, randomSplit(rng, c.bytes.size())), c.status)
+          << "random split: " << c.bytes;
+  }
+}
+
+TEST(MessageParser, ResponseTableVerdictsAndEndsDoNotDependOnTheSplit) {
+  std::vector<Case> cases = table("responses.txt", true);
+  ASSERT_GT(cases.size(), 30u);
+  std::mt19937 rng(11);
+  for (const Case& c : cases) {
+    std::vector<std::vector<size_t>> splits = {{c.bytes.size()}, {1}};
+    for (int round = 0; round < 20; ++round) splits.push_back(randomSplit(rng, c.bytes.size()));
+    for (const auto& sizes : splits) {
+      size_t taken = 0;
+      EXPECT_EQ(responseVerdict(c, sizes, &taken), c.status) << c.bytes;
+      if (c.status != "502") {
+        EXPECT_EQ(taken, c.end) << c.bytes;
+      }
     }
   }
 }
 
-TEST(RequestParser, StopsAtTheMessageEndAndKeepsWhatItSaid) {
+TEST(MessageParser, StopsAtTheMessageEndAndKeepsWhatItSaid) {
   const std::string first =
       "POST /p?q HTTP/1.1\r\nHost: h\r\nX-A: one two \r\nConnection: keep-alive, close\r\n"
       "Transfer-Encoding: chunked\r\n\r\n3;x=y\r\nabc\r\n2\r\nde\r\n0\r\nX-T: t\r\n\r\n";
   const std::string stream = first + "GET /next HTTP/1.1\r\n";
-  RequestParser p(1024, 100);
+  MessageParser p(1024, 100);
   p.pauseAtChunks(true);
   std::string pieces;
   size_t at = 0;
@@ -103,12 +156,12 @@ TEST(RequestParser, StopsAtTheMessageEndAndKeepsWhatItSaid) {
   EXPECT_EQ(pieces, "abc|de||");
   EXPECT_EQ(at, first.size());
   EXPECT_EQ(p.methodWord() + " " + p.target(), "POST /p?q");
-  EXPECT_EQ(p.connection(), RequestParser::CLOSE);
+  EXPECT_EQ(p.connection(), MessageParser::CLOSE);
   ASSERT_EQ(p.fields().size(), 3u);  // the trailer and Transfer-Encoding are not kept
   EXPECT_EQ(p.fields()[1].first + "=" + p.fields()[1].second, "X-A=one two");
 }
 
-TEST(RequestParser, HeaderAndBodyLimitsHoldToTheByte) {
+TEST(MessageParser, HeaderAndBodyLimitsHoldToTheByte) {
   // A header block of exactly the limit is read; one byte more is refused.
   const std::string head = "GET / HTTP/1.1\r\nHost: x\r\nX-Pad: ";
   const std::string block = head + std::string(100 - head.size() - 4, 'p') + "\r\n\r\n";
@@ -126,7 +179,7 @@ TEST(RequestParser, HeaderAndBodyLimitsHoldToTheByte) {
     for (int i = 0; i < chunks; ++i) r += "1\r\nz\r\n";
     return r + "0\r\n\r\n";
   };
-  RequestParser p(1024, 65535);
+  MessageParser p(1024, 65535);
   std::string all = chunked(65535);
   EXPECT_EQ(p.feed(all.data(), all.size()), all.size());
   EXPECT_TRUE(p.complete());
