@@ -76,10 +76,10 @@ int main(int argc, char** argv) {
   for (;;) {
     Clock::time_point now = Clock::now();
     if (now >= end) break;
-    std::uint64_t ready[64];
+    sf::platform::EventSet::Ready ready[64];
     int nready = set.wait(ready, 64, 100);
     for (int k = 0; k < nready; ++k) {
-      Client& c = clients[ready[k]];
+      Client& c = clients[ready[k].key];
       long r = pf::sock_recv(c.s, c.buf + c.got, kMsg - c.got);
       if (r <= 0) {
         ++errors;

@@ -26,11 +26,11 @@ int main(int argc, char** argv) {
   pf::EventSet set;
   set.add(l, l, pf::EventSet::Level);
   char buf[4096];
-  std::uint64_t ready[64];
+  pf::EventSet::Ready ready[64];
   for (;;) {
     int n = set.wait(ready, 64, -1);
     for (int i = 0; i < n; ++i) {
-      pf::sock_t s = ready[i];
+      pf::sock_t s = ready[i].key;
       if (s == l) {
         pf::sock_t c = pf::sock_accept(l);
         if (c != pf::kNoSock) {

@@ -528,14 +528,14 @@ void sfi_unreadInput(i_Connection* rec, const std::string& bytes) {
   rec->inputPos = 0;
 }
 
-std::size_t sfi_fillInput(i_Connection* rec, std::size_t max, bool* ended) {
+InputFill sfi_fillInput(i_Connection* rec, std::size_t max, bool peerClosed) {
   // Received into scratch space first, so that the connection's own buffer
   // only ever holds what arrived.
   static thread_local char scratch[16384];
   socket_t s = rec->fd.load();
-  std::size_t got = 0;
-  *ended = s == INVALID_SOCK;
-  while (!*ended && sfi_pending(rec) < max) {
+  InputFill fill;
+  fill.ended = s == INVALID_SOCK;
+  while (!fill.ended && sfi_pending(rec) < max) {
     std::size_t want = std::min(max - sfi_pending(rec), sizeof scratch);
     long r = platform::sock_recv(s, scratch, want);
     if (r > 0) {
@@ -544,18 +544,25 @@ std::size_t sfi_fillInput(i_Connection* rec, std::size_t max, bool* ended) {
         rec->inputPos = 0;
       }
       rec->input.append(scratch, static_cast<std::size_t>(r));
-      got += static_cast<std::size_t>(r);
-      SF_LOG(3, "%llu.recv->%d bytes; total=%zd", static_cast<ull>(s), static_cast<int>(r), got);
-      if (static_cast<std::size_t>(r) < want) break;  // the socket has no more
+      fill.got += static_cast<std::size_t>(r);
+      SF_LOG(3, "%llu.recv->%d bytes; total=%zd", static_cast<ull>(s), static_cast<int>(r),
+             fill.got);
+      if (static_cast<std::size_t>(r) < want && !peerClosed) {  // a stream gives all it has
+        fill.emptied = true;
+        break;
+      }
       continue;
     }
     int err = platform::last_error();
     if (r < 0 && platform::err_interrupted(err)) continue;
-    if (r < 0 && platform::err_would_block(err)) break;
+    if (r < 0 && platform::err_would_block(err)) {
+      fill.emptied = true;
+      break;
+    }
     if (r < 0 && platform::err_conn_reset(err)) SF_LOG(4, "connection forcibly closed by client");
-    *ended = true;
+    fill.ended = true;
   }
-  return got;
+  return fill;
 }
 
 // ---- the I/O dump ----

@@ -31,8 +31,8 @@ typedef unsigned long long ull;
 
 // A pass ends after 10 seconds without activity.
 const int kPassMs = 10000;
-// Bytes taken from one socket per readiness, and the most a connection
-// holds beyond an unfinished message (the framing step bounds the message).
+// The most a connection holds beyond an unfinished message (the framing
+// step bounds the message itself).
 const size_t kReadAhead = 64 * 1024;
 // Messages served from one connection before the others get their turn.
 const int kBurst = 16;
@@ -109,7 +109,7 @@ ReaderLoop::~ReaderLoop() {
 }
 
 void ReaderLoop::run() {
-  std::uint64_t keys[64];
+  platform::EventSet::Ready ready[64];
   for (;;) {
     try {
       Ms now = nowMs();
@@ -120,9 +120,9 @@ void ReaderLoop::run() {
           return;
         }
       }
-      int n = set_.wait(keys, 64, again_.empty() ? waitMs(now) : 0);
+      int n = set_.wait(ready, 64, again_.empty() ? waitMs(now) : 0);
       now = nowMs();
-      for (int i = 0; i < n; ++i) dispatch(keys[i], now);
+      for (int i = 0; i < n; ++i) dispatch(ready[i], now);
       readMail(now);
       serveAgain(now);
       expire(now);
@@ -145,14 +145,15 @@ int ReaderLoop::waitMs(Ms now) const {
   return wait < 0 ? 0 : static_cast<int>(wait);
 }
 
-void ReaderLoop::dispatch(std::uint64_t key, Ms now) {
+void ReaderLoop::dispatch(const platform::EventSet::Ready& ready, Ms now) {
+  std::uint64_t key = ready.key;
   if (key == kWakeKey) {
     mailbox_->wakeup.drain();
   } else if (key == kListenKey) {
     acceptClients(now);
   } else {
     auto it = conns_.find(static_cast<int>(key));
-    if (it != conns_.end()) onReadable(it->second, now);
+    if (it != conns_.end()) onReadable(it->second, ready.hangup, now);
   }
 }
 
@@ -242,9 +243,7 @@ void ReaderLoop::beginDrain(Ms now) {
     if (it == conns_.end()) continue;
     Entry& e = it->second;
     if (e.c.isReserved()) continue;  // the give-back brings it back
-    bool ended = false;
-    if (e.c.socketNo() != INVALID_SOCK) sfi_fillInput(e.c.record(), kReadAhead, &ended);
-    if (ended) e.ended = true;
+    take(e);
     process(e, now);
   }
 }
@@ -348,7 +347,7 @@ void ReaderLoop::acceptClients(Ms now) {
     Entry& e = conns_[rec->id];
     e.c = fresh;
     e.fd = fd;
-    set_.add(fd, static_cast<std::uint64_t>(rec->id), platform::EventSet::Once);
+    set_.add(fd, static_cast<std::uint64_t>(rec->id), platform::EventSet::Edge);
     sfi_armIdleTimer(fresh, port_->idleTimeout_s);
   }
 }
@@ -382,13 +381,32 @@ bool ReaderLoop::admit(Connection& fresh) {
 
 // ---- serving ----
 
-void ReaderLoop::onReadable(Entry& e, Ms now) {
-  e.armed = false;
-  if (e.c.isReserved()) return;  // the worker's give-back brings it back
-  bool ended = false;
-  if (e.c.socketNo() != INVALID_SOCK) sfi_fillInput(e.c.record(), kReadAhead, &ended);
-  if (ended) e.ended = true;
+// Bytes are reported once: they are taken now, or by process() when the
+// worker gives the connection back.
+void ReaderLoop::onReadable(Entry& e, bool hangup, Ms now) {
+  e.unread = true;
+  if (hangup) e.hangup = true;
+  if (e.c.isReserved()) return;
+  take(e);
   process(e, now);
+}
+
+// Receives what the socket holds, up to read-ahead beyond the unfinished
+// message; returns the bytes received. Once the socket is read empty, new
+// bytes are reported again.
+size_t ReaderLoop::take(Entry& e) {
+  if (e.c.socketNo() == INVALID_SOCK) return 0;
+  i_Connection* rec = e.c.record();
+  size_t unfinished = e.state == Framing::Header || e.state == Framing::Body ? e.framed : 0;
+  InputFill fill = sfi_fillInput(rec, unfinished + kReadAhead, e.hangup);
+  if (fill.ended) {
+    e.ended = true;
+    e.unread = false;
+  } else if (fill.emptied) {
+    e.unread = false;
+    set_.drained(e.fd, static_cast<std::uint64_t>(e.c.nonce()));
+  }
+  return fill.got;
 }
 
 // Serves every whole message the connection holds (up to a burst), then
@@ -410,14 +428,14 @@ void ReaderLoop::process(Entry& e, Ms now) {
       e.framed = 0;
       // While draining, what has arrived by now is still served; closing
       // with unread bytes would reset the connection under the last reply.
-      if (draining_ && !e.ended && sfi_fillInput(e.c.record(), kReadAhead, &e.ended) > 0) continue;
+      if (draining_ && !e.ended && take(e) > 0) continue;
       if (e.ended || draining_) {
         if (e.ended) SF_LOG(5, "reader: connection closed detected");
         tcp_close(e.c);
         drop(id);
         return;
       }
-      arm(e);
+      if (e.unread && (take(e) > 0 || e.ended)) continue;
       return;
     }
     Framing f = len == e.framed ? e.state : frame(e);
@@ -437,7 +455,7 @@ void ReaderLoop::process(Entry& e, Ms now) {
         drop(id);
         return;
       }
-      if (len < kReadAhead || f == Framing::Body) arm(e);
+      if (e.unread && (take(e) > 0 || e.ended)) continue;
       return;
     }
     if (served == kBurst) {
@@ -567,11 +585,6 @@ void ReaderLoop::setDeadline(Entry& e, Ms when) {
   if (e.deadline) deadlines_.erase({e.deadline, id});
   e.deadline = when;
   if (when) deadlines_.insert({when, id});
-}
-
-void ReaderLoop::arm(Entry& e) {
-  if (e.armed) return;
-  e.armed = set_.rearm(e.fd, static_cast<std::uint64_t>(e.c.nonce())) == 0;
 }
 
 void ReaderLoop::drop(int id) {

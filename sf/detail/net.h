@@ -168,10 +168,17 @@ std::size_t sfi_pending(const i_Connection* rec);
 std::size_t sfi_takeInput(i_Connection* rec, Buffer& buf, std::size_t n);
 // Puts bytes in front of the waiting ones (an adaptor read them too far).
 void sfi_unreadInput(i_Connection* rec, const std::string& bytes);
+// What one sfi_fillInput found.
+struct InputFill {
+  std::size_t got = 0;   // bytes received
+  bool ended = false;    // the peer closed or reset the connection
+  bool emptied = false;  // the socket had nothing more to give
+};
 // Receives what the socket has, without waiting, until max bytes wait or
-// the socket has no more; sets *ended when the peer closed or reset it.
-// Returns the bytes received.
-std::size_t sfi_fillInput(i_Connection* rec, std::size_t max, bool* ended);
+// the socket has no more. With peerClosed (the peer is known to have closed
+// its side) a short read is not taken to mean that nothing is left: reading
+// goes on until the close itself is read.
+InputFill sfi_fillInput(i_Connection* rec, std::size_t max, bool peerClosed);
 
 // Accepts one client of port without waiting: a new connection, or one
 // without a record when accept failed, with *error the system's reason.

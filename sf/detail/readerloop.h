@@ -44,7 +44,8 @@ class ReaderLoop {
   struct Entry {
     Connection c;
     socket_t fd;                       // as registered in the event set
-    bool armed = true;                 // watched for its next bytes
+    bool unread = false;               // bytes were reported that are not taken yet
+    bool hangup = false;               // the peer's close was reported
     bool ended = false;                // the peer closed its side
     Framing state = Framing::Unknown;  // the last answer for an unfinished message
     size_t framed = 0;                 // bytes the last framing answer saw
@@ -53,7 +54,7 @@ class ReaderLoop {
 
   // The pieces of one pass.
   int waitMs(Ms now) const;
-  void dispatch(std::uint64_t key, Ms now);
+  void dispatch(const platform::EventSet::Ready& ready, Ms now);
   void readMail(Ms now);
   void serveAgain(Ms now);
   void expire(Ms now);
@@ -73,13 +74,13 @@ class ReaderLoop {
   void stopAccepting();
 
   // Serving a connection.
-  void onReadable(Entry& e, Ms now);
+  void onReadable(Entry& e, bool hangup, Ms now);
   void process(Entry& e, Ms now);
   Framing frame(Entry& e);
   void serveOne(Connection& c);
   void noteOverload();
   void setDeadline(Entry& e, Ms when);
-  void arm(Entry& e);
+  size_t take(Entry& e);
   void drop(int id);
 
   Reader* reader_;

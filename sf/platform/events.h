@@ -17,7 +17,9 @@ class EventSet {
   // How a descriptor is watched.
   enum Mode {
     Level,      // reported by every wait while it stays readable
-    Once,       // reported once, then ignored until rearm()
+    Edge,       // reported when bytes arrive; after a report, reported again
+                // only for bytes that arrive once the owner has read it empty
+                // and said so with drained()
     Exclusive,  // as Level, but of several sets watching it only one is woken
                 // (a listening socket that several threads accept on)
   };
@@ -29,14 +31,24 @@ class EventSet {
 
   // 0 on success, -1 with last_error() set.
   int add(std::uint64_t s, std::uint64_t key, Mode mode);
-  // Watches a descriptor added with Once again.
-  int rearm(std::uint64_t s, std::uint64_t key);
+  // Says that a descriptor added with Edge was read until it had nothing
+  // more: bytes that arrive from now on are reported.
+  int drained(std::uint64_t s, std::uint64_t key);
   int remove(std::uint64_t s);
 
-  // Waits at most timeout_ms (0: just look, -1: for ever) and stores the keys
-  // of up to max ready descriptors. Returns their number, 0 on time-out or
-  // interrupt, -1 on error.
-  int wait(std::uint64_t* keys, int max, int timeout_ms);
+  // A ready descriptor.
+  struct Ready {
+    std::uint64_t key;
+    // The peer has closed its side, or the connection failed: an Edge
+    // descriptor will not be reported again for that, so a short read from
+    // it does not mean that it has nothing more (the close is still to come).
+    bool hangup;
+  };
+
+  // Waits at most timeout_ms (0: just look, -1: for ever) and stores up to
+  // max ready descriptors. Returns their number, 0 on time-out or interrupt,
+  // -1 on error.
+  int wait(Ready* ready, int max, int timeout_ms);
 
  private:
   struct State;  // the system's watch list

@@ -1,6 +1,6 @@
-"""What every integration test shares: sfhost sites built from a config text
-(the Site fixture), free ports, waiting for a port or a log line, clients,
-and the real peers (nginx, squid). Everything listens on 127.0.0.1 only."""
+"""What every integration test shares: the Site fixture (sfhost on a site
+built from config text), free ports, waits, clients and the real peers
+(nginx, squid). Everything listens on 127.0.0.1 only."""
 
 import os
 import shutil
@@ -29,11 +29,10 @@ def free_port():
 def poll(pred, timeout, what):
     """Waits until pred() holds; what() explains the failure."""
     deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if pred():
-            return
+    while not pred():
+        if time.monotonic() > deadline:
+            raise AssertionError(what())
         time.sleep(0.05)
-    raise AssertionError(what())
 
 
 def can_connect(port):
@@ -70,13 +69,12 @@ def stop(proc, timeout=30.0):
 def clean_env(**extra):
     """The environment without this library's variables, plus extra."""
     env = {k: v for k, v in os.environ.items() if not k.startswith(("SF", "TAVO", "ESTAT"))}
-    env.update(extra)
-    return env
+    return dict(env, **extra)
 
 
 def run_until(cmd, marker, sig=signal.SIGTERM, **kw):
-    """Starts cmd, reads its standard error up to a line holding marker and
-    sends sig; returns the exit status and all of standard error."""
+    """Starts cmd, sends sig once its standard error has shown marker;
+    returns the exit status and all of standard error."""
     p = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **kw)
     seen = []
     for line in p.stderr:
@@ -103,30 +101,28 @@ def write(path, text):
 
 def remove_shm(tavodatdir):
     """Removes the statistics block sfhost made for this data directory."""
-    base = "estat" + "".join("_" if c in "/:\\" else c for c in tavodatdir)
+    base = "/dev/shm/estat" + "".join("_" if c in "/:\\" else c for c in tavodatdir)
     for name in (base + "_shm", base + "_mx"):
-        try:
-            os.unlink("/dev/shm/" + name)
-        except FileNotFoundError:
-            pass
+        if os.path.exists(name):
+            os.unlink(name)
 
 
 class Site:
     """A throw-away site: a root with etc/config.tcl (and start.tcl when
-    given) that is also its data directory, with its own statistics block.
-    @PORT@ in the scripts stands for self.port."""
+    given) that is also its data directory. @PORT@ in the scripts stands
+    for self.port."""
 
     def __init__(self, config, start=None, port=None):
         self.tmp = tempfile.TemporaryDirectory(prefix="sf-site-")
         self.root = self.tmp.name
         self.port = port or free_port()
-        os.makedirs(os.path.join(self.root, "etc"))
+        os.makedirs(self.path("etc"))
         self.write("etc/config.tcl", config)
         if start is not None:
             self.write("etc/start.tcl", start)
         self.env = clean_env(TAVODATDIR=self.root)
         self.proc = self._err = None
-        self.log = os.path.join(self.root, "stderr.txt")
+        self.log = self.path("stderr.txt")
 
     def path(self, rel):
         return os.path.join(self.root, rel)
@@ -175,6 +171,13 @@ class Site:
         remove_shm(self.root)
         self.tmp.cleanup()
 
+    def started(self, level, ports):
+        if level is not None:
+            self.start(level)
+            if ports is None or ports:
+                self.wait_listening(*(ports or ()))
+        return self
+
 
 class SiteTest(unittest.TestCase):
     """The loopback fixture: a site started at level (not started when
@@ -184,37 +187,27 @@ class SiteTest(unittest.TestCase):
     def site(self, config, start=None, level=3, ports=None, port=None):
         s = Site(config, start, port)
         self.addCleanup(s.close)
-        return _started(s, level, ports)
+        return s.started(level, ports)
 
     @classmethod
     def class_site(cls, config, start=None, level=3, ports=None, port=None):
         s = Site(config, start, port)
         cls.addClassCleanup(s.close)
-        return _started(s, level, ports)
-
-
-def _started(site, level, ports):
-    if level is not None:
-        site.start(level)
-        if ports is None or ports:
-            site.wait_listening(*(ports or ()))
-    return site
-
-
-ECHO_CONFIG = """
-set sf.log.level 0
-set sf.tcp.backlog 512
-set sf.qsize 2000
-{extra}
-mkQ echo
-bind 127.0.0.1 @PORT@ {bindextra}
-spinThread tcpReader 127.0.0.1 @PORT@ {{enQ echo}}
-spinThread dummyWorker echo sf_echo
-"""
+        return s.started(level, ports)
 
 
 def echo_config(extra="", bindextra=""):
-    return ECHO_CONFIG.format(extra=extra, bindextra=bindextra)
+    """The TCP echo service: a tcpReader queueing for a worker that echoes."""
+    return """
+set sf.log.level 0
+set sf.tcp.backlog 512
+set sf.qsize 2000
+%s
+mkQ echo
+bind 127.0.0.1 @PORT@ %s
+spinThread tcpReader 127.0.0.1 @PORT@ {enQ echo}
+spinThread dummyWorker echo sf_echo
+""" % (extra, bindextra)
 
 
 def connect(port, timeout=30.0):
@@ -242,14 +235,12 @@ def recv_all(sock, timeout=10):
     """Everything until the peer closes (a reset keeps what came first)."""
     sock.settimeout(timeout)
     data = b""
-    while True:
-        try:
-            chunk = sock.recv(65536)
-        except ConnectionResetError:
-            return data
-        if not chunk:
-            return data
-        data += chunk
+    try:
+        while chunk := sock.recv(65536):
+            data += chunk
+    except ConnectionResetError:
+        pass
+    return data
 
 
 def curl(*args):
@@ -264,14 +255,11 @@ def http_client(*args, timeout=30):
     """Runs sf_httpclient; returns (exit status, [(status, body bytes)...], raw)."""
     out = subprocess.run([os.path.join(BIN, "sf_httpclient")] + [str(a) for a in args],
                          capture_output=True, timeout=timeout)
-    raw = out.stdout
-    answers = []
+    raw, answers = out.stdout, []
     while raw.startswith(b"status "):
-        line, raw = raw.split(b"\n", 1)
-        status = int(line.split()[1])
-        line, raw = raw.split(b"\n", 1)
-        n = int(line.split()[1])
-        answers.append((status, raw[:n]))
+        status, length, raw = raw.split(b"\n", 2)
+        n = int(length.split()[1])
+        answers.append((int(status.split()[1]), raw[:n]))
         raw = raw[n + 1:]
     return out.returncode, answers, out.stdout + out.stderr
 
@@ -303,8 +291,8 @@ class _BackendHandler(socketserver.StreamRequestHandler):
                     return
                 head += line
             lines = head.decode("latin-1").split("\r\n")
-            fields = dict((l.split(":")[0].lower(), l.split(":", 1)[1].strip())
-                          for l in lines[1:] if ":" in l)
+            fields = {name.lower(): value.strip()
+                      for name, _, value in (l.partition(":") for l in lines[1:] if ":" in l)}
             body = self.rfile.read(int(fields.get("content-length", "0")))
             self.server.heads.append(head.decode("latin-1"))
             answer = self.server.answer(lines[0].split(" ")[1], fields, head + body)
@@ -313,40 +301,24 @@ class _BackendHandler(socketserver.StreamRequestHandler):
                 return
 
 
-NGINX_SITE = """
-    server {{
-        listen 127.0.0.1:{port};
-        location = /hello {{ return 200 "hello from nginx\\n"; }}
-        location = /echo {{ echo_read_request_body; echo -n $request_body; }}
-        location = /chunked {{ root {www}; sub_filter_types text/plain; sub_filter 'zz' 'zz'; }}
-        location /static/ {{ root {www}; }}
-        location = /teapot {{ return 418 "short and stout\\n"; }}
-        {extra}
-    }}
-"""
-
-
 class Nginx:
-    """nginx in the foreground with a temporary prefix; site is a server
-    block template like NGINX_SITE."""
+    """nginx in the foreground with a temporary prefix; extra goes into its
+    one server block."""
 
-    def __init__(self, site=NGINX_SITE, extra="", workers=1, master=False):
-        self.dir = tempfile.mkdtemp(prefix="sf-nginx-")
-        os.chmod(self.dir, 0o755)
+    def __init__(self, extra=""):
+        self.dir = d = tempfile.mkdtemp(prefix="sf-nginx-")
+        os.chmod(d, 0o755)
         self.port = free_port()
-        self.www = os.path.join(self.dir, "www")
-        os.makedirs(os.path.join(self.www, "static"))
-        write(os.path.join(self.www, "chunked"), "this body goes out chunked\n" * 40)
-        write(os.path.join(self.www, "static", "page.txt"), "static page\n")
+        os.makedirs(os.path.join(d, "www", "static"))
+        write(os.path.join(d, "www", "chunked"), "this body goes out chunked\n" * 40)
+        write(os.path.join(d, "www", "static", "page.txt"), "static page\n")
         load = "load_module %s;" % ECHO_MODULE if os.path.exists(ECHO_MODULE) else ""
-        d = self.dir
-        temps = "".join(f"{n}_temp_path {d}/{n}; " for n in
-                        ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
-        conf = f"""
+        temps = "".join(f"{n}_temp_path {d}/{n}; "
+                        for n in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
+        write(os.path.join(d, "nginx.conf"), f"""
 {load}
 daemon off;
-master_process {"on" if master else "off"};
-worker_processes {workers};
+master_process off;
 pid {d}/nginx.pid;
 error_log {d}/error.log;
 events {{ worker_connections 4096; }}
@@ -357,12 +329,18 @@ http {{
     keepalive_requests 1000000;
     client_body_buffer_size 1m;
     client_max_body_size 10m;
-    {site.format(port=self.port, www=self.www, extra=extra)}
+    server {{
+        listen 127.0.0.1:{self.port};
+        location = /hello {{ return 200 "hello from nginx\\n"; }}
+        location = /echo {{ echo_read_request_body; echo -n $request_body; }}
+        location = /chunked {{ root {d}/www; sub_filter_types text/plain; sub_filter 'zz' 'zz'; }}
+        location /static/ {{ root {d}/www; }}
+        location = /teapot {{ return 418 "short and stout\\n"; }}
+        {extra}
+    }}
 }}
-"""
-        self.conf = os.path.join(d, "nginx.conf")
-        write(self.conf, conf)
-        self.proc = subprocess.Popen(["nginx", "-p", d, "-c", self.conf],
+""")
+        self.proc = subprocess.Popen(["nginx", "-p", d, "-c", os.path.join(d, "nginx.conf")],
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_port(self.port, self.proc)
 
@@ -377,13 +355,12 @@ class Squid:
     holds passwd."""
 
     def __init__(self, auth="", passwd=""):
-        self.dir = tempfile.mkdtemp(prefix="sf-squid-")
-        os.chmod(self.dir, 0o777)  # squid drops to its own user when started as root
+        self.dir = d = tempfile.mkdtemp(prefix="sf-squid-")
+        os.chmod(d, 0o777)  # squid drops to its own user when started as root
         self.port = free_port()
-        d = self.dir
         write(os.path.join(d, "passwd"), passwd + "\n")
-        auth = auth.replace("@PASSWD@", os.path.join(d, "passwd"))
-        conf = f"""
+        authed = "acl authed proxy_auth REQUIRED" if auth else ""
+        write(os.path.join(d, "squid.conf"), f"""
 http_port 127.0.0.1:{self.port}
 pid_filename {d}/squid.pid
 cache_log {d}/cache.log
@@ -391,15 +368,13 @@ access_log none
 cache deny all
 coredump_dir {d}
 netdb_filename none
-{auth}
-{"acl authed proxy_auth REQUIRED" if auth else ""}
+{auth.replace("@PASSWD@", os.path.join(d, "passwd"))}
+{authed}
 http_access allow localhost {"authed" if auth else ""}
 http_access deny all
 shutdown_lifetime 0 seconds
-"""
-        self.conf = os.path.join(d, "squid.conf")
-        write(self.conf, conf)
-        self.proc = subprocess.Popen(["squid", "-N", "-f", self.conf], cwd=d,
+""")
+        self.proc = subprocess.Popen(["squid", "-N", "-f", os.path.join(d, "squid.conf")], cwd=d,
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_port(self.port, self.proc, timeout=60)
 

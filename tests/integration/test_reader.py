@@ -7,7 +7,7 @@ import resource
 import socket
 import unittest
 
-from sfnet_support import BUILD, SiteTest, connect, echo_config, recv_exactly
+from sfnet_support import BUILD, SiteTest, connect, echo_config, recv_all, recv_exactly
 
 HTTP_CONFIG = """
 set sf.log.level 1
@@ -43,24 +43,12 @@ def read_response(s):
     return head + b"\r\n\r\n" + body + recv_exactly(s, length - len(body))
 
 
-def read_to_close(s):
-    data = b""
-    while True:
-        try:
-            chunk = s.recv(65536)
-        except ConnectionResetError:
-            return data + b"<reset>"
-        if not chunk:
-            return data
-        data += chunk
-
-
 class ReaderLimits(SiteTest):
     def test_unfinished_header_block_gets_408(self):
         s = self.site(HTTP_CONFIG, HTTP_START, level=1)
         with connect(s.port) as slow:
             slow.sendall(b"GET /never HTTP/1.1\r\nHost: x\r\n")
-            data = read_to_close(slow)
+            data = recv_all(slow)
         self.assertTrue(data.startswith(b"HTTP/1.1 408 "), data)
         self.assertIn(b"\r\nConnection: Close\r\n", data)
 
@@ -79,12 +67,12 @@ class ReaderLimits(SiteTest):
             c.sendall(req % (100 + i))
         self.assertEqual(s.stop(), 0)
         for i, c in enumerate(clients):
-            data = read_to_close(c)
+            data = recv_all(c)
             self.assertTrue(data.startswith(b"HTTP/1.1 200 ") and data.endswith(b"/%d" % (100 + i)),
                             data)
             c.close()
         self.assertIn(b"\r\nConnection: Close\r\n", data)  # the last, answered while stopping
-        self.assertEqual(read_to_close(idle), b"")  # an idle client is closed, not left open
+        self.assertEqual(recv_all(idle), b"")  # an idle client is closed, not left open
         idle.close()
 
     def test_service_recovers_after_running_out_of_descriptors(self):

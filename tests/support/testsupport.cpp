@@ -43,6 +43,15 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
+std::filesystem::path sourceDir() {
+  const char* s = getenv("SF_TEST_SOURCE_DIR");
+  return s ? s : ".";
+}
+
+std::string text(const sf::Buffer& b) {
+  return std::string(b.data ? b.data : "", b.size());
+}
+
 std::string readFile(const std::filesystem::path& p) {
   std::ifstream in(p, std::ios::binary);
   std::stringstream ss;

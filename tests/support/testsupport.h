@@ -6,6 +6,10 @@
 #include <string>
 #include <vector>
 
+namespace sf {
+struct Buffer;
+}
+
 #ifdef _WIN32
 // The C runtime of Windows has _putenv_s instead of the POSIX pair.
 int setenv(const char* name, const char* value, int overwrite);
@@ -32,8 +36,13 @@ class TempDir {
   std::filesystem::path path_;
 };
 
+// The source tree (SF_TEST_SOURCE_DIR, else the current directory).
+std::filesystem::path sourceDir();
 std::string readFile(const std::filesystem::path& p);
 void writeFile(const std::filesystem::path& p, const std::string& text);
+
+// A buffer's contents (empty when nothing was ever allocated).
+std::string text(const sf::Buffer& b);
 
 // One record as the log callback saw it.
 struct Record {

@@ -12,12 +12,9 @@
 #include "support/testsupport.h"
 
 namespace pf = sf::platform;
+using sftest::text;
 
 namespace {
-
-std::string text(const sf::Buffer& b) {
-  return std::string(b.data ? b.data : "", b.size());
-}
 
 // A loopback pair whose accepted Connection reads through a TcpAdaptor.
 struct Pair : sftest::AcceptedPair {

@@ -9,10 +9,6 @@
 
 namespace {
 
-std::string contents(const sf::Buffer& b) {
-  return std::string(b.data, b.size());
-}
-
 // What fn writes to a stream.
 template <typename Fn>
 std::string written(Fn fn) {
@@ -34,7 +30,7 @@ TEST(Buffer, GrowthAndTheCeiling) {
   std::uint64_t capacity = b.capacity;
   b.append("ab");  // within the headroom: nothing moves
   EXPECT_EQ(b.capacity, capacity);
-  EXPECT_EQ(contents(b), "0123456789ab");
+  EXPECT_EQ(sftest::text(b), "0123456789ab");
   sf::Buffer sized(100);
   EXPECT_EQ(sized.getROPtr(0), sized.data);  // even with nothing used
   sized.resize(7);
@@ -52,7 +48,7 @@ TEST(Buffer, GrowthAndTheCeiling) {
   capacity = b.capacity;
   EXPECT_THROW(b.extend(8388609), sf::Xbounds);
   EXPECT_THROW(b.resize(9000000), sf::Xbounds);
-  EXPECT_EQ(contents(b), "keep");
+  EXPECT_EQ(sftest::text(b), "keep");
   EXPECT_EQ(b.capacity, capacity);
   EXPECT_FALSE(log.contains("HINT"));  // composed and dropped, never logged
 }
@@ -63,15 +59,15 @@ TEST(Buffer, InsertRemoveAndPointers) {
   b.insert(0, "[");
   b.insert(b.size(), "]");  // at the end it appends
   b.insert(3, "--", 2);
-  EXPECT_EQ(contents(b), "[he--ld]");
+  EXPECT_EQ(sftest::text(b), "[he--ld]");
   EXPECT_THROW(b.insert(9, "x"), sf::Xbounds);
 
   std::uint64_t capacity = b.capacity;
   b.remove(3, 2);
-  EXPECT_EQ(contents(b), "[held]");
+  EXPECT_EQ(sftest::text(b), "[held]");
   b.remove(0, 1);
   b.remove(2, 1000);  // more than the rest: cut at the position
-  EXPECT_EQ(contents(b), "he");
+  EXPECT_EQ(sftest::text(b), "he");
   EXPECT_EQ(b.capacity, capacity);
   // Unlike insert, the end itself is out of range, even for nothing.
   EXPECT_THROW(b.remove(b.size(), 0), sf::Xbounds);
@@ -81,11 +77,11 @@ TEST(Buffer, InsertRemoveAndPointers) {
   sf::Buffer big;
   big.append((left + right).c_str());
   big.insert(left.size(), middle.c_str());
-  EXPECT_EQ(contents(big), left + middle + right);
+  EXPECT_EQ(sftest::text(big), left + middle + right);
 
   *b.getPtr(2) = 'y';  // writing at the end grows by exactly one
   b[0] = 'H';
-  EXPECT_EQ(contents(b), "Hey");
+  EXPECT_EQ(sftest::text(b), "Hey");
   b.getPtr(9);
   EXPECT_EQ(b.size(), 10u);
   EXPECT_THROW(b.getROPtr(10), sf::Xbounds);

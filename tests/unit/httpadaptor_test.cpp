@@ -18,6 +18,7 @@
 
 using sf::Buffer;
 using sf::HttpAdaptor;
+using sftest::text;
 
 namespace {
 
@@ -43,10 +44,6 @@ class MemAdaptor : public sf::Adaptor {
   void write(sf::Connection*, const Buffer& b) override { written.append(b.data, b.size()); }
 };
 
-std::string str(const Buffer& b) {
-  return std::string(b.data ? b.data : "", b.size());
-}
-
 // MemAdaptor below an HttpAdaptor on an unconnected socket (so a close shows).
 struct Peer {
   sf::Connection conn{new sf::i_Connection(sf::platform::sock_stream(sf::platform::family_ipv4()))};
@@ -64,7 +61,7 @@ struct Peer {
   std::string read() {
     Buffer b;
     http->readPdu(&conn, b);
-    return str(b);
+    return text(b);
   }
   std::string rejected();
 };
@@ -83,7 +80,7 @@ std::string rejectStatus(F fn) {
   try {
     fn();
   } catch (sf::Xreject& x) {
-    std::string s = x.reply ? str(*x.reply) : "";
+    std::string s = x.reply ? text(*x.reply) : "";
     delete x.reply;
     return s;
   }
@@ -221,11 +218,11 @@ TEST_F(Http, ChunkedBodiesWholeAndAsFragments) {
   Buffer b;
   frag.http->readPduFirst(&frag.conn, b);
   for (int i = 0; i < 4 && frag.http->readPduIsMore(&frag.conn); ++i) {
-    parts += str(b) + "|";
+    parts += text(b) + "|";
     b.resize(0);
     frag.http->readPduNext(&frag.conn, b);
   }
-  EXPECT_EQ(parts + str(b), "hello| world|");  // the last fragment is empty
+  EXPECT_EQ(parts + text(b), "hello| world|");  // the last fragment is empty
   EXPECT_FALSE(frag.http->readPduIsMore(&frag.conn));
 
   // The header limit guards each size line, not the data already taken: a
@@ -377,7 +374,7 @@ TEST_F(Http, ClientRequests) {
   EXPECT_EQ(p.mem->written,
             "POST /in HTTP/1.1\r\nContent-Length: 4\r\nHost: named\r\nX-Y: z\r\n"
             "User-Agent: Quindel\r\nContent-Type: text/plain\r\n\r\ndata");
-  EXPECT_EQ(str(p.http->pending), "data");
+  EXPECT_EQ(text(p.http->pending), "data");
   Peer s(false);
   EXPECT_THROW(s.http->get(&s.conn, "/", {}), sf::Xinvalid);
   // a value holding a line break would inject a header: nothing is written

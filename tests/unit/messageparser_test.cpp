@@ -2,14 +2,13 @@
 // verdicts however the bytes are split, and the limits hold to the byte.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "sf/http/messageparser.h"
+#include "support/testsupport.h"
 
 using sf::MessageParser;
 
@@ -41,10 +40,7 @@ std::string unescape(const std::string& s) {
 }
 
 std::vector<Case> table(const char* name, bool responses) {
-  const char* src = getenv("SF_TEST_SOURCE_DIR");
-  std::filesystem::path root = src ? std::filesystem::path(src) / "tests"
-                                   : std::filesystem::path(__FILE__).parent_path().parent_path();
-  std::ifstream in(root / "data/http" / name);
+  std::ifstream in(sftest::sourceDir() / "tests/data/http" / name);
   std::vector<Case> cases;
   for (std::string line; std::getline(in, line);) {
     if (line.empty() || line[0] == '#') continue;

@@ -2,7 +2,6 @@
 // limits and depth, navigation and trusted views.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -67,8 +66,7 @@ std::string hexOctet(char c) {
 // table in tests/data/ber/.
 template <typename Fn>
 void forEachRow(const char* name, Fn fn) {
-  const char* src = getenv("SF_TEST_SOURCE_DIR");
-  std::ifstream table(std::string(src ? src : ".") + "/tests/data/ber/" + name);
+  std::ifstream table(sftest::sourceDir() / "tests/data/ber" / name);
   ASSERT_TRUE(table) << name;
   int rows = 0;
   for (std::string row; std::getline(table, row);) {

@@ -30,11 +30,6 @@ void makeSite(const fs::path& dir, const std::string& config) {
   writeFile(dir / "etc" / "config.tcl", config);
 }
 
-std::string sourceDir() {
-  const char* s = getenv("SF_TEST_SOURCE_DIR");
-  return s ? s : ".";
-}
-
 // Inside a child: a failed check is printed and makes the child exit 1.
 int g_failures = 0;
 void check(bool ok, const std::string& what) {
@@ -201,8 +196,7 @@ void prepareInterp() {
   ASSERT_TRUE(sf::sfi_tclInitLibrary());
   sf::sfi_registerCommands();
   sf::eval("package require msgcat");
-  std::string catalogue = sourceDir() + "/etc/sf_events.msg";
-  sf::eval(("source {" + catalogue + "}").c_str());
+  sf::eval(("source {" + (sftest::sourceDir() / "etc/sf_events.msg").string() + "}").c_str());
 }
 
 // The records at level (0: the log line, 1: the posted text) of the events

@@ -20,7 +20,9 @@ epoll_event eventFor(std::uint64_t key, EventSet::Mode mode) {
   // EPOLLEXCLUSIVE admits no EPOLLRDHUP; a listening socket has no peer.
   ev.events = EPOLLIN;
   if (mode != EventSet::Exclusive) ev.events |= EPOLLRDHUP;
-  if (mode == EventSet::Once) ev.events |= EPOLLONESHOT;
+  // Edge triggering reports every arrival of bytes, so nothing has to be
+  // done when the owner has read a descriptor empty.
+  if (mode == EventSet::Edge) ev.events |= EPOLLET;
   if (mode == EventSet::Exclusive) ev.events |= EPOLLEXCLUSIVE;
   ev.data.u64 = key;
   return ev;
@@ -44,9 +46,8 @@ int EventSet::add(std::uint64_t s, std::uint64_t key, Mode mode) {
   return epoll_ctl(state_->fd, EPOLL_CTL_ADD, fdof(s), &ev);
 }
 
-int EventSet::rearm(std::uint64_t s, std::uint64_t key) {
-  epoll_event ev = eventFor(key, Once);
-  return epoll_ctl(state_->fd, EPOLL_CTL_MOD, fdof(s), &ev);
+int EventSet::drained(std::uint64_t, std::uint64_t) {
+  return 0;
 }
 
 int EventSet::remove(std::uint64_t s) {
@@ -54,12 +55,13 @@ int EventSet::remove(std::uint64_t s) {
   return epoll_ctl(state_->fd, EPOLL_CTL_DEL, fdof(s), &ev);
 }
 
-int EventSet::wait(std::uint64_t* keys, int max, int timeout_ms) {
+int EventSet::wait(Ready* ready, int max, int timeout_ms) {
   const int kBatch = 64;
   epoll_event evs[kBatch];
   int n = epoll_wait(state_->fd, evs, max < kBatch ? max : kBatch, timeout_ms);
   if (n < 0) return errno == EINTR ? 0 : -1;
-  for (int i = 0; i < n; ++i) keys[i] = evs[i].data.u64;
+  for (int i = 0; i < n; ++i)
+    ready[i] = Ready{evs[i].data.u64, (evs[i].events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0};
   return n;
 }
 

@@ -3,7 +3,7 @@
 //
 // WSAPoll is given the whole watch list at every wait, so a wait costs in
 // proportion to the watched sockets, not the ready ones. Each set belongs to
-// the one thread that adds, rearms and waits on it. Several sets watching one
+// the one thread that adds, drains and waits on it. Several sets watching one
 // listening socket are all woken by a connection; the losers' non-blocking
 // accept finds nothing, which the reader already handles.
 #include "sf/platform/events.h"
@@ -49,7 +49,10 @@ int EventSet::add(std::uint64_t s, std::uint64_t key, Mode mode) {
   return 0;
 }
 
-int EventSet::rearm(std::uint64_t s, std::uint64_t key) {
+// WSAPoll reports levels: an Edge socket is left out of the polled list
+// from its report until its owner has read it empty, and then polled again
+// (bytes that came in between are reported by the next wait).
+int EventSet::drained(std::uint64_t s, std::uint64_t key) {
   State::Watch* w = state_->find(s);
   if (!w) {
     WSASetLastError(WSAENOTSOCK);
@@ -73,7 +76,7 @@ int EventSet::remove(std::uint64_t s) {
   return -1;
 }
 
-int EventSet::wait(std::uint64_t* keys, int max, int timeout_ms) {
+int EventSet::wait(Ready* ready, int max, int timeout_ms) {
   State& st = *state_;
   st.polled.clear();
   st.polledWatch.clear();
@@ -107,8 +110,8 @@ int EventSet::wait(std::uint64_t* keys, int max, int timeout_ms) {
     size_t i = (start + k) % count;
     if (st.polled[i].revents == 0) continue;
     State::Watch& w = st.watches[st.polledWatch[i]];
-    keys[n++] = w.key;
-    if (w.mode == Once) w.armed = false;
+    ready[n++] = Ready{w.key, (st.polled[i].revents & (POLLHUP | POLLERR)) != 0};
+    if (w.mode == Edge) w.armed = false;
   }
   st.nextStart = start + 1;
   return n;
