@@ -112,7 +112,11 @@ void HttpAdaptor::deliverResponse(Connection* c, Buffer& body) {
   MessageParser& p = *response_;
   std::string& got = p.body();
   body.append(got.data(), got.size());
-  got.clear();
+  // A kept connection holds no large body's room while it waits.
+  if (got.capacity() > 4 * kReadBlock)
+    std::string().swap(got);
+  else
+    got.clear();
   pduMore = !p.complete();
   if (pduMore) return;
   // A persistent answer leaves the connection open: HTTP/1.1 unless it says

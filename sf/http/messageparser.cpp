@@ -295,11 +295,12 @@ bool MessageParser::statusByte(char ch) {
       versionText_.push_back(ch);
       return true;
     case STATUS_CODE:
-      if (isDigit(c) && status_ < 100) {
+      if (isDigit(c) && sizeDigits_ < 3) {
         status_ = status_ * 10 + (c - '0');
+        ++sizeDigits_;
         return true;
       }
-      if (status_ >= 100 && (c == ' ' || c == '\r')) {
+      if (sizeDigits_ == 3 && status_ >= 100 && (c == ' ' || c == '\r')) {
         state_ = c == ' ' ? STATUS_REASON : STATUS_LF;
         return true;
       }
@@ -631,7 +632,7 @@ bool MessageParser::endResponseHead() {
     versionText_.clear();
     reason_.clear();
     fields_.clear();
-    status_ = 0;
+    status_ = sizeDigits_ = 0;
     hasContentLength_ = hasTransferEncoding_ = chunked_ = false;
     contentLength_ = 0;
     connection_ = UNSTATED;

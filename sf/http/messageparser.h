@@ -210,7 +210,7 @@ class MessageParser {
   ConnectionWish connection_ = UNSTATED;
 
   std::int64_t left_ = 0;  // bytes of the body (or the current chunk) still to come
-  int sizeDigits_ = 0;
+  int sizeDigits_ = 0;     // digits of the chunk size (or the status code) so far
   std::string body_;
 };
 

@@ -2,12 +2,13 @@
 workers that echo its body (a GET's body is its URL); driven by curl and
 raw sockets."""
 
+import os
 import socket
 import subprocess
 import sys
 import unittest
 
-from sfnet_support import SiteTest, curl, free_port, recv_all
+from sfnet_support import Nginx, SiteTest, curl, free_port, recv_all
 
 CONFIG = """
 set sf.log.level 3
@@ -92,6 +93,26 @@ class HttpServer(SiteTest):
             self.assertEqual(split_responses(self.raw(requests, port)), answers, requests)
         self.assertIn(b"\r\nServer: sf-test\r\n", self.raw(last % b"/s"))  # the configured name
         self.assertEqual(self.raw(b"GET /nine\r\n"), b"/nine")  # HTTP/0.9: the body alone
+
+
+class NginxAsReference(unittest.TestCase):
+    """The parser's table of requests and their statuses, against nginx: a
+    request that nginx refuses is never served by sf."""
+
+    def test_nothing_nginx_refuses_is_served(self):
+        nginx = Nginx('location / { return 200 "ok"; }')
+        self.addCleanup(nginx.close)
+        table = os.path.join(os.path.dirname(__file__), "..", "data", "http", "requests.txt")
+        for line in open(table, encoding="latin-1"):
+            if not line.strip() or line.startswith("#"):
+                continue
+            status, _, text = line.rstrip("\n").partition(" ")
+            request = text.encode("latin-1").decode("unicode_escape").encode("latin-1")
+            with socket.create_connection(("127.0.0.1", nginx.port)) as s:
+                s.sendall(request)
+                s.shutdown(socket.SHUT_WR)
+                served = recv_all(s, 10).startswith((b"HTTP/1.1 2", b"HTTP/1.0 2"))
+            self.assertTrue(served or status != "200", text)
 
 
 if __name__ == "__main__":
