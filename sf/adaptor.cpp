@@ -62,6 +62,10 @@ bool Adaptor::hasBufferedData() const {
   return next && next->hasBufferedData();
 }
 
+void Adaptor::takePushedBack(std::string& out) {
+  if (next) next->takePushedBack(out);
+}
+
 Framing Adaptor::frame(Connection*, const char*, size_t) {
   return Framing::Unknown;
 }
@@ -219,12 +223,13 @@ size_t PushbackSandwich::pending() const {
   return n;
 }
 
-void PushbackSandwich::takeAll(std::string& out) {
+void PushbackSandwich::takePushedBack(std::string& out) {
   for (Node& node : nodes_) {
     out.append(node.buf->data + node.offset, node.buf->size() - node.offset);
     delete node.buf;
   }
   nodes_.clear();
+  Adaptor::takePushedBack(out);
 }
 
 }  // namespace sf

@@ -53,6 +53,9 @@ class Adaptor {
   virtual void pushback(const void* data, size_t len);
   // Bytes read but not yet delivered, anywhere below.
   virtual bool hasBufferedData() const;
+  // Appends to out every byte pushed back to this adaptor or below, in the
+  // order they would be served, and forgets them; forwards to next.
+  virtual void takePushedBack(std::string& out);
   // The framing step, asked by the reader before it calls readPdu. data and
   // len are the bytes that have arrived on c and that no readPdu has consumed,
   // starting at the first byte of the next message; between two readPdu calls
@@ -114,11 +117,10 @@ class PushbackSandwich : public Adaptor {
   bool hasBufferedData() const override;
   void write(Connection* c, const Buffer& buf) override;
 
+  void takePushedBack(std::string& out) override;
+
   // Bytes pushed back and not yet served.
   size_t pending() const;
-  // Appends every byte pushed back to out, in the order they would be
-  // served, and forgets them.
-  void takeAll(std::string& out);
 
  private:
   struct Node {

@@ -62,9 +62,10 @@ void sendReject(Connection& c, Xreject& x) {
 // what arrived after them, so that the framing step sees the next message
 // from its first byte and reads are served from one place.
 void gatherPushedBack(Connection& c) {
+  Adaptor* top = c.getAdaptor();
+  if (!top) return;
   std::string bytes;
-  for (Adaptor* a = c.getAdaptor(); a; a = a->next)
-    if (auto* pb = dynamic_cast<PushbackSandwich*>(a)) pb->takeAll(bytes);
+  top->takePushedBack(bytes);
   sfi_unreadInput(c.record(), bytes);
 }
 
@@ -167,9 +168,9 @@ void ReaderLoop::readMail(Ms now) {
 }
 
 void ReaderLoop::serveAgain(Ms now) {
-  std::deque<int> turn;
-  turn.swap(again_);
-  for (int id : turn) {
+  turn_.clear();
+  turn_.swap(again_);
+  for (int id : turn_) {
     auto it = conns_.find(id);
     if (it != conns_.end()) process(it->second, now);
   }

@@ -3,10 +3,10 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <set>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "sf/adaptor.h"
 #include "sf/detail/net.h"
@@ -90,7 +90,8 @@ class ReaderLoop {
   ReaderMailbox* mailbox_;
   std::unordered_map<int, Entry> conns_;
   std::set<std::pair<Ms, int>> deadlines_;
-  std::deque<int> again_;  // served their burst with whole messages left
+  std::vector<int> again_;  // served their burst with whole messages left
+  std::vector<int> turn_;   // those being served again in this pass
 
   bool listening_ = false;    // the listening socket is in the event set
   bool accepting_ = true;     // counted in the port's acceptors

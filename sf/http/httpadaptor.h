@@ -263,9 +263,10 @@ class HttpAdaptor : public Adaptor {
   // extraHeaderLine on this and every later request, so that a server's own
   // challenge behind the proxy adds its answer instead of replacing it.
   std::string proxyHeaderLine;
-  // Client role: an answer without a status line is refused (Xproto)
-  // instead of being read as HTTP/0.9; a forwarding worker sets it so that
-  // nothing but an HTTP answer is ever relayed. Every other rule of the
+  // Client role: an answer without a status line, or with a transfer coding
+  // other than chunked, is refused (Xproto) instead of being read as HTTP/0.9
+  // or delivered still coded; a forwarding worker sets it so that nothing but
+  // an HTTP answer's plain body is ever relayed. Every other rule of the
   // response parser holds for every client.
   bool strictResponse = false;
   std::int64_t maxHeader = 1024;

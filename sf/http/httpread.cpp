@@ -83,6 +83,10 @@ void HttpAdaptor::receiveResponse(Connection* c) {
     }
     size_t used = p.feed(block.data, block.size());
     if (used < block.size()) next->pushback(block.data + used, block.size() - used);
+    // A strict client relays bodies as they are: one still under a coding
+    // it does not undo would reach its reader as something else.
+    if (strictResponse && p.headerDone() && p.otherCoding())
+      refuseResponse({"502", "coding", "HTTP - Transfer coding other than chunked"});
   }
   if (p.failed()) refuseResponse(p.error());
 }

@@ -11,6 +11,7 @@
 // relayed: a status line, one framing, and nothing after the message. A
 // backend that breaks any of these gets the client a 502 and loses its
 // connection, so no later client can be served bytes meant for another.
+#include <string_view>
 #include <utility>
 
 #include "sf/http/httpreader.h"
@@ -22,20 +23,20 @@ namespace {
 
 // Connection-specific fields (RFC 9110 section 7.6.1) and the ones the
 // adaptor writes itself: never copied from the client's request.
-const char* const kNotForwarded[] = {"connection",
-                                     "keep-alive",
-                                     "proxy-connection",
-                                     "proxy-authenticate",
-                                     "proxy-authorization",
-                                     "te",
-                                     "trailer",
-                                     "transfer-encoding",
-                                     "upgrade",
-                                     "content-length",
-                                     "expect",
-                                     "content-type",
-                                     "x-forwarded-for",
-                                     "user-agent"};
+const std::string_view kNotForwarded[] = {"connection",
+                                          "keep-alive",
+                                          "proxy-connection",
+                                          "proxy-authenticate",
+                                          "proxy-authorization",
+                                          "te",
+                                          "trailer",
+                                          "transfer-encoding",
+                                          "upgrade",
+                                          "content-length",
+                                          "expect",
+                                          "content-type",
+                                          "x-forwarded-for",
+                                          "user-agent"};
 
 // The client's Connection header names further fields that are meant for
 // this hop only: its options, lower-cased, each between commas.
@@ -49,7 +50,7 @@ std::string hopOptions(const std::string& connection) {
 }
 
 bool forwarded(const std::string& name, const std::string& hopOptions) {
-  for (const char* n : kNotForwarded)
+  for (std::string_view n : kNotForwarded)
     if (name == n) return false;
   return hopOptions.size() <= 2 || hopOptions.find("," + name + ",") == std::string::npos;
 }
@@ -134,7 +135,8 @@ void HttpWorker::sendRequest(HttpAdaptor* http, Message* msg) {
   if (msg->env) {
     // The header entries sort together, after the reader's own entries.
     static const std::string prefix = headerEntry("");
-    auto connection = msg->env->find(headerEntry("connection"));
+    static const std::string connectionEntry = headerEntry("connection");
+    auto connection = msg->env->find(connectionEntry);
     const std::string hop =
         hopOptions(connection == msg->env->end() ? std::string() : connection->second);
     for (auto entry = msg->env->lower_bound(prefix);
@@ -145,8 +147,8 @@ void HttpWorker::sendRequest(HttpAdaptor* http, Message* msg) {
         SF_LOG(1, "HTTP - Header %s holds a control character, not forwarding", name.c_str());
         SF_THROW("forward", Xinvalid());
       }
-      if (name == "content-type") type = value;
-      if (name == "x-forwarded-for") forwardedFor = value + ", ";
+      if (name == std::string_view("content-type")) type = value;
+      if (name == std::string_view("x-forwarded-for")) forwardedFor = value + ", ";
       if (!forwarded(name, hop)) continue;
       std::string line = displayName(name);
       line.reserve(line.size() + 2 + value.size());

@@ -143,7 +143,7 @@ void MessageParser::reset(std::int64_t maxHeader, std::int64_t maxBody) {
   haveField_ = false;
   fields_.clear();
   hasHost_ = hasContentLength_ = hasTransferEncoding_ = chunked_ = false;
-  expectContinue_ = hasBody_ = untilClose_ = false;
+  expectContinue_ = hasBody_ = untilClose_ = otherCoding_ = false;
   status_ = 0;
   reason_.clear();
   contentLength_ = 0;
@@ -574,6 +574,7 @@ bool MessageParser::onTransferEncoding(const std::string& value) {
                            return fail("502", "badCoding",
                                        "HTTP - Transfer-Encoding with a coding after chunked");
                          chunked_ = iequal(coding, "chunked");
+                         otherCoding_ = otherCoding_ || !chunked_;
                          return any = true;
                        }) &&
            (any || fail("502", "badCoding", "HTTP - Transfer-Encoding without a coding"));
@@ -633,7 +634,7 @@ bool MessageParser::endResponseHead() {
     reason_.clear();
     fields_.clear();
     status_ = sizeDigits_ = 0;
-    hasContentLength_ = hasTransferEncoding_ = chunked_ = false;
+    hasContentLength_ = hasTransferEncoding_ = chunked_ = otherCoding_ = false;
     contentLength_ = 0;
     connection_ = UNSTATED;
     state_ = STATUS_VERSION;

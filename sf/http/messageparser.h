@@ -92,6 +92,9 @@ class MessageParser {
   bool hasBody() const { return hasBody_; }
   // Responses: the body runs until the peer closes.
   bool untilClose() const { return untilClose_; }
+  // Responses: a transfer coding other than chunked was applied to the body
+  // (it is delivered still coded).
+  bool otherCoding() const { return otherCoding_; }
 
   // What the request said; valid once the header block is done.
   const std::string& methodWord() const { return method_; }
@@ -204,6 +207,7 @@ class MessageParser {
   bool expectContinue_ = false;
   bool hasBody_ = false;
   bool untilClose_ = false;
+  bool otherCoding_ = false;
   int status_ = 0;
   std::string reason_;
   std::int64_t contentLength_ = 0;
