@@ -191,6 +191,7 @@ size_t MessageParser::feed(const char* p, size_t n) {
 // changes state and within the header limit (the byte past the limit goes to
 // step(), which refuses it). Returns how many it took.
 size_t MessageParser::takeRun(const char* p, size_t n) {
+  if (state_ == STATUS_VERSION) return takeStatusStart(p, n);
   const unsigned char* u = reinterpret_cast<const unsigned char*>(p);
   std::string* into;
   unsigned char cls;
@@ -242,6 +243,23 @@ size_t MessageParser::takeRun(const char* p, size_t n) {
   headerBytes_ += static_cast<std::int64_t>(run);
   if (state_ == TARGET_START) state_ = TARGET;
   return run;
+}
+
+// The usual start of a status line, "HTTP/1.x NNN ", when all of it is in
+// this piece and within the header limit: taken at once, by the rules
+// statusByte() applies one byte at a time to anything else.
+size_t MessageParser::takeStatusStart(const char* p, size_t n) {
+  const size_t kStart = 13;
+  if (!versionText_.empty() || n < kStart || maxHeader_ - headerBytes_ < std::int64_t(kStart) ||
+      memcmp(p, "HTTP/1.", 7) != 0 || (p[7] != '0' && p[7] != '1') || p[8] != ' ' || p[9] < '1' ||
+      p[9] > '9' || !isDigit(p[10]) || !isDigit(p[11]) || p[12] != ' ')
+    return 0;
+  version_ = p[7] == '1' ? V11 : V10;
+  status_ = (p[9] - '0') * 100 + (p[10] - '0') * 10 + (p[11] - '0');
+  sizeDigits_ = 3;
+  headerBytes_ += std::int64_t(kStart);
+  state_ = STATUS_REASON;
+  return kStart;
 }
 
 size_t MessageParser::takeBody(const char* p, size_t n, std::int64_t* left) {

@@ -170,6 +170,7 @@ class MessageParser {
   bool onConnection(const std::string& value);
   size_t takeBody(const char* p, size_t n, std::int64_t* left);
   size_t takeRun(const char* p, size_t n);
+  size_t takeStatusStart(const char* p, size_t n);
 
   using FieldAction = bool (MessageParser::*)(const std::string&);
   struct FieldRule {

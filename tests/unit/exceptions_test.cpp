@@ -11,12 +11,10 @@
 TEST(Exceptions, TextsCategoriesAndCodes) {
   EXPECT_EQ(sf::Xbounds(10, 12).str(), "2-2 range=10; index=12");
   EXPECT_EQ(sf::Xmem(64).str(), "2-0 mem requested=64");
-  EXPECT_EQ(sf::Xstate().str(), "2-1");
-  EXPECT_EQ(sf::Xinvalid().str(), "2-3");
-  EXPECT_EQ(sf::Xiotimeout().str(), "2-5");
-  EXPECT_EQ(sf::Xreject().str(), "2-6");
-  EXPECT_EQ(sf::Xproto().str(), "2-7");
-  EXPECT_EQ(sf::Xgen(42, "this text is not kept").str(), "2-42");
+  EXPECT_EQ(sf::Xstate().str() + " " + sf::Xinvalid().str() + " " + sf::Xiotimeout().str() + " " +
+                sf::Xreject().str() + " " + sf::Xproto().str() + " " +
+                sf::Xgen(42, "this text is not kept").str(),
+            "2-1 2-3 2-5 2-6 2-7 2-42");
   sf::Xber ber(sf::Ber::TOO_DEEP);
   EXPECT_EQ(ber.str(), "BER - an error occured processing ber data.");
   EXPECT_EQ(ber.category, 4);
@@ -41,13 +39,12 @@ TEST(Exceptions, ThrowSiteRecordPrecedesEveryThrow) {
   int range = 7, pos = 9;
   const int line = __LINE__ + 1;
   EXPECT_THROW(SF_THROW("probe", sf::Xbounds(range, pos)), sf::Xbounds);
-  std::vector<sftest::Record> records = log.records();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].level, 3u);
-  EXPECT_EQ(records[0].line, line);
-  EXPECT_EQ(records[0].file, __FILE__);
-  EXPECT_EQ(records[0].msg, std::string("exception probe:sf::Xbounds(range, pos) thrown at ") +
-                                __FILE__ + "." + std::to_string(line));
+  std::string seen;
+  for (const sftest::Record& r : log.records())
+    seen += std::to_string(r.level) + " " + r.file + ":" + std::to_string(r.line) + " " + r.msg;
+  const std::string at = std::string(__FILE__) + ":" + std::to_string(line);
+  EXPECT_EQ(seen, "3 " + at + " exception probe:sf::Xbounds(range, pos) thrown at " + __FILE__ +
+                      "." + std::to_string(line));
 }
 
 TEST(Exceptions, ThrowSiteRecordLeavesTheSystemErrorForXsys) {

@@ -2,7 +2,9 @@
 # Starts the Windows sfhost.exe under Wine on the default site (the HTTP echo
 # service of etc/start.tcl) and talks to it from Linux with curl: a GET, a
 # POST, two requests on one kept connection, then Ctrl-C (SIGINT, which Wine
-# delivers as CTRL_C_EVENT) must stop it with exit status 0.
+# delivers as CTRL_C_EVENT) must stop it with exit status 0. Then a hand-over:
+# a parent sfhost.exe binds a port and starts a child sfhost.exe that takes
+# the socket over and still serves once the parent stopped.
 #   usage: tests/windows/echo_site.sh [build-win]
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -10,9 +12,16 @@ root=$PWD
 out=$(realpath "${1:-build-win}")
 export WINEPREFIX=$out/wineprefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 data=$(mktemp -d)
-port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+freeport() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
+port=$(freeport)
 url=http://127.0.0.1:$port
-fail() { echo "echo_site: $*" >&2; tail -n 20 "$data/sf.log" "$data/stderr.txt" >&2 || true; kill -9 "$pid" 2>/dev/null; exit 1; }
+cpid=
+fail() {
+  echo "echo_site: $*" >&2
+  tail -n 20 "$data/sf.log" "$data/parent/sf.log" "$data/stderr.txt" >&2 || true
+  kill -9 "$pid" $cpid 2>/dev/null
+  exit 1
+}
 
 (cd "$data" && SF_HTTP_PORT=$port exec wine "$out/bin/sfhost.exe" -rootdir "$root" -datdir "$data" \
    2>"$data/stderr.txt") &
@@ -29,5 +38,35 @@ for _ in $(seq 60); do kill -0 "$pid" 2>/dev/null || break; sleep 1; done
 status=0; wait "$pid" || status=$?
 [ "$status" = 0 ] || fail "exit status $status after Ctrl-C"
 grep -q "CTRL_C_EVENT received" "$data/sf.log" || fail "the log does not name the stop event"
+
+hport=$(freeport)
+mkdir -p "$data/parent/etc" "$data/child site/etc"  # a blank in the child's argument
+echo "bind 127.0.0.1 $hport" >"$data/parent/etc/config.tcl"
+echo "sf_log 1 \"handed over to [sf_handover {$out/bin/sfhost.exe} -rootdir {$data/child site}]\"" \
+  >"$data/parent/etc/start.tcl"
+cat >"$data/child site/etc/config.tcl" <<EOF
+sf_receiveEnv
+mkQ echo
+bind 127.0.0.1 $hport
+spinThread tcpReader 127.0.0.1 $hport {enQ echo}
+spinThread dummyWorker echo sf_echo
+sf_startupOk
+EOF
+(cd "$data/parent" && exec wine "$out/bin/sfhost.exe" -rootdir "$data/parent" 2>>"$data/stderr.txt") &
+pid=$!
+for _ in $(seq 120); do grep -q "handed over to" "$data/parent/sf.log" 2>/dev/null && break; sleep 1; done
+cpid=$(pgrep -f -- "$data/child site" || true)
+grep -q "handed over to" "$data/parent/sf.log" || fail "the parent did not hand the port over"
+kill -INT "$pid"
+for _ in $(seq 60); do kill -0 "$pid" 2>/dev/null || break; sleep 1; done
+kill -0 "$pid" 2>/dev/null && fail "the parent did not stop after the hand-over"
+wait "$pid" || fail "exit status $? from the parent after the hand-over"
+echoed=$(python3 -c 'import socket, sys
+c = socket.create_connection(("127.0.0.1", int(sys.argv[1])), 30)
+c.sendall(b"moved"); print(c.recv(5).decode())' "$hport") || true
+[ "$echoed" = moved ] || fail "the child does not serve the handed-over port"
+kill -INT "$cpid"
+for _ in $(seq 60); do kill -0 "$cpid" 2>/dev/null || break; sleep 1; done
+kill -9 "$cpid" 2>/dev/null || true
 rm -rf "$data"
-echo "echo_site: GET, POST, keep-alive and Ctrl-C stop under Wine passed"
+echo "echo_site: GET, POST, keep-alive, Ctrl-C stop and hand-over under Wine passed"
