@@ -189,9 +189,10 @@ void HttpWorker::readAnswer(Buffer& answer) {
   } catch (Xproto&) {
     throw BadGateway();  // refused by the response parser
   }
-  if (backend.socketNo() != INVALID_SOCK && (backend.hasBufferedData() || backend.isReadReady(0))) {
-    // More than one message, or the server closing mid-stream: nothing of
-    // this exchange can be trusted.
+  // Bytes read past the answer mean more than one message: nothing of this
+  // exchange can be trusted. Bytes still on their way are not waited for:
+  // they keep the connection from being used again (keptBackend).
+  if (backend.socketNo() != INVALID_SOCK && backend.hasBufferedData()) {
     SF_LOG(1, "HTTP - Server %s sent bytes after its answer", server.str().c_str());
     throw BadGateway();
   }
