@@ -15,8 +15,17 @@ bool pipe_create(int fds[2]);
 // or -1 with last_error() set.
 long fd_write(int fd, const void* p, size_t n);
 long fd_read(int fd, void* p, size_t n);
-// Reads exactly n bytes unless the other end closes or fails; the count read.
-long fd_read_full(int fd, void* p, size_t n);
+// Reads exactly n bytes unless the other end closes or fails; the count read
+// (or fd_read's answer when nothing was read).
+inline long fd_read_full(int fd, void* p, size_t n) {
+  size_t got = 0;
+  while (got < n) {
+    long r = fd_read(fd, static_cast<char*>(p) + got, n - got);
+    if (r <= 0) return got ? static_cast<long>(got) : r;
+    got += static_cast<size_t>(r);
+  }
+  return static_cast<long>(got);
+}
 int fd_close(int fd);
 int set_fd_inherit(int fd, bool inherit);
 

@@ -157,16 +157,6 @@ long fd_read(int fd, void* p, size_t n) {
   return e == ERROR_BROKEN_PIPE || e == ERROR_PIPE_NOT_CONNECTED ? 0 : -1;
 }
 
-long fd_read_full(int fd, void* p, size_t n) {
-  size_t got = 0;
-  while (got < n) {
-    long r = fd_read(fd, static_cast<char*>(p) + got, n - got);
-    if (r <= 0) return got ? static_cast<long>(got) : r;
-    got += static_cast<size_t>(r);
-  }
-  return static_cast<long>(got);
-}
-
 int fd_close(int fd) {
   return CloseHandle(handleOf(fd)) ? 0 : -1;
 }
