@@ -2,6 +2,7 @@
 // a DummyWorker that echoes it, and real client sockets.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <string>
@@ -106,6 +107,43 @@ TEST(Reader, UnfinishedMessagesWaitWithoutDelayingOthersUntilTheirDeadline) {
   EXPECT_EQ(sftest::recvToClose(slow), "");  // closed at the deadline
   EXPECT_TRUE(echoes(good, "still served\n"));
   for (pf::sock_t s : {slow, good}) pf::sock_close(s);
+}
+
+namespace {
+// Lines, queued for nobody but the test; notes the most messages of one
+// connection ever in flight.
+class HoldingReader : public LineReader {
+ public:
+  sf::MessageQ* q;
+  std::atomic<int> most{0};
+  explicit HoldingReader(sf::MessageQ* q_) : q(q_) {}
+  void validate(sf::Message* msg, const void*) override {
+    most = std::max(most.load(), msg->origin.record()->inFlight.load());
+    q->enQ(msg);
+    sf::getContext()->message = nullptr;  // delivered
+  }
+};
+}  // namespace
+
+// A client that sends faster than its messages are taken has at most 16 in
+// flight; the rest waits in its connection, and nothing is lost.
+TEST(Reader, AClientHasAtMostSixteenMessagesInFlight) {
+  setUp();
+  sf::MessageQ* held = sf::mkQ("held-q");
+  HoldingReader* reader = new HoldingReader(held);
+  Service svc("flood-q", reader);
+  pf::sock_t s = connectTo(svc.portno);
+  std::string lines;
+  for (int i = 0; i < 40; ++i) lines += std::to_string(i) + "\n";
+  ASSERT_TRUE(sendAll(s, lines));
+  for (int i = 0; i < 1000 && held->size() < 16; ++i) pf::sleep_ms(10);
+  for (int i = 0; i < 40; ++i) {
+    sf::Message* m = held->deQ();
+    EXPECT_EQ(std::string(m->data->data, m->data->size()), std::to_string(i) + "\n");
+    delete m;
+  }
+  EXPECT_EQ(reader->most.load(), 16);
+  pf::sock_close(s);
 }
 
 namespace {
