@@ -22,5 +22,5 @@ perl -0pi -e "$subst" "$file"
 cmp -s "$file" "$saved" && { echo "plant-fault: the substitution changed nothing" >&2; exit 2; }
 cmake --build "$build" -j2 >/dev/null || { echo "plant-fault: the fault does not build" >&2; exit 2; }
 caught=$(ctest --test-dir "$build" -j2 --timeout 300 "$@" 2>&1 |
-  sed -n 's/^[[:space:]]*[0-9]* - \(.*\) (\(Failed\|Timeout\|Subprocess aborted\|Exception\))$/\1/p')
+  sed -n 's/^[[:space:]]*[0-9]* - \(.*\) (\(Failed\|Timeout\|Subprocess aborted\|Exception\|SEGFAULT\|Child aborted\|[A-Z_]*\))$/\1/p')
 if [ -n "$caught" ]; then printf 'caught by:\n%s\n' "$caught"; else echo "SURVIVED"; exit 1; fi

@@ -35,7 +35,8 @@ const char kUsage[] =
     "options:\n"
     "  --max-length N   largest item length accepted (below 1: no limit;\n"
     "                   default 65535, key proxy.*.maxlength)\n"
-    "  --max-depth N    deepest nesting accepted (default 1024, key sf.ber.maxdepth)\n"
+    "  --max-depth N    deepest nesting accepted, 1 to 2000 (default 1024, key\n"
+    "                   sf.ber.maxdepth)\n"
     "  -h, --help       print this help\n"
     "\n"
     "exit status: 0 all valid, 1 some input invalid, 2 usage or I/O error\n";
@@ -425,6 +426,12 @@ int main(int argc, char** argv) {
       int* target = a == "--max-length" ? &opt.maxLength : &opt.maxDepth;
       if (i + 1 >= argc || !parseInt(argv[i + 1], target)) {
         fprintf(stderr, "sfber: %s needs an integer\n%s", a.c_str(), kUsage);
+        return 2;
+      }
+      if (target == &opt.maxDepth &&
+          (opt.maxDepth < 1 || opt.maxDepth > SfBerComponent::kMaxNesting)) {
+        fprintf(stderr, "sfber: --max-depth is \"%s\"; allowed: 1 to %d\n", argv[i + 1],
+                SfBerComponent::kMaxNesting);
         return 2;
       }
       (a == "--max-length" ? opt.haveMaxLength : opt.haveMaxDepth) = true;

@@ -113,18 +113,20 @@ static inline size_t lengthAt(const unsigned char* p, size_t limit, unsigned* po
   } else {
     const unsigned n = first & 0x7F;
     if (n > 8) BER_FAIL("lenbound", LENGTH_OUT_OF_BOUNDS);
-    // Big-endian into 32 bits; once the value has turned negative the
-    // remaining length octets are left unread.
+    // Big-endian; a value that does not fit in 31 bits is refused, never
+    // wrapped (a five-octet 0x0100000003 is not 3, and 0xFFFFFFFF is not
+    // the indefinite length).
     std::uint32_t v = 0;
     for (unsigned i = 0; i < n; ++i) {
-      if (static_cast<std::int32_t>(v) < 0) break;
       if (*pos >= limit) BER_FAIL("insufdat", INSUFFICENT_DATA);
+      if (v > 0x7FFFFF) BER_FAIL("lenbound", LENGTH_OUT_OF_BOUNDS);
       v = (v << 8) | p[(*pos)++];
     }
+    if (v > 0x7FFFFFFF) BER_FAIL("lenbound", LENGTH_OUT_OF_BOUNDS);
     value = static_cast<std::int32_t>(v);
   }
-  // Negative values (indefinite, over-long) pass this bound on purpose; the
-  // validator refuses them where they are used.
+  // The indefinite length (negative) passes this bound on purpose; the
+  // validator refuses it where it is not allowed.
   if (maxLength >= 1 && value > maxLength) BER_FAIL("lenbound", LENGTH_OUT_OF_BOUNDS);
   return static_cast<size_t>(static_cast<std::int64_t>(value));
 }
@@ -184,7 +186,7 @@ void SfBerComponent::ClearSettings() {
   depth = 0;
   const Settings& s = processSettings();
   maxLength = s.maxLength;
-  maxDepth = s.maxDepth;
+  SetMaxDepth(s.maxDepth);
   logErrorLevel = s.logErrorLevel;
   logInfoLevel = s.logInfoLevel;
 }
@@ -252,9 +254,13 @@ void SfBerComponent::ValidateStructure() {
 bool SfBerComponent::IsValidStructure(unsigned* pos, size_t dataLen, int identifier) {
   ++depth;
   if (depth > maxDepth) {
-    BER_LOG(logErrorLevel,
-            ": HINT: increase sf.ber.maxdepth(%d) to greater than (%d). IsValidStructure", maxDepth,
-            depth);
+    if (maxDepth < kMaxNesting)
+      BER_LOG(logErrorLevel,
+              ": HINT: increase sf.ber.maxdepth(%d) to greater than (%d). IsValidStructure",
+              maxDepth, depth);
+    else
+      BER_LOG(logErrorLevel, ": nesting deeper than %d levels is never accepted. IsValidStructure",
+              kMaxNesting);
     SF_THROW("IsValidStructure", Xber(Ber::TOO_DEEP));
   }
   bool ok;

@@ -48,8 +48,12 @@ class SfBerComponent {
   void AssignPDU(sf::Buffer* pdu, unsigned start, size_t length);
   // Largest acceptable item length; below 1 means no limit.
   void SetMaxLength(int n) { maxLength = n; }
-  // Deepest acceptable nesting of validation.
-  void SetMaxDepth(int n) { maxDepth = n; }
+  // Deepest acceptable nesting of validation, at most kMaxNesting.
+  void SetMaxDepth(int n) { maxDepth = n < kMaxNesting ? n : kMaxNesting; }
+  // The deepest nesting ever accepted, whatever the settings say: items are
+  // checked and printed by recursion, a stack frame or two a level, and a
+  // thread's stack (1 MiB by default on Windows) must hold them all.
+  static constexpr int kMaxNesting = 2000;
 
   // Validates the whole stretch. Throws Xber: NO_BER_DEFINED without a
   // buffer, INVALID_LENGTH when the buffer changed size or is too short,

@@ -186,6 +186,11 @@ TEST(BerValidation, LimitsDepthAndTheBuffer) {
   deep.comp.SetMaxDepth(2000);
   EXPECT_EQ(berCode([&] { deep.comp.ValidateStructure(); }), 0);
   EXPECT_EQ(deep.comp.GetDepth(), 0);
+  Bytes opened;  // 100,000 SEQUENCEs opened (indefinite length), deeper than any stack holds
+  for (int i = 0; i < 100000; ++i) opened.insert(opened.end(), {0x30, 0x80});
+  Pdu abyss(opened);  // refused at the ceiling, whatever is asked
+  abyss.comp.SetMaxDepth(1000000);
+  EXPECT_EQ(berCode([&] { abyss.comp.ValidateStructure(); }), TOO_DEEP);
   Pdu shallow(nested(3));
   shallow.comp.SetMaxDepth(3);
   EXPECT_EQ(berCode([&] { shallow.comp.ValidateStructure(); }), TOO_DEEP);
