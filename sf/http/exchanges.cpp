@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "sf/detail/net.h"
+#include "sf/events.h"
 #include "sf/message.h"
 #include "sf/platform/thread.h"
 #include "sf/sflib.h"
@@ -262,10 +263,14 @@ void HttpWorker::Exchanges::sweep(Ms now) {
     int k = static_cast<int>(i);
     Slot& s = slots_[i];
     if (!s.msg) continue;
-    const unsigned timeout_s = s.backend.readTimeout_s();
+    const unsigned timeout_s = s.backend.record() ? s.backend.readTimeout_s() : 0;
     if (timeout_s != 0 && now - s.since >= static_cast<Ms>(timeout_s) * 1000) {
-      SF_LOG(3, "HTTP - forwarding to %s failed - no answer within %u s",
-             worker_.server.str().c_str(), timeout_s);
+      i_Connection* rec = s.backend.record();
+      std::string seconds = sfi_fmtlog("%u", timeout_s);
+      logandreport3("09_sf_readtimeout_s_s_d", rec->local.c_str(), rec->remote.c_str(),
+                    seconds.c_str(), __FILE__, __LINE__);
+      SF_LOG(3, "HTTP - forwarding to %s failed - no answer within %s s",
+             worker_.server.str().c_str(), seconds.c_str());
       end(k, -1, none);
       continue;
     }
