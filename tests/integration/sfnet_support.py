@@ -335,7 +335,6 @@ http {{
         location = /echo {{ echo_read_request_body; echo -n $request_body; }}
         location = /chunked {{ root {d}/www; sub_filter_types text/plain; sub_filter 'zz' 'zz'; }}
         location /static/ {{ root {d}/www; }}
-        location = /teapot {{ return 418 "short and stout\\n"; }}
         {extra}
     }}
 }}
