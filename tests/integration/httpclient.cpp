@@ -1,12 +1,10 @@
 // sf_httpclient: HttpAdaptor's client role from the command line, for the
-// integration tests. -m CHUNKED posts data in three chunks; -n repeats the
-// request on one connection; -p tunnels through a proxy with CONNECT, -a gives
-// it the credentials for any realm. Prints
-// "status CODE", "length N", the N body bytes and a newline per response, or
-// "error TEXT" and exits 1.
+// integration tests: GET url. -n repeats the request on one connection; -p
+// tunnels through a proxy with CONNECT, -a gives it the credentials for any
+// realm. Prints "status CODE", "length N", the N body bytes and a newline per
+// response, or "error TEXT" and exits 1.
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <list>
 #include <string>
 
@@ -17,52 +15,21 @@ namespace {
 
 void usage() {
   fprintf(stderr,
-          "usage: sf_httpclient [-m GET|POST|HEAD|CHUNKED] [-d data] [-n count]\n"
-          "                     [-p proxyhost proxyport] [-a user password] host port url\n");
+          "usage: sf_httpclient [-n count] [-p proxyhost proxyport] [-a user password]\n"
+          "                     host port url\n");
   exit(2);
-}
-
-void request(sf::Connection& c, sf::HttpAdaptor* http, const std::string& method,
-             const std::string& url, const std::string& data,
-             const std::list<std::string>& headers) {
-  sf::Buffer body;
-  body.append(data.data(), data.size());
-  if (method == "GET") {
-    http->get(&c, url.c_str(), headers);
-  } else if (method == "HEAD") {
-    http->head(&c, url.c_str(), headers);
-  } else if (method == "POST") {
-    http->post(&c, url.c_str(), "text/plain", body, headers);
-  } else if (method == "CHUNKED") {
-    http->requestHeader.reset();
-    http->requestHeader.url = url;
-    http->requestHeader.headers = headers;
-    size_t third = data.size() / 3;
-    sf::Buffer parts[3];
-    for (size_t k = 0; k < 3; ++k)
-      parts[k].append(data.data() + k * third, k < 2 ? third : data.size() - 2 * third);
-    http->writePduFirst(&c, parts[0]);
-    http->writePduNext(&c, parts[1]);
-    http->writePduLast(&c, parts[2]);
-  } else {
-    usage();
-  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string method = "GET", data, proxyHost, proxyPort, user, password;
+  std::string proxyHost, proxyPort, user, password;
   std::list<std::string> headers;
   int count = 1;
   int i = 1;
   for (; i < argc && argv[i][0] == '-'; ++i) {
     std::string o = argv[i];
-    if (o == "-m" && i + 1 < argc) {
-      method = argv[++i];
-    } else if (o == "-d" && i + 1 < argc) {
-      data = argv[++i];
-    } else if (o == "-n" && i + 1 < argc) {
+    if (o == "-n" && i + 1 < argc) {
       count = atoi(argv[++i]);
     } else if (o == "-p" && i + 2 < argc) {
       proxyHost = argv[++i];
@@ -96,7 +63,7 @@ int main(int argc, char** argv) {
       headers.push_back("Host: " + host + ":" + port);
     }
     for (int n = 0; n < count; ++n) {
-      request(c, http, method, url, data, headers);
+      http->get(&c, url.c_str(), headers);
       sf::Buffer answer;
       http->readMessage(&c, answer, nullptr);
       printf("status %d\nlength %zu\n", http->lastStatus, answer.size());

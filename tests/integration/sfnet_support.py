@@ -35,21 +35,17 @@ def poll(pred, timeout, what):
         time.sleep(0.05)
 
 
-def can_connect(port):
-    try:
-        socket.create_connection(("127.0.0.1", port), timeout=1).close()
-        return True
-    except OSError:
-        return False
-
-
 def wait_port(port, proc=None, timeout=30.0, output=lambda: ""):
     """Waits until something listens on port; fails at once if proc ends."""
     def up():
         if proc is not None and proc.poll() is not None:
             raise AssertionError("exited with %s before listening on %d:\n%s"
                                  % (proc.returncode, port, output()))
-        return can_connect(port)
+        try:
+            socket.create_connection(("127.0.0.1", port), timeout=1).close()
+            return True
+        except OSError:
+            return False
     poll(up, timeout, lambda: "nothing listens on %d:\n%s" % (port, output()))
 
 
@@ -335,7 +331,6 @@ http {{
         location = /echo {{ echo_read_request_body; echo -n $request_body; }}
         location = /chunked {{ root {d}/www; sub_filter_types text/plain; sub_filter 'zz' 'zz'; }}
         location /static/ {{ root {d}/www; }}
-        location = /teapot {{ return 418 "short and stout\\n"; }}
         {extra}
     }}
 }}

@@ -7,9 +7,8 @@ import os
 import signal
 import threading
 import time
-import unittest
 
-from sfnet_support import SFHOST, SiteTest, can_connect, connect, poll, recv_exactly
+from sfnet_support import SFHOST, SiteTest, connect, poll, recv_exactly
 
 CHILD_CONFIG = """
 set sf.log.level 0
@@ -61,9 +60,7 @@ class HandoverTest(SiteTest):
                     failures.append(repr(e))
 
         parent.start(level=4)
-        # The parent binds before it hands over; wait until the port exists.
-        poll(lambda: parent.proc.poll() is None and can_connect(port), 30,
-             lambda: "parent never listened:\n" + parent.text())
+        parent.wait_listening()  # it binds before it hands over
         threads = [threading.Thread(target=hammer, args=(n,)) for n in range(4)]
         for t in threads:
             t.start()
@@ -88,7 +85,3 @@ class HandoverTest(SiteTest):
                         os.kill(child_pid, signal.SIGKILL))
         poll(lambda: not os.path.exists("/proc/%d" % child_pid), 30,
              lambda: "child did not stop on SIGTERM")
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)

@@ -6,7 +6,6 @@ import base64
 import os
 import shutil
 import subprocess
-import sys
 import tempfile
 import unittest
 
@@ -135,7 +134,3 @@ class NtlmAuth(unittest.TestCase):
         self.assertIn("HTTP - Server answered with status 407", log)
         self.assertNotIn("sending with basic auth", log)
         self.assertNotIn("ntlmpw", log)
-
-
-if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0], "-v"])

@@ -4,8 +4,6 @@ raw sockets."""
 
 import os
 import socket
-import subprocess
-import sys
 import unittest
 
 from sfnet_support import Nginx, SiteTest, curl, free_port, recv_all
@@ -60,18 +58,10 @@ class HttpServer(SiteTest):
             s.sendall(data)
             return recv_all(s, 10)
 
-    def test_curl_get_post_chunked_head(self):
-        url = "http://127.0.0.1:%d" % self.port
-        self.assertEqual(curl(url + "/hello?x=1"), (200, b"/hello?x=1"))
-        self.assertEqual(curl("--data-binary", "posted body", url + "/p"), (200, b"posted body"))
-        big = "z" * 100000  # more than the reader reads ahead of an unfinished message
-        self.assertEqual(curl("-H", "Transfer-Encoding: chunked", "--data-binary", big, url + "/c"),
-                         (200, big.encode()))
-        # keep-alive across requests: curl reuses one connection for both URLs
-        out = subprocess.run(["curl", "-s", "-v", url + "/one", url + "/two"],
-                             capture_output=True, timeout=30)
-        self.assertEqual(out.stdout, b"/one/two")
-        self.assertIn(b"Re-using existing connection", out.stderr)
+    def test_chunked_body_beyond_what_the_reader_reads_ahead(self):
+        big = "z" * 100000
+        self.assertEqual(curl("-H", "Transfer-Encoding: chunked", "--data-binary", big,
+                              "http://127.0.0.1:%d/c" % self.port), (200, big.encode()))
 
     def test_raw_requests_and_their_answers(self):
         get = b"GET %s HTTP/1.1\r\nHost: x\r\n\r\n"
@@ -113,7 +103,3 @@ class NginxAsReference(unittest.TestCase):
                 s.shutdown(socket.SHUT_WR)
                 served = recv_all(s, 10).startswith((b"HTTP/1.1 2", b"HTTP/1.0 2"))
             self.assertTrue(served or status != "200", text)
-
-
-if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0], "-v"])

@@ -5,7 +5,6 @@ stop while requests are still being answered."""
 import os
 import resource
 import socket
-import unittest
 
 from sfnet_support import BUILD, SiteTest, connect, echo_config, recv_all, recv_exactly
 
@@ -107,7 +106,3 @@ class ReaderLimits(SiteTest):
         with connect(s.port) as after:
             after.sendall(b"after")
             self.assertEqual(recv_exactly(after, 5), b"after")
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)

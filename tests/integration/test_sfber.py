@@ -82,7 +82,3 @@ class Sfber(unittest.TestCase):
         self.assertIn("invalid: INSUFFICENT_DATA", err)
         self.assertRegex(out.splitlines()[0], r"^ +0 +4 +%d  SEQUENCE .* <truncated: %d octets "
                          r"present>$" % (len(data) - 4, len(data) // 2 - 4))
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)

@@ -149,7 +149,3 @@ class SfhostTest(SiteTest):
             self.assertEqual(r.returncode, 2, r.stderr)
             for text in texts:
                 entry(pri, ident, prefix + text)
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)

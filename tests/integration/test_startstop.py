@@ -7,7 +7,6 @@ import os
 import random
 import signal
 import time
-import unittest
 
 from sfnet_support import SiteTest, connect, echoes
 
@@ -81,7 +80,3 @@ class StartStopTest(SiteTest):
         site = self.run_site(start="dummyWorker echo\n")
         self.assertEqual(site.proc.wait(30), 2, site.text()[-3000:])
         self.assertIn("dummyWorker never returns: start it in a thread of its own", site.text())
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)

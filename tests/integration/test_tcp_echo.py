@@ -5,7 +5,6 @@ and many connections at once."""
 import resource
 import socket
 import threading
-import unittest
 
 from sfnet_support import SiteTest, connect, echo_config, echoes, recv_exactly
 
@@ -101,7 +100,3 @@ class EchoTest(SiteTest):
         for c in socks:
             c.close()
         self.assertEqual(s.stop(), 0)
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)

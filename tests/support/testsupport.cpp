@@ -63,6 +63,27 @@ void writeFile(const std::filesystem::path& p, const std::string& text) {
   std::ofstream(p, std::ios::binary) << text;
 }
 
+void logToFile(const std::string& dir, int level, int filemaxKiB, const char* fmt) {
+  ensureInterp();
+  sf::setlog(nullptr);
+  sf::setVarStr("sf.log.dir", dir.c_str());
+  sf::setVarStr("sf.log.filename", "unit");
+  sf::setVarInt("sf.log.filemax", filemaxKiB);
+  sf::eval("unset -nocomplain sf.log.numfiles");
+  sf::setVarStr("sf.log.fmt", fmt);
+  sf::sfi_setLogLevel(level);
+  sf::sfi_logInit();
+}
+
+int berCode(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const sf::Xber& e) {
+    return e.GetError();
+  }
+  return 0;
+}
+
 namespace {
 // Never destroyed: library threads that outlive a test (readers, workers)
 // may still log into them while the process runs its exit handlers.

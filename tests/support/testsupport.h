@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -43,6 +44,14 @@ void writeFile(const std::filesystem::path& p, const std::string& text);
 
 // A buffer's contents (empty when nothing was ever allocated).
 std::string text(const sf::Buffer& b);
+
+// Points the file sink at dir/unit.log (five rotated files, the given size
+// and template) and initialises the log at an explicit level, as start-up
+// does.
+void logToFile(const std::string& dir, int level, int filemaxKiB = 1024, const char* fmt = "");
+
+// The Xber code f throws, or 0 when it returns.
+int berCode(const std::function<void()>& f);
 
 // One record as the log callback saw it.
 struct Record {

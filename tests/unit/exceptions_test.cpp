@@ -50,11 +50,8 @@ TEST(Exceptions, ThrowSiteRecordPrecedesEveryThrow) {
 TEST(Exceptions, ThrowSiteRecordLeavesTheSystemErrorForXsys) {
   // The record goes to a file sink that cannot open its file, so the log
   // path itself meets a failing call before the Xsys is built.
-  sftest::ensureInterp();
   sftest::TempDir dir;
-  sf::setVarStr("sf.log.dir", (dir.str() + "/missing").c_str());
-  sf::sfi_setLogLevel(3);
-  sf::sfi_logInit();
+  sftest::logToFile(dir.str() + "/missing", 3);
   sf::platform::set_last_error(13);
   try {
     SF_THROW("open", sf::Xsys("open"));

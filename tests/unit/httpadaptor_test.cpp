@@ -253,11 +253,19 @@ TEST_F(Http, ChunkedBodiesWholeAndAsFragments) {
 
 TEST_F(Http, ClientReadsResponses) {
   CurrentMessage cur;
-  Peer ok(true, {"HTTP/1.1 200 OK\r\nContent-Length: 3\r\nX-Back: b\r\n\r\nabc"});
+  Peer ok(true, {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nX-Back: b\r\n\r\n"
+                 "3\r\nabc\r\n0\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nde"});
   EXPECT_EQ(ok.read(), "abc");
   EXPECT_EQ(cur.env("HttpResultCode") + cur.env("HttpResultReason") + cur.env("header:x-back"),
             "200OKb");
+  EXPECT_EQ(ok.read(), "de");  // the next answer on the kept connection
   EXPECT_FALSE(ok.closed());
+  // The answer to HEAD is its headers alone, whatever length they announce.
+  Peer head(true, {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n"});
+  head.http->head(&head.conn, "/h", {});
+  EXPECT_EQ(head.mem->written.substr(0, 8), "HEAD /h ");
+  EXPECT_EQ(head.read(), "");
+  EXPECT_FALSE(head.closed());
 
   // HTTP/1.0 without a length runs to the end of the stream; the bytes that
   // came with the headers are its start. The connection is closed after it.

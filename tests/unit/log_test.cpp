@@ -20,21 +20,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Points the file sink at dir and initialises the log at an explicit level,
-// as start-up does.
-void initFileLog(const sftest::TempDir& dir, int level, int filemaxKiB = 1024,
-                 const char* fmt = "") {
-  sftest::ensureInterp();
-  sf::setlog(nullptr);
-  sf::setVarStr("sf.log.dir", dir.str().c_str());
-  sf::setVarStr("sf.log.filename", "unit");
-  sf::setVarInt("sf.log.filemax", filemaxKiB);
-  sf::eval("unset -nocomplain sf.log.numfiles");  // the default: 5 rotated files
-  sf::setVarStr("sf.log.fmt", fmt);
-  sf::sfi_setLogLevel(level);
-  sf::sfi_logInit();
-}
-
 std::vector<std::string> lines(const fs::path& file) {
   std::vector<std::string> out;
   std::istringstream in(sftest::readFile(file));
@@ -141,7 +126,7 @@ TEST(LogDeathTest, StderrModeStartsAtMinusOne) {
 
 TEST(LogFile, BuiltInLayoutOneOpenPerRecord) {
   sftest::TempDir dir;
-  initFileLog(dir, 3);
+  sftest::logToFile(dir.str(), 3);
   sf::sfi_log(3, 7, "hello", "src/x.cpp", 12, 0);
   sf::sfi_log(4, 0, "filtered", "src/x.cpp", 13, 0);
   std::smatch m;
@@ -175,7 +160,7 @@ TEST(LogFile, BuiltInLayoutOneOpenPerRecord) {
 
 TEST(LogFile, RotationKeepsTheNumberedSet) {
   sftest::TempDir dir;
-  initFileLog(dir, 3, /*filemaxKiB=*/1);
+  sftest::logToFile(dir.str(), 3, /*filemaxKiB=*/1);
   const int total = 41;  // about four lines a file: ten rotations
   for (int i = 1; i <= total; ++i) sf::sfi_log(3, i, std::string(250, '.').c_str(), "f", 1, 0);
 
@@ -226,14 +211,14 @@ TEST(LogFile, TemplateShapesTheLineAndUselessOnesAreDroppedOnce) {
   // format's arguments: 1 timestamp, 2 pid, 3 tid, 4 level, 5 seconds,
   // 6 microseconds, 7 code, 8 message, 9 file, 10 line.
   sftest::TempDir dir;
-  initFileLog(dir, 3, 1024, "L%4$s C%7$s <%8$s> %9$s:%10$s us=%6$s\n");
+  sftest::logToFile(dir.str(), 3, 1024, "L%4$s C%7$s <%8$s> %9$s:%10$s us=%6$s\n");
   sf::sfi_log(3, 7, "hello world", "x.cpp", 12, 0);
   EXPECT_EQ(sftest::readFile(dir.path() / "unit.log"), "L3 C7 <hello world> x.cpp:12 us=0\n");
 
   // Failing for one record (a message that is no integer) gives that record
   // the built-in layout; the template stays.
   sftest::TempDir dir2;
-  initFileLog(dir2, 3, 1024, "n=%8$d\n");
+  sftest::logToFile(dir2.str(), 3, 1024, "n=%8$d\n");
   sf::sfi_log(3, 0, "not a number", "x.cpp", 1, 0);
   sf::sfi_log(3, 0, "42", "x.cpp", 2, 0);
   std::vector<std::string> ls = lines(dir2.path() / "unit.log");
@@ -244,7 +229,7 @@ TEST(LogFile, TemplateShapesTheLineAndUselessOnesAreDroppedOnce) {
   // Formatting to itself or to nothing drops it, once, with a notice.
   for (const char* useless : {"constant text", "%8$.0s"}) {
     sftest::TempDir dir3;
-    initFileLog(dir3, 1, 1024, useless);
+    sftest::logToFile(dir3.str(), 1, 1024, useless);
     sf::sfi_log(1, 0, "first", "x.cpp", 1, 0);
     sf::sfi_log(1, 0, "second", "x.cpp", 2, 0);
     ls = lines(dir3.path() / "unit.log");

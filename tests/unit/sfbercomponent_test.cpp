@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,6 +10,7 @@
 #include "support/testsupport.h"
 
 using sfber::SfBerComponent;
+using sftest::berCode;
 using Bytes = std::vector<unsigned char>;
 using namespace sf::Ber;
 
@@ -25,16 +25,6 @@ struct Pdu {
     comp.AssignPDU(&buf, 0, buf.size());
   }
 };
-
-// The Xber code f throws, or 0 when it returns.
-int berCode(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const sf::Xber& e) {
-    return e.GetError();
-  }
-  return 0;
-}
 
 int validation(const Bytes& bytes) {
   Pdu p(bytes);

@@ -15,12 +15,7 @@ int validation(const std::string& bytes, sf::Buffer& buf, sfber::SfBerComponent&
   buf.resize(0);
   buf.append(bytes.data(), bytes.size());
   comp.AssignPDU(&buf, 0, buf.size());
-  try {
-    comp.ValidateStructure();
-  } catch (const sf::Xber& e) {
-    return e.GetError();
-  }
-  return 0;
+  return sftest::berCode([&] { comp.ValidateStructure(); });
 }
 
 }  // namespace

@@ -94,12 +94,10 @@ int unattachedProcess() {
   if (attached != -1 || sf::statsAttached() || sf::statsBlock()) return 1;
   sf::lockStats();  // nothing to take: must not block
   sf::unlockStats();
-  sftest::ensureInterp();
   fs::path logs = getenv("TAVODATDIR");  // a directory the parent removes
-  sf::setVarStr("sf.log.dir", logs.c_str());
-  sf::sfi_logInit();
+  sftest::logToFile(logs.string(), 1);
   sf::sfi_log(1, 0, "written without the block", __FILE__, __LINE__, 0);
-  std::string text = sftest::readFile(logs / "sf.log");
+  std::string text = sftest::readFile(logs / "unit.log");
   return text.find("written without the block") == std::string::npos ? 2 : 0;
 }
 
@@ -197,11 +195,7 @@ TEST(StatsBlock, LockOfAKilledHolderIsTakenOver) {
   OwnBlock& own = ownBlock();
   ASSERT_EQ(sf::sfi_attachStats(), 0);
   // The log file is written under the same lock: a record waits for it.
-  sftest::ensureInterp();
-  sf::setlog(nullptr);
-  sf::setVarStr("sf.log.dir", own.dir.str().c_str());
-  sf::sfi_setLogLevel(1);
-  sf::sfi_logInit();
+  sftest::logToFile(own.dir.str(), 1);
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
   pid_t holder = forkChild([&] {
@@ -229,7 +223,7 @@ TEST(StatsBlock, LockOfAKilledHolderIsTakenOver) {
     _exit(1);
   }
   waiter.join();
-  EXPECT_NE(sftest::readFile(own.dir.path() / "sf.log").find("written after the holder"),
+  EXPECT_NE(sftest::readFile(own.dir.path() / "unit.log").find("written after the holder"),
             std::string::npos);
   // And it still serialises: another process gets it after us.
   sf::lockStats();

@@ -78,13 +78,7 @@ TEST(TclBridgeConcurrency, TemplateRecordsAndLoggingEvaluationsShareTheLocks) {
   // nor lose a line.
   registerOnce();
   sftest::TempDir dir;
-  sf::setlog(nullptr);
-  sf::setVarStr("sf.log.dir", dir.str().c_str());
-  sf::setVarStr("sf.log.filename", "conc");
-  sf::setVarInt("sf.log.filemax", 1 << 20);
-  sf::setVarStr("sf.log.fmt", "%4$s %8$s\n");
-  sf::sfi_setLogLevel(6);
-  sf::sfi_logInit();
+  sftest::logToFile(dir.str(), 6, 1 << 20, "%4$s %8$s\n");
 
   const int rounds = 150;
   std::vector<std::function<void()>> bodies;
@@ -99,7 +93,7 @@ TEST(TclBridgeConcurrency, TemplateRecordsAndLoggingEvaluationsShareTheLocks) {
   runTogether(bodies);
   sf::sfi_setLogLevel(-1);
 
-  std::istringstream in(sftest::readFile(dir.path() / "conc.log"));
+  std::istringstream in(sftest::readFile(dir.path() / "unit.log"));
   std::map<std::string, int> kinds;
   for (std::string line; std::getline(in, line);) {
     if (line != "1 explicitly setting log level to 6")  // when already initialised
