@@ -8,10 +8,12 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "sf/i_mx.h"
 #include "sf/log.h"
 #include "sf/message.h"
+#include "sf/platform/events.h"
 #include "sf/platform/sync.h"
 #include "sf/runtime.h"
 #include "sf/sferr.h"
@@ -31,6 +33,9 @@ struct QueueState {
   platform::CountingSemaphore* count;  // queued messages; consumers wait here
   platform::RecursiveMutex* mx;        // guards head, tail and ring
   platform::AutoEvent* emptied;        // a quiescing queue became empty
+  // Consumers waiting elsewhere for the next enQ (watch), oldest first;
+  // guarded by mx.
+  std::vector<platform::Wakeup*> watchers;
 };
 
 namespace {
@@ -132,9 +137,14 @@ int MessageQ::enQ(Message* msg) {
   std::int32_t next = (tail + 1) % q->capacity;
   std::int32_t head = q->head.load(std::memory_order_relaxed);
   bool full = next == head;
+  platform::Wakeup* watcher = nullptr;
   if (!full) {
     q->ring[tail] = msg;
     q->tail = next;
+    if (!q->watchers.empty()) {
+      watcher = q->watchers.front();
+      q->watchers.erase(q->watchers.begin());
+    }
   }
   release(q->mx);
   // The count goes up once the mutex is free: a consumer it wakes takes the
@@ -142,6 +152,9 @@ int MessageQ::enQ(Message* msg) {
   // ring holds at most capacity - 1 messages, so the count can never pass
   // its maximum; if it does, the queue's bookkeeping is broken.
   if (!full && !platform::semaphore_release(q->count)) sf_fatal("ReleaseSemaphore");
+  // Nothing of the queue is touched from here on: a consumer may have taken
+  // the message and destroyed the queue.
+  if (watcher) watcher->notify();
   if (full) {
     // Logged once the mutex is released: logging may need the interpreter
     // lock, which a script command waiting for this mutex may hold.
@@ -156,6 +169,33 @@ int MessageQ::enQ(Message* msg) {
 
 Message* MessageQ::deQ() {
   platform::semaphore_wait(q->count);
+  return take();
+}
+
+Message* MessageQ::tryDeQ() {
+  return platform::semaphore_wait_ms(q->count, 0) ? take() : nullptr;
+}
+
+bool MessageQ::watch(platform::Wakeup* w) {
+  platform::mutex_lock(q->mx);
+  bool empty = q->head.load(std::memory_order_relaxed) == q->tail.load(std::memory_order_relaxed);
+  if (empty) q->watchers.push_back(w);
+  release(q->mx);
+  return empty;
+}
+
+void MessageQ::unwatch(platform::Wakeup* w) {
+  platform::mutex_lock(q->mx);
+  for (auto it = q->watchers.begin(); it != q->watchers.end(); ++it)
+    if (*it == w) {
+      q->watchers.erase(it);
+      break;
+    }
+  release(q->mx);
+}
+
+// Removes the oldest message once the count has been taken for it.
+Message* MessageQ::take() {
   if (platform::mutex_lock(q->mx) != 0) SF_THROW("deQ", Xsys("WaitForSingleObject-mx"));
   Message* msg = q->ring[q->head.load(std::memory_order_relaxed)];
   std::int32_t head = (q->head.load(std::memory_order_relaxed) + 1) % q->capacity;

@@ -16,6 +16,9 @@
 
 namespace sf {
 
+namespace platform {
+class Wakeup;
+}
 struct Message;
 struct QueueState;
 
@@ -35,6 +38,16 @@ class MessageQ {
   int enQ(Message* msg);
   // Waits for a message, removes it and returns it (oldest first).
   Message* deQ();
+  // Removes and returns the oldest message if one is there; null otherwise.
+  Message* tryDeQ();
+  // For a consumer that waits on an event set rather than in deQ: the next
+  // enQ notifies w (and forgets it), unless unwatch(w) comes first. The
+  // queue is looked at and w hung on it in one step, so that no message goes
+  // unannounced: false, without watching, when a message is there already
+  // (tryDeQ takes it, or takes it a moment later, once its producer has
+  // finished releasing it). Watchers are woken one per enQ, oldest first.
+  bool watch(platform::Wakeup* w);
+  void unwatch(platform::Wakeup* w);
 
   const char* name() const;
   int capacity() const;
@@ -51,6 +64,7 @@ class MessageQ {
 
  private:
   static void waitForEmptyQueues(void*);
+  Message* take();
   QueueState* q;
 };
 

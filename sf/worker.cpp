@@ -83,6 +83,10 @@ void Worker::handle(Message* msg) {
     }
   }
 
+  dispose(msg, wasReserved);
+}
+
+void Worker::dispose(Message* msg, bool wasReserved) {
   if (wasReserved) {
     SF_LOG(5, "unreserving connection after processing");
     try {

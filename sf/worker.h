@@ -47,9 +47,12 @@ class Worker {
 
   // One pass of the loop for a message already taken off the queue: makes it
   // the context's message, processes it (or skips a close notice), turns a
-  // failure into a reject, unreserves its connection if the reader reserved
-  // it and deletes it unless keep is set.
+  // failure into a reject, and disposes of it (dispose).
   void handle(Message* msg);
+  // The end of every message: unreserves its connection if the reader had
+  // reserved it (wasReserved, read before processing began) and deletes it
+  // unless keep is set.
+  void dispose(Message* msg, bool wasReserved);
 };
 
 // A worker for trying a configuration out: logs each message and evaluates

@@ -161,9 +161,10 @@ class HttpAdaptor : public Adaptor {
   void readPduFirst(Connection* c, Buffer& body) override;
   void readPduNext(Connection* c, Buffer& body) override;
   bool readPduIsMore(Connection* c) override;
-  // Server role: whether a whole request has arrived, from the strict
-  // incremental parser (docs/http.md); throws the Xreject of a refused one.
-  // The client role answers Unknown.
+  // Whether a whole message has arrived, from the strict incremental parser
+  // (docs/http.md): a request in the server role (throws the Xreject of a
+  // refused one), the answer to the last request written in the client role
+  // (throws Xproto for a refused one, as readPdu would).
   Framing frame(Connection* c, const char* data, size_t len) override;
   // Both read one message; n is not consulted.
   void readUptoNB(Connection* c, Buffer& body, int n) override;
@@ -292,12 +293,16 @@ class HttpAdaptor : public Adaptor {
   void readNextChunk(Connection* c, Buffer& body);
   void startRequest();
   void applyLimits();
+  void skipFramed(Connection* c);
   void checkRequest(Connection* c);
   void receiveRequest(Connection* c);
   void publishRequest(std::list<std::string>* headers);
   void deliverBody(Buffer& body);
   // Client role (httpread.cpp).
   void readResponse(Connection* c, Buffer& body, std::list<std::string>* headers);
+  void startResponse();
+  Framing frameResponse(const char* data, size_t len);
+  void checkResponse();
   void receiveResponse(Connection* c);
   void publishResponse(std::list<std::string>* headers);
   void deliverResponse(Connection* c, Buffer& body);
@@ -313,7 +318,8 @@ class HttpAdaptor : public Adaptor {
   Buffer received_;                          // one read of a response (client role)
   MessageParser request_{1024, 65535};       // the request being read (server role)
   std::unique_ptr<MessageParser> response_;  // the response being read (client role)
-  size_t framed_ = 0;                        // bytes frame() fed to it, still below
+  size_t framed_ = 0;                        // bytes frame() fed to a parser, still below
+  bool responseFramed_ = false;              // frame() began the response being read
   bool continueSent_ = false;                // "100 Continue" written for this request
 };
 

@@ -45,7 +45,7 @@ int httpWorkerCmd(int argc, const char** argv) {
   if (sfi_refuseInsideEvaluation("httpWorker")) return 1;
   HttpWorker worker(argv[1], argv[2], argv[3]);
   worker.mode = forward ? HttpWorker::Mode::Forward : HttpWorker::Mode::Tunnel;
-  worker.run();
+  worker.serve();
 }
 
 // httpPush ?option ...?: a server-role adaptor, configured by the options,

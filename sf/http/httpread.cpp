@@ -56,6 +56,16 @@ void HttpAdaptor::readMessage(Connection* c, Buffer& body, std::list<std::string
 void HttpAdaptor::readResponse(Connection* c, Buffer& body, std::list<std::string>* headers) {
   SF_LOG(4, "HTTP - Reading message");
   SF_LOG(7, "HTTP - Reading response status from server");
+  if (!responseFramed_) startResponse();
+  responseFramed_ = false;
+  response_->pauseAtChunks(pduMore);
+  receiveResponse(c);
+  publishResponse(headers);
+  deliverResponse(c, body);
+}
+
+// The parser starts over for the answer to the request last written.
+void HttpAdaptor::startResponse() {
   if (!response_) response_.reset(new MessageParser(maxHeader, maxBody, MessageParser::RESPONSE));
   MessageParser& p = *response_;
   p.reset(maxHeader, maxBody);
@@ -63,14 +73,37 @@ void HttpAdaptor::readResponse(Connection* c, Buffer& body, std::list<std::strin
               : requestHeader.method == METHOD_CONNECT ? MessageParser::CONNECT
                                                        : MessageParser::GET,
               !strictResponse);
-  p.pauseAtChunks(pduMore);
-  receiveResponse(c);
-  publishResponse(headers);
-  deliverResponse(c, body);
+  framed_ = 0;
+}
+
+// The framing step of the client role: a whole answer is never delivered a
+// chunk at a time, so the parser does not pause at chunks.
+Framing HttpAdaptor::frameResponse(const char* data, size_t len) {
+  if (!responseFramed_) {
+    startResponse();
+    response_->pauseAtChunks(false);
+    responseFramed_ = true;
+  }
+  MessageParser& p = *response_;
+  if (len > framed_ && !p.complete() && !p.failed())
+    framed_ += p.feed(data + framed_, len - framed_);
+  checkResponse();
+  if (p.complete()) return Framing::Whole;
+  return p.headerDone() ? Framing::Body : Framing::Header;
+}
+
+void HttpAdaptor::checkResponse() {
+  MessageParser& p = *response_;
+  if (p.failed()) refuseResponse(p.error());
+  // A strict client relays bodies as they are: one still under a coding it
+  // does not undo would reach its reader as something else.
+  if (strictResponse && p.headerDone() && p.otherCoding())
+    refuseResponse({"502", "coding", "HTTP - Transfer coding other than chunked"});
 }
 
 void HttpAdaptor::receiveResponse(Connection* c) {
   MessageParser& p = *response_;
+  skipFramed(c);
   Buffer& block = received_;
   while (!p.complete() && !p.paused() && !p.failed()) {
     block.resize(0);
@@ -83,10 +116,7 @@ void HttpAdaptor::receiveResponse(Connection* c) {
     }
     size_t used = p.feed(block.data, block.size());
     if (used < block.size()) next->pushback(block.data + used, block.size() - used);
-    // A strict client relays bodies as they are: one still under a coding
-    // it does not undo would reach its reader as something else.
-    if (strictResponse && p.headerDone() && p.otherCoding())
-      refuseResponse({"502", "coding", "HTTP - Transfer coding other than chunked"});
+    checkResponse();
   }
   if (p.failed()) refuseResponse(p.error());
 }

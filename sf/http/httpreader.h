@@ -6,9 +6,12 @@
 // script that decides where the message goes (normally "enQ queue").
 //
 // An HttpWorker forwards each message of its queue to an HTTP server and
-// relays the answer to the message's own connection as the reply. Each
-// worker keeps its connection to the server open while the server allows.
+// relays the answer to the message's own connection as the reply. One worker
+// thread has many exchanges in flight, and keeps its connections to the
+// server open while the server allows.
 #pragma once
+
+#include <memory>
 
 #include "sf/http/httpadaptor.h"
 #include "sf/port.h"
@@ -33,8 +36,19 @@ class HttpWorker : public Worker {
  public:
   // Serves queueName, forwarding to the HTTP server at nic/port.
   HttpWorker(const char* queueName, const char* nic, const char* port);
-  // Connects to the server, sends the request, and writes the response body
-  // back on msg->conn; any failure becomes the default rejection there.
+  ~HttpWorker() override;
+  HttpWorker(const HttpWorker&) = delete;
+  HttpWorker& operator=(const HttpWorker&) = delete;
+
+  // The worker loop of httpWorker; never returns. Takes every message the
+  // queue holds, up to kMaxExchanges at once, sends each request to the
+  // server on a connection of its own, and relays each answer as soon as it
+  // is complete, so that one slow answer holds up no other. Close notices
+  // are disposed of as Worker::handle does.
+  [[noreturn]] void serve();
+  // One message, start to finish: sends the request, and writes the answer's
+  // body back on msg->conn; any failure becomes the default rejection there
+  // (502 for an answer that may not be relayed).
   void processMessage(Message* msg) override;
 
   // Tunnel: the message's data is the adaptor's own request. Forward: a
@@ -42,17 +56,17 @@ class HttpWorker : public Worker {
   // end-to-end headers (docs/commands.md).
   enum class Mode { Tunnel, Forward };
 
+  // Exchanges one worker has in flight at most, and so connections to the
+  // server it keeps at most.
+  static const int kMaxExchanges = 64;
+
   PortAddr server;
   Mode mode = Mode::Tunnel;
-  Connection backend;  // kept between messages while the server allows
 
  private:
-  HttpAdaptor* connectBackend();
-  HttpAdaptor* keptBackend();
-  void sendRequest(HttpAdaptor* http, Message* msg);
-  void awaitAnswer(Connection& client);
-  void readAnswer(Buffer& answer);
-  void exchange(Message* msg, Buffer& answer);
+  class Exchanges;  // sf/detail/exchanges.h
+  Exchanges& exchanges();
+  std::unique_ptr<Exchanges> exchanges_;
 };
 
 }  // namespace sf

@@ -40,7 +40,7 @@ void HttpAdaptor::applyLimits() {
 }
 
 Framing HttpAdaptor::frame(Connection* c, const char* data, size_t len) {
-  if (isClient) return Framing::Unknown;
+  if (isClient) return frameResponse(data, len);
   applyLimits();
   if (len > framed_ && !request_.complete() && !request_.failed())
     framed_ += request_.feed(data + framed_, len - framed_);
@@ -63,16 +63,22 @@ void HttpAdaptor::checkRequest(Connection* c) {
   }
 }
 
-void HttpAdaptor::receiveRequest(Connection* c) {
-  // What frame() has parsed is still below: take it without parsing again.
+// What frame() has parsed is still below: it is taken without being parsed
+// again.
+void HttpAdaptor::skipFramed(Connection* c) {
   Buffer block(0);
   while (framed_ > 0) {
     block.resize(0);
     next->readUptoNB(c, block, static_cast<int>(std::min<size_t>(framed_, 1 << 16)));
     framed_ -= std::min<size_t>(framed_, block.size());
   }
+}
+
+void HttpAdaptor::receiveRequest(Connection* c) {
+  skipFramed(c);
   applyLimits();
   checkRequest(c);
+  Buffer block(0);
   while (!request_.complete() && !request_.paused()) {
     block.resize(0);
     next->readUptoNB(c, block, kReadBlock);

@@ -11,11 +11,15 @@
 // relayed: a status line, one framing, and nothing after the message. A
 // backend that breaks any of these gets the client a 502 and loses its
 // connection, so no later client can be served bytes meant for another.
+// The exchanges themselves, many at once, are in exchanges.cpp.
 #include <string_view>
 #include <utility>
 
-#include "sf/http/httpreader.h"
+#include "sf/detail/exchanges.h"
 #include "sf/message.h"
+#include "sf/msgq.h"
+#include "sf/platform/thread.h"
+#include "sf/watchdog.h"
 
 namespace sf {
 
@@ -70,25 +74,6 @@ bool hasControl(const std::string& value) {
   return value.find_first_of(std::string("\r\n\0", 3)) != std::string::npos;
 }
 
-// While the backend's answer is read, the message being served is not the
-// thread's current one, so the backend's headers never land in the client's
-// environment.
-struct DetachMessage {
-  TransactionContext* ctx = getContext();
-  Message* saved = ctx->message;
-  DetachMessage() { ctx->message = nullptr; }
-  ~DetachMessage() { ctx->message = saved; }
-};
-
-// Thrown when the backend's answer may not be relayed: the client gets 502.
-struct BadGateway {};
-
-// Thrown when the client went away before the backend began to answer.
-struct ClientGone {};
-
-// How often a client is looked at while its backend is silent.
-const unsigned kClientCheck_ms = 500;
-
 }  // namespace
 
 HttpWorker::HttpWorker(const char* queueName, const char* nic, const char* port)
@@ -96,36 +81,19 @@ HttpWorker::HttpWorker(const char* queueName, const char* nic, const char* port)
   SF_LOG(3, "HTTP - Creating new worker module");
 }
 
-HttpAdaptor* HttpWorker::connectBackend() {
-  backend = tcp_connect(server);
-  SF_LOG(4, "HTTP - Connecting to HTTP server %s", server.str().c_str());
-  backend.push(new TcpAdaptor);
-  HttpAdaptor* http = new HttpAdaptor(true);
-  http->strictResponse = true;
-  backend.push(http);
-  return http;
+HttpWorker::~HttpWorker() = default;
+
+HttpWorker::Exchanges& HttpWorker::exchanges() {
+  if (!exchanges_) exchanges_.reset(new Exchanges(*this));
+  return *exchanges_;
 }
 
-// A kept connection carries the next request only when the last exchange
-// ended exactly at a message boundary: nothing buffered, nothing arrived
-// since (a late second answer, or the server's close).
-HttpAdaptor* HttpWorker::keptBackend() {
-  if (backend.socketNo() == INVALID_SOCK) return nullptr;
-  if (backend.hasBufferedData() || backend.isReadReady(0)) {
-    SF_LOG(4, "HTTP - kept connection to %s is not at a message boundary, closing it",
-           server.str().c_str());
-    tcp_close(backend);
-    backend = Connection();
-    return nullptr;
-  }
-  return dynamic_cast<HttpAdaptor*>(backend.getAdaptor());
-}
-
-void HttpWorker::sendRequest(HttpAdaptor* http, Message* msg) {
+void writeForwardedRequest(HttpAdaptor* http, Connection& backend, Message* msg,
+                           HttpWorker::Mode mode) {
   Buffer none;
   const Buffer& data = msg->data ? *msg->data : none;
   std::string method = msg->getenv("HttpRequestMethod");
-  if (mode == Mode::Tunnel || method.empty()) {
+  if (mode == HttpWorker::Mode::Tunnel || method.empty()) {
     http->request(backend, data);
     return;
   }
@@ -167,92 +135,47 @@ void HttpWorker::sendRequest(HttpAdaptor* http, Message* msg) {
                std::move(headers));
 }
 
-// Until the backend's first byte, the client is watched: one that closed
-// has nobody to relay the answer to, and waiting out the backend's read
-// time-out would hold this worker from every client behind it. Once the
-// answer has begun, it is read as usual. A client that only half-closes
-// after its request counts as gone.
-void HttpWorker::awaitAnswer(Connection& client) {
-  if (client.socketNo() == INVALID_SOCK) return;  // no client socket to watch
-  unsigned waited_ms = 0;
-  const unsigned limit_ms = backend.readTimeout_s() * 1000;
-  while (!backend.hasBufferedData() && !backend.isReadReady(kClientCheck_ms)) {
-    if (!client.check()) throw ClientGone();
-    waited_ms += kClientCheck_ms;
-    if (limit_ms != 0 && waited_ms >= limit_ms) return;  // the read times out as before
-  }
-}
-
-void HttpWorker::readAnswer(Buffer& answer) {
-  try {
-    backend.read(answer);
-  } catch (Xproto&) {
-    throw BadGateway();  // refused by the response parser
-  }
-  // Bytes read past the answer mean more than one message: nothing of this
-  // exchange can be trusted. Bytes still on their way are not waited for:
-  // they keep the connection from being used again (keptBackend).
-  if (backend.socketNo() != INVALID_SOCK && backend.hasBufferedData()) {
-    SF_LOG(1, "HTTP - Server %s sent bytes after its answer", server.str().c_str());
-    throw BadGateway();
-  }
-}
-
-void HttpWorker::exchange(Message* msg, Buffer& answer) {
-  DetachMessage detached;
-  HttpAdaptor* http = keptBackend();
-  bool kept = http != nullptr;
-  if (!kept) http = connectBackend();
-  try {
-    sendRequest(http, msg);
-    awaitAnswer(msg->conn);
-    readAnswer(answer);
-  } catch (Xclosed&) {
-    // A server may close an idle connection at any moment: a kept one
-    // that fails before answering is replaced once.
-    if (!kept) throw BadGateway();
-    SF_LOG(4, "HTTP - kept connection to %s was closed, connecting again", server.str().c_str());
-    answer.resize(0);
-    http = connectBackend();
-    sendRequest(http, msg);
-    awaitAnswer(msg->conn);
-    try {
-      readAnswer(answer);
-    } catch (Xclosed&) {
-      throw BadGateway();
-    }
-  }
-  if (backend.socketNo() == INVALID_SOCK) backend = Connection();
-}
-
 void HttpWorker::processMessage(Message* msg) {
-  int status = 0;  // the adaptor's configured rejection
-  Buffer answer;
-  try {
-    exchange(msg, answer);
-  } catch (BadGateway&) {
-    SF_LOG(1, "HTTP - invalid answer from %s, replying 502", server.str().c_str());
-    status = 502;
-  } catch (ClientGone&) {
-    SF_LOG(3, "HTTP - client went away before %s answered, dropping the request",
-           server.str().c_str());
-    status = -1;
-  } catch (X& x) {
-    SF_LOG(3, "HTTP - forwarding to %s failed - %s", server.str().c_str(), x.str().c_str());
-    status = -1;
-  }
-  Adaptor* a = msg->conn.getAdaptor();
-  try {
-    if (status == 0) {
-      msg->conn.write(answer);
-      return;
+  Exchanges& x = exchanges();
+  int slot = x.start(msg, false);
+  while (x.serving(slot, msg)) x.pass(-1);
+}
+
+void HttpWorker::serve() {
+  Exchanges& x = exchanges();
+  watchdog_set();
+  for (;;) {
+    // Every message there is, up to the bound. Once the queue looks empty
+    // the bell is hung on it, and it is looked at once more: a message that
+    // came in between is taken now, one that comes later rings.
+    bool watching = false;
+    int wait_ms = -1;
+    while (!x.full()) {
+      Message* msg;
+      try {
+        msg = queue->tryDeQ();
+      } catch (X& e) {
+        SF_LOG(1, "worker: cannot take a message from queue %s - %s", queue->name(),
+               e.str().c_str());
+        platform::sleep_ms(1000);
+        break;
+      }
+      if (!msg && watching) break;
+      if (!msg && !queue->watch(&x.bell())) {
+        wait_ms = 1;  // a message is still being put there: look again soon
+        break;
+      }
+      if (!msg) {
+        watching = true;
+      } else if (msg->isCloseNotice) {
+        watchdog_clr();
+        handle(msg);
+      } else {
+        x.start(msg, true);
+      }
     }
-    // The backend connection of a failed exchange is never used again.
-    if (backend.socketNo() != INVALID_SOCK) tcp_close(backend);
-    backend = Connection();
-    if (a) a->reject(&msg->conn, status < 0 ? 0 : status, nullptr);
-  } catch (X& x) {
-    SF_LOG(3, "HTTP - replying to the client failed - %s", x.str().c_str());
+    x.pass(wait_ms);
+    if (watching) queue->unwatch(&x.bell());
   }
 }
 

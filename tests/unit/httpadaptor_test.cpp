@@ -201,7 +201,14 @@ TEST_F(Http, FramingAnswersFromTheParserAndReadPduTakesTheMessage) {
   // A refused request throws from frame what readPdu would throw.
   Peer bad(false);
   EXPECT_EQ(rejectStatus([&] { bad.http->frame(&bad.conn, "PUT / HTTP/1.1\r\n", 16); }), "501");
-  EXPECT_EQ(Peer(true).http->frame(nullptr, "HTTP/1.1", 8), sf::Framing::Unknown);
+
+  // The client role frames the answer to its request the same way.
+  const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+  Peer cli(true, {answer});
+  EXPECT_EQ(cli.http->frame(&cli.conn, answer.data(), 20), sf::Framing::Header);
+  EXPECT_EQ(cli.http->frame(&cli.conn, answer.data(), answer.size()), sf::Framing::Whole);
+  EXPECT_EQ(cli.read(), "ok");
+  EXPECT_FALSE(cli.conn.hasBufferedData());
 }
 
 TEST_F(Http, ChunkedBodiesWholeAndAsFragments) {

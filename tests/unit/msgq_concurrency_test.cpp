@@ -1,5 +1,6 @@
 // Message queues: the one-empty-slot ring, refusal of a full queue, FIFO order
-// under many producers and consumers (a consumer waits in deQ), and quiescing.
+// under many producers and consumers (a consumer waits in deQ, or on an event
+// set with the queue's watch), and quiescing.
 // The registry is tested through its script commands.
 #include <gtest/gtest.h>
 
@@ -8,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "sf/platform/events.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
 
@@ -66,19 +68,41 @@ TEST(MessageQ, RingKeepsOneSlotEmptyAndRefusesWhenFull) {
   EXPECT_TRUE(log.contains("capacity 0 is not usable"));
 }
 
+// Takes a message as an event-driven consumer does: tryDeQ, else hang a bell
+// on the queue, look once more, and wait for the bell. A wait that runs out
+// means an enQ went unannounced.
+sf::Message* takeWatching(sf::MessageQ& q, sf::platform::Wakeup& bell, sf::platform::EventSet& set,
+                          std::atomic<bool>& lost) {
+  for (;;) {
+    if (sf::Message* m = q.tryDeQ()) return m;
+    if (!q.watch(&bell)) continue;  // a message is being put there
+    sf::Message* m = q.tryDeQ();
+    sf::platform::EventSet::Ready ready;
+    if (!m && set.wait(&ready, 1, 20000) == 0) lost = true;
+    bell.drain();
+    q.unwatch(&bell);
+    if (m) return m;
+  }
+}
+
 // Producers retry on a full queue; each consumer checks it sees each
-// producer's messages in making order, and every message arrives once.
-void runProducersConsumers(int producers, int consumers, int perProducer, int capacity) {
+// producer's messages in making order, and every message arrives once. The
+// first `watching` consumers wait with takeWatching, the others in deQ.
+void runProducersConsumers(int producers, int consumers, int perProducer, int capacity,
+                           int watching = 0) {
   sf::MessageQ q(capacity, "load");
   std::vector<std::thread> threads;
   std::vector<std::vector<int>> seen(consumers, std::vector<int>(producers, -1));
   std::vector<std::atomic<int>> received(producers * perProducer);
-  std::atomic<bool> orderBroken{false};
+  std::atomic<bool> orderBroken{false}, lost{false};
 
   for (int c = 0; c < consumers; ++c) {
     threads.emplace_back([&, c] {
+      sf::platform::Wakeup bell;
+      sf::platform::EventSet set;
+      set.add(bell.fd(), 0, sf::platform::EventSet::Level);
       for (;;) {
-        sf::Message* m = q.deQ();
+        sf::Message* m = c < watching ? takeWatching(q, bell, set, lost) : q.deQ();
         if (m->createdAt < 0) {  // stop token
           delete m;
           return;
@@ -102,6 +126,7 @@ void runProducersConsumers(int producers, int consumers, int perProducer, int ca
   for (auto& t : threads) t.join();
 
   EXPECT_FALSE(orderBroken);
+  EXPECT_FALSE(lost);
   for (size_t i = 0; i < received.size(); ++i) ASSERT_EQ(received[i].load(), 1) << i;
   EXPECT_EQ(q.size(), 0);
 }
@@ -110,6 +135,8 @@ TEST(MessageQ, FifoUnderManyProducersAndConsumers) {
   runProducersConsumers(4, 1, 5000, 8);
   runProducersConsumers(4, 4, 5000, 3);
   runProducersConsumers(3, 5, 3000, 100);
+  runProducersConsumers(4, 3, 5000, 3, 2);
+  runProducersConsumers(2, 2, 5000, 100, 2);
 }
 
 // Quiescing is for good, so it runs in a child process, which exits with the

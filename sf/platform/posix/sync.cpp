@@ -196,9 +196,14 @@ void semaphore_wait(CountingSemaphore* s) {
 }
 
 bool semaphore_wait_ms(CountingSemaphore* s, std::uint32_t ms) {
-  timespec deadline = deadline_after(ms);
   int rc;
-  while ((rc = sem_clockwait(&s->sem, CLOCK_MONOTONIC, &deadline)) != 0 && errno == EINTR) {
+  if (ms == 0) {
+    while ((rc = sem_trywait(&s->sem)) != 0 && errno == EINTR) {
+    }
+  } else {
+    timespec deadline = deadline_after(ms);
+    while ((rc = sem_clockwait(&s->sem, CLOCK_MONOTONIC, &deadline)) != 0 && errno == EINTR) {
+    }
   }
   if (rc != 0) return false;
   s->count.fetch_sub(1);

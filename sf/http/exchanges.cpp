@@ -1,0 +1,316 @@
+// sf::HttpWorker::Exchanges: a forwarding worker's exchanges in flight.
+#include "sf/detail/exchanges.h"
+
+#include <chrono>
+#include <ctime>
+
+#include "sf/detail/net.h"
+#include "sf/events.h"
+#include "sf/message.h"
+#include "sf/platform/thread.h"
+#include "sf/sflib.h"
+#include "sf/watchdog.h"
+
+namespace sf {
+
+namespace {
+
+// The event key of the queue's bell; server connections use their slot.
+const std::uint64_t kBellKey = 1ull << 40;
+// How often exchanges are looked at for time-outs and clients gone.
+const int kSweepMs = 500;
+// The most read from one connection in one go beyond what has arrived.
+const size_t kReadAhead = 64 * 1024;
+
+std::int64_t nowMs() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+// Makes msg the thread's current message while it lives. The server's answer
+// is read with none, so that its headers never land in the client's
+// environment; the reply is written with the client's own.
+struct CurrentMessage {
+  TransactionContext* ctx = getContext();
+  Message* saved = ctx->message;
+  explicit CurrentMessage(Message* msg) { ctx->message = msg; }
+  ~CurrentMessage() { ctx->message = saved; }
+};
+
+// Thrown when the answer may not be relayed: the client gets 502.
+struct BadGateway {};
+
+HttpAdaptor* clientAdaptor(Connection& backend) {
+  return dynamic_cast<HttpAdaptor*>(backend.getAdaptor());
+}
+
+}  // namespace
+
+HttpWorker::Exchanges::Exchanges(HttpWorker& worker) : worker_(worker) {
+  set_.add(bell_.fd(), kBellKey, platform::EventSet::Level);
+}
+
+HttpWorker::Exchanges::~Exchanges() {
+  for (size_t k = 0; k < slots_.size(); ++k) dropConnection(static_cast<int>(k));
+}
+
+bool HttpWorker::Exchanges::serving(int slot, const Message* msg) const {
+  return slot >= 0 && static_cast<size_t>(slot) < slots_.size() && slots_[slot].msg == msg;
+}
+
+// The warmest idle connection's slot, else a slot without a connection.
+int HttpWorker::Exchanges::takeSlot() {
+  std::vector<int>& from = !idle_.empty() ? idle_ : free_;
+  if (!from.empty()) {
+    int k = from.back();
+    from.pop_back();
+    return k;
+  }
+  slots_.emplace_back();
+  return static_cast<int>(slots_.size()) - 1;
+}
+
+void HttpWorker::Exchanges::connect(int k) {
+  Slot& s = slots_[k];
+  const PortAddr& server = worker_.server;
+  s.backend = tcp_connect(server);
+  SF_LOG(4, "HTTP - Connecting to HTTP server %s", server.str().c_str());
+  s.backend.push(new TcpAdaptor);
+  HttpAdaptor* http = new HttpAdaptor(true);
+  http->strictResponse = true;
+  s.backend.push(http);
+  s.kept = false;
+  s.ended = false;
+  socket_t fd = s.backend.socketNo();
+  setsocketblockingmode(fd, false);
+  s.backend.record()->nonBlocking = true;
+  if (set_.add(static_cast<std::uint64_t>(fd), static_cast<std::uint64_t>(k),
+               platform::EventSet::Level) != 0) {
+    SF_LOG(1, "HTTP - cannot watch the connection to %s", server.str().c_str());
+    dropConnection(k);
+    SF_THROW("forward", Xio());
+  }
+  s.fd = fd;
+}
+
+void HttpWorker::Exchanges::dropConnection(int k) {
+  Slot& s = slots_[k];
+  if (s.fd != INVALID_SOCK) set_.remove(static_cast<std::uint64_t>(s.fd));
+  s.fd = INVALID_SOCK;
+  if (s.backend.socketNo() != INVALID_SOCK) tcp_close(s.backend);
+  s.backend = Connection();
+}
+
+// The slot's connection is closed and the slot is free for another.
+void HttpWorker::Exchanges::closeSlot(int k) {
+  dropConnection(k);
+  for (auto it = idle_.begin(); it != idle_.end(); ++it)
+    if (*it == k) {
+      idle_.erase(it);
+      break;
+    }
+  free_.push_back(k);
+}
+
+// Sends the slot's request, on a new connection when it has none. A kept
+// connection that the server has closed meanwhile is replaced once.
+void HttpWorker::Exchanges::send(int k) {
+  CurrentMessage none(nullptr);
+  Slot& s = slots_[k];
+  if (!s.backend.record()) connect(k);
+  try {
+    writeForwardedRequest(clientAdaptor(s.backend), s.backend, s.msg, worker_.mode);
+  } catch (Xclosed&) {
+    if (!s.kept) throw;
+    SF_LOG(4, "HTTP - kept connection to %s was closed, connecting again",
+           worker_.server.str().c_str());
+    dropConnection(k);
+    connect(k);
+    writeForwardedRequest(clientAdaptor(s.backend), s.backend, s.msg, worker_.mode);
+  }
+}
+
+int HttpWorker::Exchanges::start(Message* msg, bool owned) {
+  int k = takeSlot();
+  Slot& s = slots_[k];
+  s.msg = msg;
+  s.owned = owned;
+  s.wasReserved = msg->reserved;
+  s.kept = s.backend.record() != nullptr;
+  s.since = s.clientChecked = nowMs();
+  ++busy_;
+  try {
+    send(k);
+    return k;
+  } catch (X& x) {
+    SF_LOG(3, "HTTP - forwarding to %s failed - %s", worker_.server.str().c_str(), x.str().c_str());
+  } catch (...) {
+    SF_LOG(1, "HTTP - forwarding to %s failed", worker_.server.str().c_str());
+  }
+  Buffer none;
+  end(k, -1, none);
+  return -1;
+}
+
+void HttpWorker::Exchanges::onReadable(int k, bool hangup, Ms now) {
+  Slot& s = slots_[k];
+  if (!s.backend.record()) return;  // closed earlier in this pass
+  if (!s.msg) {
+    SF_LOG(4, "HTTP - kept connection to %s is not at a message boundary, closing it",
+           worker_.server.str().c_str());
+    closeSlot(k);
+    return;
+  }
+  i_Connection* rec = s.backend.record();
+  InputFill fill = sfi_fillInput(rec, sfi_pending(rec) + kReadAhead, hangup);
+  if (fill.ended) s.ended = true;
+  if (fill.got > 0) s.since = now;
+  Framing f = Framing::Header;
+  if (size_t len = sfi_pending(rec)) {
+    Buffer none;
+    try {
+      f = s.backend.getAdaptor()->frame(&s.backend, rec->input.data() + rec->inputPos, len);
+    } catch (Xproto&) {
+      SF_LOG(1, "HTTP - invalid answer from %s, replying 502", worker_.server.str().c_str());
+      end(k, 502, none);
+      return;
+    } catch (X& x) {
+      SF_LOG(3, "HTTP - forwarding to %s failed - %s", worker_.server.str().c_str(),
+             x.str().c_str());
+      end(k, -1, none);
+      return;
+    }
+  }
+  if (f == Framing::Whole || s.ended) finish(k);
+}
+
+// Reads the answer (from memory, once framing says it is whole, or what
+// there is once the server closed) and relays it.
+void HttpWorker::Exchanges::finish(int k) {
+  Slot& s = slots_[k];
+  const std::string server = worker_.server.str();
+  Buffer answer;
+  int status = 0;
+  try {
+    CurrentMessage none(nullptr);
+    try {
+      s.backend.read(answer);
+    } catch (Xproto&) {
+      throw BadGateway();  // refused by the response parser
+    } catch (Xclosed&) {
+      // Not a byte of the answer came: a kept connection that the server
+      // closed meanwhile is replaced once.
+      if (!s.kept) throw BadGateway();
+      SF_LOG(4, "HTTP - kept connection to %s was closed, connecting again", server.c_str());
+      dropConnection(k);
+      send(k);
+      s.since = nowMs();
+      return;
+    }
+    // Bytes past the answer mean more than one message: nothing of this
+    // exchange can be trusted.
+    if (s.backend.socketNo() != INVALID_SOCK && s.backend.hasBufferedData()) {
+      SF_LOG(1, "HTTP - Server %s sent bytes after its answer", server.c_str());
+      throw BadGateway();
+    }
+  } catch (BadGateway&) {
+    SF_LOG(1, "HTTP - invalid answer from %s, replying 502", server.c_str());
+    status = 502;
+  } catch (X& x) {
+    SF_LOG(3, "HTTP - forwarding to %s failed - %s", server.c_str(), x.str().c_str());
+    status = -1;
+  }
+  end(k, status, answer);
+}
+
+// Ends slot k's exchange: the answer, or with status a rejection (-1: the
+// adaptor's configured one), goes to the client, and the connection waits
+// for the next request or is closed.
+void HttpWorker::Exchanges::end(int k, int status, Buffer& answer) {
+  Slot& s = slots_[k];
+  Message* msg = s.msg;
+  s.msg = nullptr;
+  --busy_;
+  // The connection of a failed exchange is never used again.
+  if (status != 0 || s.ended || s.backend.socketNo() == INVALID_SOCK)
+    closeSlot(k);
+  else
+    idle_.push_back(k);
+  {
+    CurrentMessage current(msg);
+    Adaptor* a = msg->conn.getAdaptor();
+    try {
+      if (status == 0)
+        msg->conn.write(answer);
+      else if (a)
+        a->reject(&msg->conn, status < 0 ? 0 : status, nullptr);
+    } catch (X& x) {
+      SF_LOG(3, "HTTP - replying to the client failed - %s", x.str().c_str());
+    }
+  }
+  if (!s.owned) return;
+  msg->processedAt = time(nullptr);
+  worker_.dispose(msg, s.wasReserved);
+}
+
+// Exchanges without an answer for the server connection's read time-out
+// fail; so do those whose client has gone while the server was silent (a
+// client that only half-closes after its request counts as gone).
+void HttpWorker::Exchanges::sweep(Ms now) {
+  nextSweep_ = now + kSweepMs;
+  Buffer none;
+  for (size_t i = 0; i < slots_.size(); ++i) {
+    int k = static_cast<int>(i);
+    Slot& s = slots_[i];
+    if (!s.msg) continue;
+    const unsigned timeout_s = s.backend.record() ? s.backend.readTimeout_s() : 0;
+    if (timeout_s != 0 && now - s.since >= static_cast<Ms>(timeout_s) * 1000) {
+      i_Connection* rec = s.backend.record();
+      std::string seconds = sfi_fmtlog("%u", timeout_s);
+      logandreport3("09_sf_readtimeout_s_s_d", rec->local.c_str(), rec->remote.c_str(),
+                    seconds.c_str(), __FILE__, __LINE__);
+      SF_LOG(3, "HTTP - forwarding to %s failed - no answer within %s s",
+             worker_.server.str().c_str(), seconds.c_str());
+      end(k, -1, none);
+      continue;
+    }
+    bool answering = s.backend.record() && sfi_pending(s.backend.record()) > 0;
+    if (answering || now - s.clientChecked < kSweepMs) continue;
+    s.clientChecked = now;
+    if (s.msg->conn.socketNo() != INVALID_SOCK && !s.msg->conn.check()) {
+      SF_LOG(3, "HTTP - client went away before %s answered, dropping the request",
+             worker_.server.str().c_str());
+      end(k, -1, none);
+    }
+  }
+}
+
+int HttpWorker::Exchanges::waitMs(int timeout_ms, Ms now) const {
+  if (busy_ == 0) return timeout_ms;
+  int untilSweep = nextSweep_ > now ? static_cast<int>(nextSweep_ - now) : 0;
+  return timeout_ms < 0 || untilSweep < timeout_ms ? untilSweep : timeout_ms;
+}
+
+void HttpWorker::Exchanges::pass(int timeout_ms) {
+  platform::EventSet::Ready ready[64];
+  // The watchdog guards work, not the wait for a server's answer.
+  const bool guarded = getContext()->watchdog != nullptr;
+  if (guarded) watchdog_clr();
+  int n = set_.wait(ready, 64, waitMs(timeout_ms, nowMs()));
+  if (guarded) watchdog_set();
+  if (n < 0) {
+    SF_LOG(1, "HTTP - waiting for answers from %s failed", worker_.server.str().c_str());
+    platform::sleep_ms(100);
+    return;
+  }
+  Ms now = nowMs();
+  for (int i = 0; i < n; ++i) {
+    if (ready[i].key == kBellKey)
+      bell_.drain();
+    else
+      onReadable(static_cast<int>(ready[i].key), ready[i].hangup, now);
+  }
+  if (busy_ > 0 && now >= nextSweep_) sweep(now);
+}
+
+}  // namespace sf
