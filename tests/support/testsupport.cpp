@@ -63,6 +63,13 @@ void writeFile(const std::filesystem::path& p, const std::string& text) {
   std::ofstream(p, std::ios::binary) << text;
 }
 
+std::vector<std::string> dumps(const std::filesystem::path& dir) {
+  std::vector<std::string> out;
+  for (const auto& e : std::filesystem::directory_iterator(dir))
+    if (e.path().filename().string().rfind("dump_", 0) == 0) out.push_back(readFile(e.path()));
+  return out;
+}
+
 void logToFile(const std::string& dir, int level, int filemaxKiB, const char* fmt) {
   ensureInterp();
   sf::setlog(nullptr);

@@ -41,6 +41,8 @@ class TempDir {
 std::filesystem::path sourceDir();
 std::string readFile(const std::filesystem::path& p);
 void writeFile(const std::filesystem::path& p, const std::string& text);
+// The texts of the dump files (dump_<pid>) in dir.
+std::vector<std::string> dumps(const std::filesystem::path& dir);
 
 // A buffer's contents (empty when nothing was ever allocated).
 std::string text(const sf::Buffer& b);

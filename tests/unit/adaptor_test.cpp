@@ -69,7 +69,6 @@ TEST(TcpRecv, SilentPeerTimesOutWithEvent) {
   sf::Buffer b(0);
   EXPECT_THROW(sf::tcp_recv(p.conn, b, sf::RecvExact, 4), sf::Xiotimeout);
   EXPECT_TRUE(log.contains("09_sf_readtimeout_s_s_d"));
-  EXPECT_TRUE(log.contains("read timeout"));
   // The socket is blocking again and still usable.
   p.send("ping");
   sf::tcp_recv(p.conn, b, sf::RecvExact, 4);

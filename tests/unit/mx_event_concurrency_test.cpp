@@ -40,10 +40,9 @@ TEST(MxDeathTest, UnlockWithoutOwningIsFatal) {
         std::exit(0);
       },
       ::testing::ExitedWithCode(3), "");
-  std::string dump;
-  for (const auto& entry : std::filesystem::directory_iterator(dir.path()))
-    dump += sftest::readFile(entry.path());
-  EXPECT_NE(dump.find(" Reason for dump: ReleaseMutex\n\n"), std::string::npos) << dump;
+  std::vector<std::string> dumped = sftest::dumps(dir.path());
+  ASSERT_EQ(dumped.size(), 1u);
+  EXPECT_NE(dumped[0].find(" Reason for dump: ReleaseMutex\n\n"), std::string::npos);
 
   // Held by another thread: releasing it from here is just as fatal.
   EXPECT_EXIT(

@@ -18,7 +18,6 @@
 #include "support/testsupport.h"
 
 namespace fs = std::filesystem;
-using sftest::readFile;
 using sftest::TempDir;
 using sftest::writeFile;
 
@@ -131,17 +130,6 @@ TEST_F(Startup, TclLibraryShippedWithTheSiteIsUsedUnlessTclLibraryIsSet) {
 }
 
 namespace {
-// The text of the dump file written in dir.
-bool readDump(const fs::path& dir, std::string* text) {
-  for (const auto& e : fs::directory_iterator(dir)) {
-    if (e.path().filename().string().rfind("dump_", 0) == 0) {
-      *text = readFile(e.path());
-      return true;
-    }
-  }
-  return false;
-}
-
 void hangForEver(std::uint32_t, std::uint32_t, std::uint32_t, const char*, std::uint32_t,
                  std::uint32_t, const char*, int, const char*, int) {
   for (;;) sf::platform::sleep_ms(1000);
@@ -291,7 +279,7 @@ TEST(RuntimeCommands, LogEventAndDumpFromScripts) {
   fs::current_path(dir.path());
   EXPECT_EQ(sf::eval("catch {sf_dump}"), "0");
   fs::current_path(before);
-  std::string text;
-  ASSERT_TRUE(readDump(dir.path(), &text));
-  EXPECT_NE(text.find(" Reason for dump: dump requested\n\n"), std::string::npos) << text;
+  std::vector<std::string> dumped = sftest::dumps(dir.path());
+  ASSERT_EQ(dumped.size(), 1u);
+  EXPECT_NE(dumped[0].find(" Reason for dump: dump requested\n\n"), std::string::npos);
 }

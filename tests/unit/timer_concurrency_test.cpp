@@ -114,7 +114,6 @@ TEST(Timer, CancellingRacesFiringWithoutLosingOrDoublingAMessage) {
 TEST(Timer, RemovingAPendingTimerDeletesItsMessageAndAFiredOneIsLeftAlone) {
   setUp();
   g_destroyed = 0;
-  sftest::LogCapture log(4);
   sf::MessageQ q(4, "rm");
   sf::TimeoutId none;
   EXPECT_TRUE(none.isNull());
@@ -123,17 +122,14 @@ TEST(Timer, RemovingAPendingTimerDeletesItsMessageAndAFiredOneIsLeftAlone) {
   EXPECT_TRUE(!pending);
   sf::rmTimeout(pending);
   EXPECT_EQ(g_destroyed.load(), 1);
-  EXPECT_TRUE(log.contains("removed timeout " + std::to_string(pending.id)));
 
   sf::TimeoutId fired = sf::mkTimeout_rel(0, 0, &q, new Counted(2));
   sf::Message* m = q.deQ();
   sf::rmTimeout(fired);
   EXPECT_EQ(g_destroyed.load(), 1);  // the queue handed it to us; it is ours
-  EXPECT_TRUE(log.contains("rmTimeout " + std::to_string(fired.id) +
-                           ", timeout not found...expired simultaneously?"));
   delete m;
-  sf::rmTimeout(sf::TimeoutId(999999));
-  EXPECT_TRUE(log.contains("rmTimeout 999999, timeout not found"));
+  sf::rmTimeout(sf::TimeoutId(999999));  // unknown: nothing happens
+  EXPECT_EQ(g_destroyed.load(), 2);
 }
 
 TEST(Timer, PeriodicTimerPostsTheSameMessageUnderNewIds) {

@@ -51,14 +51,9 @@ TEST(Watchdog, ExpiryDumpsAndExitsWithStatusOne) {
       },
       ::testing::ExitedWithCode(1), "06_sf_watchdog_s");
   unsetenv("SF_TEST_DUMP_DIR");
-  int dumps = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(dir->path())) {
-    ASSERT_EQ(entry.path().filename().string().rfind("dump_", 0), 0u);
-    std::string text = sftest::readFile(entry.path());
-    EXPECT_NE(text.find("Reason for dump: watchdog shutdown"), std::string::npos) << text;
-    ++dumps;
-  }
-  EXPECT_EQ(dumps, 1);
+  std::vector<std::string> dumped = sftest::dumps(dir->path());
+  ASSERT_EQ(dumped.size(), 1u);
+  EXPECT_NE(dumped[0].find("Reason for dump: watchdog shutdown"), std::string::npos);
 }
 
 int keptAliveChild() {
