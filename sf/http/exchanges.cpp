@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "sf/detail/net.h"
+#include "sf/detail/wakeupbatch.h"
 #include "sf/events.h"
 #include "sf/message.h"
 #include "sf/platform/thread.h"
@@ -337,6 +338,7 @@ void HttpWorker::Exchanges::pass(int timeout_ms) {
     platform::sleep_ms(100);
     return;
   }
+  WakeupBatch batch;  // the readers are woken once the answers are relayed
   Ms now = nowMs();
   for (int i = 0; i < n; ++i) {
     if (ready[i].key == kBellKey)
