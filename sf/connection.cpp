@@ -362,19 +362,25 @@ Connection tcp_accept(Port& port) {
   return c;
 }
 
-Connection tcp_connect(const PortAddr& p) {
+namespace {
+
+Connection outgoing(const PortAddr& p) {
   socket_t s = platform::sock_stream(p.addr->family());
   if (s == INVALID_SOCK) {
     SF_SYSFAIL(-1, "socket(p.addr->family(), SOCK_STREAM, 0)");
     SF_THROW("socket", Xio());
   }
-  Connection c(new i_Connection(s));
-  if (platform::sock_connect(s, p.addr->addr(), p.addr->addrlen()) != 0) {
-    int err = platform::last_error();
-    logandreport("01_sf_connect_s", p.str().c_str(), __FILE__, __LINE__);
-    platform::set_last_error(err);
-    SF_THROW("tcp_connect", Xsys("connect"));
-  }
+  return Connection(new i_Connection(s));
+}
+
+[[noreturn]] void connectFailed(const PortAddr& p, int err) {
+  logandreport("01_sf_connect_s", p.str().c_str(), __FILE__, __LINE__);
+  platform::set_last_error(err);
+  SF_THROW("tcp_connect", Xsys("connect"));
+}
+
+void connected(Connection& c, const PortAddr& p) {
+  socket_t s = c.socketNo();
   c.record()->remote = p.str();
   if (platform::set_linger(s, 0, p.linger) != 0) {
     SF_SYSFAIL(-1, "setsockopt(s, SOL_SOCKET, SO_LINGER, (char *) &ling, sizeof(ling))");
@@ -386,7 +392,36 @@ Connection tcp_connect(const PortAddr& p) {
   }
   NET_TRACE("connected", "", s, c.nonce());
   SF_LOG(1, "connect [%llu] to %s", static_cast<ull>(s), p.str().c_str());
+}
+
+}  // namespace
+
+Connection tcp_connect(const PortAddr& p) {
+  Connection c = outgoing(p);
+  if (platform::sock_connect(c.socketNo(), p.addr->addr(), p.addr->addrlen()) != 0)
+    connectFailed(p, platform::last_error());
+  connected(c, p);
   return c;
+}
+
+Connection sfi_connectStart(const PortAddr& p, bool* pending) {
+  Connection c = outgoing(p);
+  socket_t s = c.socketNo();
+  platform::set_blocking(s, false);
+  c.record()->nonBlocking = true;
+  *pending = platform::sock_connect(s, p.addr->addr(), p.addr->addrlen()) != 0;
+  if (*pending) {
+    int err = platform::last_error();
+    if (!platform::err_in_progress(err)) connectFailed(p, err);
+  } else {
+    connected(c, p);
+  }
+  return c;
+}
+
+void sfi_connectFinished(Connection& c, const PortAddr& p) {
+  if (int err = platform::connect_result(c.socketNo())) connectFailed(p, err);
+  connected(c, p);
 }
 
 namespace {

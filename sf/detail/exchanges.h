@@ -2,11 +2,13 @@
 // the library; sf::HttpWorker drives them.
 //
 // An exchange is one message's request, sent on a server connection of its
-// own, and the answer awaited there. Server sockets are non-blocking: the
-// answer's bytes are taken as they arrive and the client-role adaptor's
-// framing step says when it is whole; only then is it read (from memory),
-// checked and relayed. So one worker thread has many exchanges in flight and
-// a slow answer holds up no other.
+// own, and the answer awaited there. Server sockets are non-blocking: a new
+// connection is made in the background, the answer's bytes are taken as they
+// arrive and the client-role adaptor's framing step says when it is whole;
+// only then is it read (from memory), checked and relayed. So one worker
+// thread has many exchanges in flight and a slow server connection or answer
+// holds up no other. Writing a request is the one step that may wait (for
+// room in the socket's send buffer, at most the connection's read time-out).
 //
 // Connections to the server are kept between exchanges while the server
 // allows. An idle one stays watched: bytes or a close from it mean that it is
@@ -59,17 +61,20 @@ class HttpWorker::Exchanges {
     bool owned = false;
     bool wasReserved = false;  // msg->reserved when the exchange began
     bool kept = false;         // the connection served an earlier exchange
+    bool connecting = false;   // the connection is still being made
     bool ended = false;        // the server closed its side
     Ms since = 0;              // the request went out, or the answer's last bytes came
     Ms clientChecked = 0;      // when the client was last seen alive
   };
 
   int takeSlot();
-  void connect(int k);
+  void begin(int k);
+  bool connect(int k);
+  void connected(int k);
   void send(int k);
   void dropConnection(int k);
   void closeSlot(int k);
-  void onReadable(int k, bool hangup, Ms now);
+  void onReady(const platform::EventSet::Ready& ready, Ms now);
   void finish(int k);
   void end(int k, int status, Buffer& answer);
   void sweep(Ms now);

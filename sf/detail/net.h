@@ -193,6 +193,13 @@ struct InputFill {
 // goes on until the close itself is read.
 InputFill sfi_fillInput(i_Connection* rec, std::size_t max, bool peerClosed);
 
+// Connects to p without waiting, on a non-blocking socket: *pending tells
+// whether the connection is still being made; once the socket is writable,
+// sfi_connectFinished ends it. Both throw as tcp_connect does when the
+// connection cannot be made.
+Connection sfi_connectStart(const PortAddr& p, bool* pending);
+void sfi_connectFinished(Connection& c, const PortAddr& p);
+
 // Accepts one client of port without waiting: a new connection, or one
 // without a record when accept failed, with *error the system's reason.
 Connection sfi_accept(Port& port, int* error);

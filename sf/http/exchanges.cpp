@@ -70,10 +70,13 @@ int HttpWorker::Exchanges::takeSlot() {
   return static_cast<int>(slots_.size()) - 1;
 }
 
-void HttpWorker::Exchanges::connect(int k) {
+// Begins a connection to the server; true while it is still being made
+// (the event set reports it writable once it is).
+bool HttpWorker::Exchanges::connect(int k) {
   Slot& s = slots_[k];
   const PortAddr& server = worker_.server;
-  s.backend = tcp_connect(server);
+  bool pending = false;
+  s.backend = sfi_connectStart(server, &pending);
   SF_LOG(4, "HTTP - Connecting to HTTP server %s", server.str().c_str());
   s.backend.push(new TcpAdaptor);
   HttpAdaptor* http = new HttpAdaptor(true);
@@ -81,16 +84,29 @@ void HttpWorker::Exchanges::connect(int k) {
   s.backend.push(http);
   s.kept = false;
   s.ended = false;
+  s.connecting = pending;
   socket_t fd = s.backend.socketNo();
-  setsocketblockingmode(fd, false);
-  s.backend.record()->nonBlocking = true;
-  if (set_.add(static_cast<std::uint64_t>(fd), static_cast<std::uint64_t>(k),
-               platform::EventSet::Level) != 0) {
+  const std::uint64_t key = static_cast<std::uint64_t>(k);
+  if (set_.add(static_cast<std::uint64_t>(fd), key, platform::EventSet::Level) != 0 ||
+      (pending && set_.watchWrite(static_cast<std::uint64_t>(fd), key, platform::EventSet::Level,
+                                  true) != 0)) {
     SF_LOG(1, "HTTP - cannot watch the connection to %s", server.str().c_str());
     dropConnection(k);
     SF_THROW("forward", Xio());
   }
   s.fd = fd;
+  return pending;
+}
+
+// The connection being made is writable: made, or failed (Xsys, as
+// tcp_connect throws). The request goes out now.
+void HttpWorker::Exchanges::connected(int k) {
+  Slot& s = slots_[k];
+  s.connecting = false;
+  set_.watchWrite(static_cast<std::uint64_t>(s.fd), static_cast<std::uint64_t>(k),
+                  platform::EventSet::Level, false);
+  sfi_connectFinished(s.backend, worker_.server);
+  send(k);
 }
 
 void HttpWorker::Exchanges::dropConnection(int k) {
@@ -112,12 +128,18 @@ void HttpWorker::Exchanges::closeSlot(int k) {
   free_.push_back(k);
 }
 
-// Sends the slot's request, on a new connection when it has none. A kept
-// connection that the server has closed meanwhile is replaced once.
+// Sends the slot's request, or, when the slot has no connection, begins one
+// that sends it once made.
+void HttpWorker::Exchanges::begin(int k) {
+  if (!slots_[k].backend.record() && connect(k)) return;
+  send(k);
+}
+
+// Writes the slot's request. A kept connection that the server has closed
+// meanwhile is replaced once.
 void HttpWorker::Exchanges::send(int k) {
   CurrentMessage none(nullptr);
   Slot& s = slots_[k];
-  if (!s.backend.record()) connect(k);
   try {
     writeForwardedRequest(clientAdaptor(s.backend), s.backend, s.msg, worker_.mode);
   } catch (Xclosed&) {
@@ -125,8 +147,7 @@ void HttpWorker::Exchanges::send(int k) {
     SF_LOG(4, "HTTP - kept connection to %s was closed, connecting again",
            worker_.server.str().c_str());
     dropConnection(k);
-    connect(k);
-    writeForwardedRequest(clientAdaptor(s.backend), s.backend, s.msg, worker_.mode);
+    begin(k);
   }
 }
 
@@ -140,7 +161,7 @@ int HttpWorker::Exchanges::start(Message* msg, bool owned) {
   s.since = s.clientChecked = nowMs();
   ++busy_;
   try {
-    send(k);
+    begin(k);
     return k;
   } catch (X& x) {
     SF_LOG(3, "HTTP - forwarding to %s failed - %s", worker_.server.str().c_str(), x.str().c_str());
@@ -152,9 +173,22 @@ int HttpWorker::Exchanges::start(Message* msg, bool owned) {
   return -1;
 }
 
-void HttpWorker::Exchanges::onReadable(int k, bool hangup, Ms now) {
+void HttpWorker::Exchanges::onReady(const platform::EventSet::Ready& ready, Ms now) {
+  const int k = static_cast<int>(ready.key);
   Slot& s = slots_[k];
   if (!s.backend.record()) return;  // closed earlier in this pass
+  if (s.connecting) {
+    if (!ready.writable && !ready.hangup) return;
+    Buffer none;
+    try {
+      connected(k);
+    } catch (X& x) {
+      SF_LOG(3, "HTTP - forwarding to %s failed - %s", worker_.server.str().c_str(),
+             x.str().c_str());
+      end(k, -1, none);
+    }
+    return;
+  }
   if (!s.msg) {
     SF_LOG(4, "HTTP - kept connection to %s is not at a message boundary, closing it",
            worker_.server.str().c_str());
@@ -162,7 +196,7 @@ void HttpWorker::Exchanges::onReadable(int k, bool hangup, Ms now) {
     return;
   }
   i_Connection* rec = s.backend.record();
-  InputFill fill = sfi_fillInput(rec, sfi_pending(rec) + kReadAhead, hangup);
+  InputFill fill = sfi_fillInput(rec, sfi_pending(rec) + kReadAhead, ready.hangup);
   if (fill.ended) s.ended = true;
   if (fill.got > 0) s.since = now;
   Framing f = Framing::Header;
@@ -203,7 +237,7 @@ void HttpWorker::Exchanges::finish(int k) {
       if (!s.kept) throw BadGateway();
       SF_LOG(4, "HTTP - kept connection to %s was closed, connecting again", server.c_str());
       dropConnection(k);
-      send(k);
+      begin(k);
       s.since = nowMs();
       return;
     }
@@ -308,7 +342,7 @@ void HttpWorker::Exchanges::pass(int timeout_ms) {
     if (ready[i].key == kBellKey)
       bell_.drain();
     else
-      onReadable(static_cast<int>(ready[i].key), ready[i].hangup, now);
+      onReady(ready[i], now);
   }
   if (busy_ > 0 && now >= nextSweep_) sweep(now);
 }

@@ -35,6 +35,10 @@ class EventSet {
   // more: bytes that arrive from now on are reported.
   int drained(std::uint64_t s, std::uint64_t key);
   int remove(std::uint64_t s);
+  // With on, s (added with mode) is also reported when it can be written
+  // (Ready::writable): a connect begun without waiting has then ended, one
+  // way or the other. Without, it is reported for reading only again.
+  int watchWrite(std::uint64_t s, std::uint64_t key, Mode mode, bool on);
 
   // A ready descriptor.
   struct Ready {
@@ -43,6 +47,7 @@ class EventSet {
     // descriptor will not be reported again for that, so a short read from
     // it does not mean that it has nothing more (the close is still to come).
     bool hangup;
+    bool writable;  // asked for with watchWrite
   };
 
   // Waits at most timeout_ms (0: just look, -1: for ever) and stores up to

@@ -46,6 +46,9 @@ int sock_bind(sock_t s, const void* addr, int len);
 int sock_listen(sock_t s, int backlog);
 sock_t sock_accept(sock_t s);
 int sock_connect(sock_t s, const void* addr, int len);
+// How a connect begun without waiting ended, once s is writable: 0 when the
+// connection is made, else the system's error code.
+int connect_result(sock_t s);
 // Dotted address and host-order port of the peer / of the local end.
 int peer_name(sock_t s, std::string* ip, int* port);
 int local_name(sock_t s, std::string* ip, int* port);
@@ -64,6 +67,8 @@ int err_timed_out_code();
 // Reset, aborted, broken pipe: the peer is gone.
 bool err_conn_reset(int e);
 bool err_interrupted(int e);
+// A connect on a non-blocking socket goes on in the background.
+bool err_in_progress(int e);
 // Out of descriptors or kernel memory (an accept that may work later).
 bool err_out_of_descriptors(int e);
 

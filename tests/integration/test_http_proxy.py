@@ -149,11 +149,13 @@ class HttpProxy(SiteTest):
         # HEAD: the headers a GET would get, and no body
         status, fields, body = raw(odd, req("HEAD", "/len", *spoof))
         self.assertEqual((status, fields[b"content-length"], body), (200, b"%d" % get_len, b""))
-        # a client that leaves while the backend is silent frees the worker
-        # long before the backend's read time-out (60 s)
+        # a silent backend holds up no other exchange of the worker, and a
+        # client that leaves meanwhile ends its own exchange long before the
+        # backend's read time-out (60 s)
         with socket.create_connection(("127.0.0.1", odd)) as gone:
             gone.sendall(req("GET", "/silent"))
-        self.assertTrue(raw(odd, req("GET", "/later"))[2].startswith(b"GET /later "))
+            self.assertTrue(raw(odd, req("GET", "/later"))[2].startswith(b"GET /later "))
+        self.site.wait_log("client went away before 127.0.0.1+%d answered" % self.odd.port)
 
     def test_backend_connection_is_kept_and_replaced(self):
         base = "http://127.0.0.1:%d" % self.shortport

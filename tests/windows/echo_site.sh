@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Starts the Windows sfhost.exe under Wine on the default site (the HTTP echo
 # service of etc/start.tcl) and talks to it from Linux with curl: a GET, a
-# POST, two requests on one kept connection, then Ctrl-C (SIGINT, which Wine
+# POST, two requests on one kept connection, the same GET through a forwarding
+# worker (httpWorker) in a second sfhost.exe, then Ctrl-C (SIGINT, which Wine
 # delivers as CTRL_C_EVENT) must stop it with exit status 0. Then a hand-over:
 # a parent sfhost.exe binds a port and starts a child sfhost.exe that takes
 # the socket over and still serves once the parent stopped.
@@ -15,11 +16,11 @@ data=$(mktemp -d)
 freeport() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
 port=$(freeport)
 url=http://127.0.0.1:$port
-cpid=
+cpid= ppid=
 fail() {
   echo "echo_site: $*" >&2
   tail -n 20 "$data/sf.log" "$data/parent/sf.log" "$data/stderr.txt" >&2 || true
-  kill -9 "$pid" $cpid 2>/dev/null
+  kill -9 "$pid" $cpid $ppid 2>/dev/null
   exit 1
 }
 
@@ -32,6 +33,19 @@ for _ in $(seq 120); do curl -s -o /dev/null "$url/" && break; sleep 1; done
 [ "$(curl -s -w ' %{http_code}' --data-binary 'a body' "$url/p")" = "a body 200" ] || fail "POST was not echoed"
 trace=$(curl -s -v "$url/a" "$url/b" 2>&1)
 grep -q "Re-using existing connection" <<<"$trace" || fail "the connection was not kept"
+
+# A forwarding worker in a second sfhost.exe, with the echo site as its server.
+pport=$(freeport)
+mkdir -p "$data/proxy/etc"
+printf 'mkQ proxy\nbind 127.0.0.1 %s\n' "$pport" >"$data/proxy/etc/config.tcl"
+printf 'spinThread httpReader 127.0.0.1 %s {enQ proxy}\nspinThread httpWorker proxy 127.0.0.1 %s -forward\n' \
+  "$pport" "$port" >"$data/proxy/etc/start.tcl"
+(cd "$data/proxy" && exec wine "$out/bin/sfhost.exe" -rootdir "$data/proxy" 2>>"$data/stderr.txt") &
+ppid=$!
+for _ in $(seq 120); do curl -s -o /dev/null "http://127.0.0.1:$pport/" && break; sleep 1; done
+[ "$(curl -s -w ' %{http_code}' "http://127.0.0.1:$pport/via")" = "/via 200" ] || fail "not forwarded"
+kill -INT "$ppid"
+wait "$ppid" || fail "exit status $? from the forwarding site"
 
 kill -INT "$pid"
 for _ in $(seq 60); do kill -0 "$pid" 2>/dev/null || break; sleep 1; done
@@ -69,4 +83,4 @@ kill -INT "$cpid"
 for _ in $(seq 60); do kill -0 "$cpid" 2>/dev/null || break; sleep 1; done
 kill -9 "$cpid" 2>/dev/null || true
 rm -rf "$data"
-echo "echo_site: GET, POST, keep-alive, Ctrl-C stop and hand-over under Wine passed"
+echo "echo_site: GET, POST, keep-alive, forwarding, Ctrl-C stop and hand-over under Wine passed"

@@ -50,6 +50,12 @@ int EventSet::drained(std::uint64_t, std::uint64_t) {
   return 0;
 }
 
+int EventSet::watchWrite(std::uint64_t s, std::uint64_t key, Mode mode, bool on) {
+  epoll_event ev = eventFor(key, mode);
+  if (on) ev.events |= EPOLLOUT;
+  return epoll_ctl(state_->fd, EPOLL_CTL_MOD, fdof(s), &ev);
+}
+
 int EventSet::remove(std::uint64_t s) {
   epoll_event ev{};  // ignored, but older kernels want a non-null pointer
   return epoll_ctl(state_->fd, EPOLL_CTL_DEL, fdof(s), &ev);
@@ -61,7 +67,8 @@ int EventSet::wait(Ready* ready, int max, int timeout_ms) {
   int n = epoll_wait(state_->fd, evs, max < kBatch ? max : kBatch, timeout_ms);
   if (n < 0) return errno == EINTR ? 0 : -1;
   for (int i = 0; i < n; ++i)
-    ready[i] = Ready{evs[i].data.u64, (evs[i].events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0};
+    ready[i] = Ready{evs[i].data.u64, (evs[i].events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0,
+                     (evs[i].events & EPOLLOUT) != 0};
   return n;
 }
 

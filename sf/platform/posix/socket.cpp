@@ -141,6 +141,13 @@ int sock_connect(sock_t s, const void* addr, int len) {
   return r;
 }
 
+int connect_result(sock_t s) {
+  int err = 0;
+  socklen_t len = sizeof err;
+  if (getsockopt(fdof(s), SOL_SOCKET, SO_ERROR, &err, &len) != 0) return errno;
+  return err;
+}
+
 namespace {
 int nameOf(bool peer, sock_t s, std::string* ip, int* port) {
   sockaddr_in sa;
@@ -196,6 +203,9 @@ bool err_conn_reset(int e) {
 }
 bool err_interrupted(int e) {
   return e == EINTR;
+}
+bool err_in_progress(int e) {
+  return e == EINPROGRESS || e == EALREADY;
 }
 bool err_out_of_descriptors(int e) {
   return e == EMFILE || e == ENFILE || e == ENOBUFS || e == ENOMEM;

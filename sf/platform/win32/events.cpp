@@ -21,6 +21,7 @@ struct EventSet::State {
     std::uint64_t key;
     Mode mode;
     bool armed;
+    bool writable;  // also polled for room to send
   };
   std::vector<Watch> watches;
   std::vector<WSAPOLLFD> polled;  // reused from wait to wait
@@ -45,7 +46,7 @@ int EventSet::add(std::uint64_t s, std::uint64_t key, Mode mode) {
     WSASetLastError(WSAEINVAL);
     return -1;
   }
-  state_->watches.push_back(State::Watch{static_cast<SOCKET>(s), key, mode, true});
+  state_->watches.push_back(State::Watch{static_cast<SOCKET>(s), key, mode, true, false});
   return 0;
 }
 
@@ -60,6 +61,18 @@ int EventSet::drained(std::uint64_t s, std::uint64_t key) {
   }
   w->key = key;
   w->armed = true;
+  return 0;
+}
+
+int EventSet::watchWrite(std::uint64_t s, std::uint64_t key, Mode mode, bool on) {
+  State::Watch* w = state_->find(s);
+  if (!w) {
+    WSASetLastError(WSAENOTSOCK);
+    return -1;
+  }
+  w->key = key;
+  w->mode = mode;
+  w->writable = on;
   return 0;
 }
 
@@ -84,7 +97,7 @@ int EventSet::wait(Ready* ready, int max, int timeout_ms) {
     if (!st.watches[i].armed) continue;
     WSAPOLLFD p;
     p.fd = st.watches[i].s;
-    p.events = POLLRDNORM;
+    p.events = st.watches[i].writable ? POLLRDNORM | POLLWRNORM : POLLRDNORM;
     p.revents = 0;
     st.polled.push_back(p);
     st.polledWatch.push_back(i);
@@ -110,7 +123,8 @@ int EventSet::wait(Ready* ready, int max, int timeout_ms) {
     size_t i = (start + k) % count;
     if (st.polled[i].revents == 0) continue;
     State::Watch& w = st.watches[st.polledWatch[i]];
-    ready[n++] = Ready{w.key, (st.polled[i].revents & (POLLHUP | POLLERR)) != 0};
+    ready[n++] = Ready{w.key, (st.polled[i].revents & (POLLHUP | POLLERR)) != 0,
+                       (st.polled[i].revents & POLLWRNORM) != 0};
     if (w.mode == Edge) w.armed = false;
   }
   st.nextStart = start + 1;

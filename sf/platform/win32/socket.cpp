@@ -143,6 +143,14 @@ int sock_connect(sock_t s, const void* addr, int len) {
   return connect(sockof(s), static_cast<const sockaddr*>(addr), len);
 }
 
+int connect_result(sock_t s) {
+  int err = 0;
+  int len = sizeof err;
+  if (getsockopt(sockof(s), SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&err), &len) != 0)
+    return WSAGetLastError();
+  return err;
+}
+
 namespace {
 int nameOf(bool peer, sock_t s, std::string* ip, int* port) {
   sockaddr_in sa;
@@ -195,6 +203,9 @@ bool err_conn_reset(int e) {
 }
 bool err_interrupted(int e) {
   return e == WSAEINTR;
+}
+bool err_in_progress(int e) {
+  return e == WSAEWOULDBLOCK || e == WSAEINPROGRESS || e == WSAEALREADY;
 }
 bool err_out_of_descriptors(int e) {
   return e == WSAEMFILE || e == WSAENOBUFS;
