@@ -15,10 +15,6 @@ namespace pf = sf::platform;
 
 namespace {
 
-void setUp() {
-  sftest::ensureCommands();
-}
-
 struct Pipe {
   int fd[2];
   Pipe() { EXPECT_TRUE(pf::pipe_create(fd)); }
@@ -35,7 +31,7 @@ struct Pipe {
 }  // namespace
 
 TEST(PipeWire, IntsSocketsAndStrings) {
-  setUp();
+  sftest::ensureCommands();
   Pipe p;
   EXPECT_EQ(sf::pipewriteint(p.fd[1], -7), 4);
   EXPECT_EQ(sf::pipewriteSocket(p.fd[1], 0x1122334455667788ull), 8);
@@ -65,7 +61,7 @@ TEST(PipeWire, IntsSocketsAndStrings) {
 }
 
 TEST(PipeWire, StartupResult) {
-  setUp();
+  sftest::ensureCommands();
   Pipe good, bad;
   sf::sendStartupOk(good.fd[1]);
   EXPECT_NO_THROW(sf::receiveStartupOk(good.fd[0]));
@@ -78,7 +74,7 @@ TEST(PipeWire, StartupResult) {
 }
 
 TEST(PipeWire, ReceiveEnvRebuildsTheTableAndStopsAtAnEmptyName) {
-  setUp();
+  sftest::ensureCommands();
   pf::sock_t s = pf::sock_stream(pf::family_ipv4());
   Pipe p;
   sf::pipewriteint(p.fd[1], 1);
@@ -96,7 +92,7 @@ TEST(PipeWire, ReceiveEnvRebuildsTheTableAndStopsAtAnEmptyName) {
 }
 
 TEST(NetCommands, BindOptionsAndArgumentCounts) {
-  setUp();
+  sftest::ensureCommands();
   sf::PortAddr probe("127.0.0.1", "0");
   sf::Port tmp = sf::bindPort(probe);
   std::string port = std::to_string(pf::bound_port(tmp.socketNo()));
@@ -126,7 +122,7 @@ TEST(NetCommands, BindOptionsAndArgumentCounts) {
 }
 
 TEST(Ports, RestartAfterOwnClosesButNeverBesideAListener) {
-  setUp();
+  sftest::ensureCommands();
   // A server that closed a connection itself leaves it in TIME_WAIT on the
   // port; a restart must bind the port again at once.
   sf::Port first = sf::bindPort(sf::PortAddr("127.0.0.1", "0"));

@@ -10,12 +10,8 @@
 
 namespace {
 
-void setUp() {
-  sftest::ensureCommands();
-}
-
 TEST(QueueCommands, MakeQueueAndForwardTheCurrentMessage) {
-  setUp();
+  sftest::ensureCommands();
   sftest::LogCapture log(5);
   sf::setVarInt("sf.qsize", 3);
   sf::eval("mkQ cmd-q");
@@ -47,7 +43,7 @@ TEST(QueueCommands, MakeQueueAndForwardTheCurrentMessage) {
 }
 
 TEST(QueueCommands, EnvironmentDumpAndThreadId) {
-  setUp();
+  sftest::ensureCommands();
   sf::setContext(nullptr);
   EXPECT_THROW(sf::eval("sfenv HttpRequestURL"), sf::Xtcl);  // no current message
   EXPECT_THROW(sf::eval("sf_dumpMsg"), sf::Xtcl);
