@@ -328,11 +328,21 @@ int HttpWorker::Exchanges::waitMs(int timeout_ms, Ms now) const {
 
 void HttpWorker::Exchanges::pass(int timeout_ms) {
   platform::EventSet::Ready ready[64];
-  // The watchdog guards work, not the wait for a server's answer.
+  // The watchdog guards work, not waiting: it is cleared before a wait
+  // without end (nothing in flight). A wait for answers is at most a sweep
+  // long, so the watchdog stays armed and is only restarted now and then
+  // (each restart is a timer made and removed).
   const bool guarded = getContext()->watchdog != nullptr;
-  if (guarded) watchdog_clr();
-  int n = set_.wait(ready, 64, waitMs(timeout_ms, nowMs()));
-  if (guarded) watchdog_set();
+  const int wait_ms = waitMs(timeout_ms, nowMs());
+  if (guarded && wait_ms < 0) watchdog_clr();
+  int n = set_.wait(ready, 64, wait_ms);
+  if (guarded && wait_ms < 0) {
+    watchdog_set();
+    lastArmed_ = nowMs();
+  } else if (guarded && nowMs() - lastArmed_ >= kSweepMs) {
+    watchdog_ok();
+    lastArmed_ = nowMs();
+  }
   if (n < 0) {
     SF_LOG(1, "HTTP - waiting for answers from %s failed", worker_.server.str().c_str());
     platform::sleep_ms(100);
