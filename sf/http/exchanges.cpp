@@ -86,16 +86,14 @@ bool HttpWorker::Exchanges::connect(int k) {
   s.kept = false;
   s.ended = false;
   s.connecting = pending;
-  socket_t fd = s.backend.socketNo();
-  const std::uint64_t key = static_cast<std::uint64_t>(k);
-  if (set_.add(static_cast<std::uint64_t>(fd), key, platform::EventSet::Level) != 0 ||
-      (pending && set_.watchWrite(static_cast<std::uint64_t>(fd), key, platform::EventSet::Level,
-                                  true) != 0)) {
+  s.fd = s.backend.socketNo();
+  const std::uint64_t fd = static_cast<std::uint64_t>(s.fd), key = static_cast<std::uint64_t>(k);
+  if (set_.add(fd, key, platform::EventSet::Level) != 0 ||
+      (pending && set_.watchWrite(fd, key, platform::EventSet::Level, true) != 0)) {
     SF_LOG(1, "HTTP - cannot watch the connection to %s", server.str().c_str());
     dropConnection(k);
     SF_THROW("forward", Xio());
   }
-  s.fd = fd;
   return pending;
 }
 
