@@ -14,7 +14,6 @@
 #include "sf/i_mx.h"
 #include "sf/log.h"
 #include "sf/message.h"
-#include "sf/platform/events.h"
 #include "sf/platform/sync.h"
 #include "sf/runtime.h"
 #include "sf/sferr.h"
