@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "sf/detail/wakeupbatch.h"
 #include "sf/i_mx.h"
 #include "sf/log.h"
 #include "sf/message.h"
@@ -154,7 +155,7 @@ int MessageQ::enQ(Message* msg) {
   if (!full && !platform::semaphore_release(q->count)) sf_fatal("ReleaseSemaphore");
   // Nothing of the queue is touched from here on: a consumer may have taken
   // the message and destroyed the queue.
-  if (watcher) watcher->notify();
+  if (watcher) WakeupBatch::ring(watcher);
   if (full) {
     // Logged once the mutex is released: logging may need the interpreter
     // lock, which a script command waiting for this mutex may hold.

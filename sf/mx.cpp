@@ -1,5 +1,6 @@
 // sf::Mx and sf::Event over the platform's primitives.
 #include "sf/i_mx.h"
+#include "sf/log.h"
 #include "sf/platform/sync.h"
 #include "sf/platform/syserr.h"
 #include "sf/runtime.h"
@@ -20,7 +21,9 @@ Mx::~Mx() {
 
 void Mx::lock() {
   static int site = 0;
-  trace(__FILE__, &site, __LINE__, "lock", "", static_cast<long long>(platform::mutex_trace_value(i_mx)), 0, 0, 0);
+  if (sfi_on(10))
+    trace(__FILE__, &site, __LINE__, "lock", "",
+          static_cast<long long>(platform::mutex_trace_value(i_mx)), 0, 0, 0);
   int rc = platform::mutex_lock(i_mx);
   if (rc != 0) {
     platform::set_last_error(rc);
@@ -30,7 +33,9 @@ void Mx::lock() {
 
 void Mx::unlock() {
   static int site = 0;
-  trace(__FILE__, &site, __LINE__, "unlock", "", static_cast<long long>(platform::mutex_trace_value(i_mx)), 0, 0, 0);
+  if (sfi_on(10))
+    trace(__FILE__, &site, __LINE__, "unlock", "",
+          static_cast<long long>(platform::mutex_trace_value(i_mx)), 0, 0, 0);
   if (platform::mutex_unlock(i_mx) != 0) sf_fatal("ReleaseMutex");
 }
 

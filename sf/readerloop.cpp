@@ -8,6 +8,7 @@
 // header block must be complete, and its body must progress, within the
 // connection's read time-out.
 #include "sf/detail/readerloop.h"
+#include "sf/detail/wakeupbatch.h"
 
 #include <atomic>
 #include <chrono>
@@ -122,6 +123,7 @@ void ReaderLoop::run() {
         }
       }
       int n = set_.wait(ready, 64, again_.empty() ? waitMs(now) : 0);
+      WakeupBatch batch;  // the workers are woken once the pass is over
       now = nowMs();
       for (int i = 0; i < n; ++i) dispatch(ready[i], now);
       readMail(now);

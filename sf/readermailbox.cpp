@@ -1,6 +1,7 @@
 // A reader thread's mailbox: connections given back or closed by other
 // threads.
 #include "sf/detail/net.h"
+#include "sf/detail/wakeupbatch.h"
 #include "sf/platform/thread.h"
 
 namespace sf {
@@ -15,7 +16,7 @@ void ReaderMailbox::post(i_Connection* rec) {
   }
   // The reader empties the mailbox after it has read the wake-up, so a
   // mailbox that already holds a connection has a wake-up on its way.
-  if (first) wakeup.notify();
+  if (first) WakeupBatch::ring(&wakeup);
 }
 
 std::vector<Connection> ReaderMailbox::take() {

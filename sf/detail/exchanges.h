@@ -88,6 +88,7 @@ class HttpWorker::Exchanges {
   std::vector<int> free_;    // without a connection
   int busy_ = 0;
   Ms nextSweep_ = 0;
+  Ms lastArmed_ = 0;  // the watchdog was last armed or restarted
 };
 
 }  // namespace sf

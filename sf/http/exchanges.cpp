@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "sf/detail/net.h"
+#include "sf/detail/wakeupbatch.h"
 #include "sf/events.h"
 #include "sf/message.h"
 #include "sf/platform/thread.h"
@@ -85,16 +86,14 @@ bool HttpWorker::Exchanges::connect(int k) {
   s.kept = false;
   s.ended = false;
   s.connecting = pending;
-  socket_t fd = s.backend.socketNo();
-  const std::uint64_t key = static_cast<std::uint64_t>(k);
-  if (set_.add(static_cast<std::uint64_t>(fd), key, platform::EventSet::Level) != 0 ||
-      (pending && set_.watchWrite(static_cast<std::uint64_t>(fd), key, platform::EventSet::Level,
-                                  true) != 0)) {
+  s.fd = s.backend.socketNo();
+  const std::uint64_t fd = static_cast<std::uint64_t>(s.fd), key = static_cast<std::uint64_t>(k);
+  if (set_.add(fd, key, platform::EventSet::Level) != 0 ||
+      (pending && set_.watchWrite(fd, key, platform::EventSet::Level, true) != 0)) {
     SF_LOG(1, "HTTP - cannot watch the connection to %s", server.str().c_str());
     dropConnection(k);
     SF_THROW("forward", Xio());
   }
-  s.fd = fd;
   return pending;
 }
 
@@ -327,16 +326,27 @@ int HttpWorker::Exchanges::waitMs(int timeout_ms, Ms now) const {
 
 void HttpWorker::Exchanges::pass(int timeout_ms) {
   platform::EventSet::Ready ready[64];
-  // The watchdog guards work, not the wait for a server's answer.
+  // The watchdog guards work, not waiting: it is cleared before a wait
+  // without end (nothing in flight). A wait for answers is at most a sweep
+  // long, so the watchdog stays armed and is only restarted now and then
+  // (each restart is a timer made and removed).
   const bool guarded = getContext()->watchdog != nullptr;
-  if (guarded) watchdog_clr();
-  int n = set_.wait(ready, 64, waitMs(timeout_ms, nowMs()));
-  if (guarded) watchdog_set();
+  const int wait_ms = waitMs(timeout_ms, nowMs());
+  if (guarded && wait_ms < 0) watchdog_clr();
+  int n = set_.wait(ready, 64, wait_ms);
+  if (guarded && wait_ms < 0) {
+    watchdog_set();
+    lastArmed_ = nowMs();
+  } else if (guarded && nowMs() - lastArmed_ >= kSweepMs) {
+    watchdog_ok();
+    lastArmed_ = nowMs();
+  }
   if (n < 0) {
     SF_LOG(1, "HTTP - waiting for answers from %s failed", worker_.server.str().c_str());
     platform::sleep_ms(100);
     return;
   }
+  WakeupBatch batch;  // the readers are woken once the answers are relayed
   Ms now = nowMs();
   for (int i = 0; i < n; ++i) {
     if (ready[i].key == kBellKey)
