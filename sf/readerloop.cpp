@@ -8,10 +8,10 @@
 // header block must be complete, and its body must progress, within the
 // connection's read time-out.
 #include "sf/detail/readerloop.h"
+#include "sf/detail/tickclock.h"
 #include "sf/detail/wakeupbatch.h"
 
 #include <atomic>
-#include <chrono>
 #include <ctime>
 
 #include "sf/message.h"
@@ -45,11 +45,6 @@ const int kDrainLookMs = 50;
 // Keys of the event set other than connection ids (which are below 2^31).
 const std::uint64_t kListenKey = 1ull << 40;
 const std::uint64_t kWakeKey = 1ull << 41;
-
-std::int64_t nowMs() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
 
 void sendReject(Connection& c, Xreject& x) {
   Adaptor* top = c.getAdaptor();
@@ -114,7 +109,7 @@ void ReaderLoop::run() {
   platform::EventSet::Ready ready[64];
   for (;;) {
     try {
-      Ms now = nowMs();
+      Ms now = monotonicMs();
       if (sfi_shuttingDown()) {
         if (!draining_) beginDrain(now);
         if (now >= drainUntil_ || !anyInFlight()) {
@@ -124,7 +119,7 @@ void ReaderLoop::run() {
       }
       int n = set_.wait(ready, 64, again_.empty() ? waitMs(now) : 0);
       WakeupBatch batch;  // the workers are woken once the pass is over
-      now = nowMs();
+      now = monotonicMs();
       for (int i = 0; i < n; ++i) dispatch(ready[i], now);
       readMail(now);
       serveAgain(now);

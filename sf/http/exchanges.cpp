@@ -1,10 +1,10 @@
 // sf::HttpWorker::Exchanges: a forwarding worker's exchanges in flight.
 #include "sf/detail/exchanges.h"
 
-#include <chrono>
 #include <ctime>
 
 #include "sf/detail/net.h"
+#include "sf/detail/tickclock.h"
 #include "sf/detail/wakeupbatch.h"
 #include "sf/events.h"
 #include "sf/message.h"
@@ -22,11 +22,6 @@ const std::uint64_t kBellKey = 1ull << 40;
 const int kSweepMs = 500;
 // The most read from one connection in one go beyond what has arrived.
 const size_t kReadAhead = 64 * 1024;
-
-std::int64_t nowMs() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
 
 // Makes msg the thread's current message while it lives. The server's answer
 // is read with none, so that its headers never land in the client's
@@ -157,7 +152,7 @@ int HttpWorker::Exchanges::start(Message* msg, bool owned) {
   s.owned = owned;
   s.wasReserved = msg->reserved;
   s.kept = s.backend.record() != nullptr;
-  s.since = s.clientChecked = nowMs();
+  s.since = s.clientChecked = monotonicMs();
   ++busy_;
   try {
     begin(k);
@@ -237,7 +232,7 @@ void HttpWorker::Exchanges::finish(int k) {
       SF_LOG(4, "HTTP - kept connection to %s was closed, connecting again", server.c_str());
       dropConnection(k);
       begin(k);
-      s.since = nowMs();
+      s.since = monotonicMs();
       return;
     }
     // Bytes past the answer mean more than one message: nothing of this
@@ -331,15 +326,15 @@ void HttpWorker::Exchanges::pass(int timeout_ms) {
   // long, so the watchdog stays armed and is only restarted now and then
   // (each restart is a timer made and removed).
   const bool guarded = getContext()->watchdog != nullptr;
-  const int wait_ms = waitMs(timeout_ms, nowMs());
+  const int wait_ms = waitMs(timeout_ms, monotonicMs());
   if (guarded && wait_ms < 0) watchdog_clr();
   int n = set_.wait(ready, 64, wait_ms);
   if (guarded && wait_ms < 0) {
     watchdog_set();
-    lastArmed_ = nowMs();
-  } else if (guarded && nowMs() - lastArmed_ >= kSweepMs) {
+    lastArmed_ = monotonicMs();
+  } else if (guarded && monotonicMs() - lastArmed_ >= kSweepMs) {
     watchdog_ok();
-    lastArmed_ = nowMs();
+    lastArmed_ = monotonicMs();
   }
   if (n < 0) {
     SF_LOG(1, "HTTP - waiting for answers from %s failed", worker_.server.str().c_str());
@@ -347,7 +342,7 @@ void HttpWorker::Exchanges::pass(int timeout_ms) {
     return;
   }
   WakeupBatch batch;  // the readers are woken once the answers are relayed
-  Ms now = nowMs();
+  Ms now = monotonicMs();
   for (int i = 0; i < n; ++i) {
     if (ready[i].key == kBellKey)
       bell_.drain();
