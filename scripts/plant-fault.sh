@@ -5,7 +5,7 @@
 # test does not is a candidate for folding. The build is rebuilt from the
 # restored file afterwards.
 # Usage: scripts/plant-fault.sh FILE PERL-SUBSTITUTION [BUILD_DIR] [CTEST_ARGS...]
-#   e.g. scripts/plant-fault.sh sf/msgq.cpp 's/next == head/next == tail/'
+#   e.g. scripts/plant-fault.sh sf/work/msgq.cpp 's/next == head/next == tail/'
 # The default tests are all but the integration ones: add `-R integration.x`
 # or `-L integration` for a fault only a whole process shows.
 set -uo pipefail

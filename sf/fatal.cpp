@@ -3,7 +3,7 @@
 #include <ctime>
 #include <string>
 
-#include "sf/events.h"
+#include "sf/base/events.h"
 #include "sf/platform/clock.h"
 #include "sf/platform/thread.h"
 #include "sf/runtime.h"

@@ -4,20 +4,20 @@
 #include <cstring>
 #include <string>
 
-#include "sf/detail/commands.h"
-#include "sf/detail/configcheck.h"
-#include "sf/detail/httpcommands.h"
-#include "sf/detail/eventsettings.h"
-#include "sf/events.h"
-#include "sf/i_mx.h"
-#include "sf/log.h"
+#include "sf/base/events.h"
+#include "sf/base/eventsettings.h"
+#include "sf/base/locks.h"
+#include "sf/base/log.h"
+#include "sf/base/stats.h"
+#include "sf/http/httpcommands.h"
 #include "sf/platform/fs.h"
 #include "sf/platform/sockinit.h"
 #include "sf/runtime.h"
+#include "sf/script/commands.h"
+#include "sf/script/configcheck.h"
+#include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/stats.h"
-#include "sf/tcl.h"
-#include "sf/watchdog.h"
+#include "sf/work/watchdog.h"
 
 namespace sf {
 

@@ -9,7 +9,7 @@
 
 #include <string>
 
-#include "sf/log.h"
+#include "sf/base/log.h"
 
 namespace sf {
 
@@ -144,8 +144,8 @@ void sfi_throwsite(const char* site, const char* expression, const char* file, i
 // Throws expr after logging where. The stringified expression is part of the
 // record, so write expr exactly as the record should show it, e.g.
 //   SF_THROW("extend", Xbounds(max_alloc, static_cast<int>(ix)));
-#define SF_THROW(site, ...)                                          \
-  do {                                                               \
-    ::sf::sfi_throwsite(site, #__VA_ARGS__, __FILE__, __LINE__);     \
-    throw __VA_ARGS__;                                               \
+#define SF_THROW(site, ...)                                      \
+  do {                                                           \
+    ::sf::sfi_throwsite(site, #__VA_ARGS__, __FILE__, __LINE__); \
+    throw __VA_ARGS__;                                           \
   } while (0)

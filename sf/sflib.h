@@ -20,7 +20,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "sf/log.h"
+#include "sf/base/log.h"
 #include "sf/sferr.h"
 
 namespace sf {
@@ -90,22 +90,22 @@ inline const char* Buffer::getROPtr(size_t offset) const {
 
 }  // namespace sf
 
-#include "sf/events.h"
-#include "sf/i_mx.h"
-#include "sf/runtime.h"
-#include "sf/stats.h"
-#include "sf/tcl.h"
-#include "sf/port.h"
-#include "sf/connection.h"
-#include "sf/adaptor.h"
-#include "sf/reader.h"
-#include "sf/message.h"
-#include "sf/msgq.h"
-#include "sf/timer.h"
-#include "sf/watchdog.h"
-#include "sf/worker.h"
-#include "sf/handover.h"
+#include "sf/base/events.h"
+#include "sf/base/locks.h"
+#include "sf/base/stats.h"
 #include "sf/ber/sfbercomponent.h"
 #include "sf/ber/sfbercomponentencoder.h"
 #include "sf/http/httpadaptor.h"
 #include "sf/http/httpreader.h"
+#include "sf/net/adaptor.h"
+#include "sf/net/connection.h"
+#include "sf/net/handover.h"
+#include "sf/net/port.h"
+#include "sf/net/reader.h"
+#include "sf/runtime.h"
+#include "sf/script/tcl.h"
+#include "sf/work/message.h"
+#include "sf/work/msgq.h"
+#include "sf/work/timer.h"
+#include "sf/work/watchdog.h"
+#include "sf/work/worker.h"

@@ -8,9 +8,9 @@
 #include <cstring>
 #include <vector>
 
+#include "sf/script/tcl.h"
 #include "sf/sferr.h"
 #include "sf/sflib.h"
-#include "sf/tcl.h"
 
 namespace sfber {
 

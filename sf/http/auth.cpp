@@ -13,7 +13,7 @@
 #include "sf/http/base64.h"
 #include "sf/http/httpadaptor.h"
 #include "sf/platform/ntlm.h"
-#include "sf/tcl.h"
+#include "sf/script/tcl.h"
 
 namespace sf {
 

@@ -1,16 +1,16 @@
 // sf::HttpWorker::Exchanges: a forwarding worker's exchanges in flight.
-#include "sf/detail/exchanges.h"
+#include "sf/http/exchanges.h"
 
 #include <ctime>
 
-#include "sf/detail/net.h"
-#include "sf/detail/tickclock.h"
-#include "sf/detail/wakeupbatch.h"
-#include "sf/events.h"
-#include "sf/message.h"
+#include "sf/base/events.h"
+#include "sf/net/net.h"
 #include "sf/platform/thread.h"
 #include "sf/sflib.h"
-#include "sf/watchdog.h"
+#include "sf/work/message.h"
+#include "sf/work/tickclock.h"
+#include "sf/work/wakeupbatch.h"
+#include "sf/work/watchdog.h"
 
 namespace sf {
 

@@ -2,7 +2,7 @@
 // Reading is in httpread.cpp, writing in httpwrite.cpp.
 #include "sf/http/httpadaptor.h"
 
-#include "sf/tcl.h"
+#include "sf/script/tcl.h"
 
 namespace sf {
 

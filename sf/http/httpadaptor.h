@@ -31,9 +31,9 @@
 
 #include "sf/sflib.h"
 
-#include "sf/adaptor.h"
-#include "sf/connection.h"
 #include "sf/http/messageparser.h"
+#include "sf/net/adaptor.h"
+#include "sf/net/connection.h"
 
 namespace sf {
 

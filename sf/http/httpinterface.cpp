@@ -5,11 +5,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sf/detail/commands.h"
-#include "sf/detail/httpcommands.h"
+#include "sf/http/httpcommands.h"
 #include "sf/http/httpreader.h"
-#include "sf/message.h"
-#include "sf/tcl.h"
+#include "sf/script/commands.h"
+#include "sf/script/tcl.h"
+#include "sf/work/message.h"
 
 namespace sf {
 

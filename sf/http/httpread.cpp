@@ -1,7 +1,7 @@
 // sf::HttpAdaptor, client role: responses through the incremental parser,
 // and the Adaptor read operations of both roles.
 #include "sf/http/httpadaptor.h"
-#include "sf/message.h"
+#include "sf/work/message.h"
 
 namespace sf {
 

@@ -1,8 +1,8 @@
 // sf::HttpReader: a reader whose connections are HTTP servers.
 #include "sf/http/httpreader.h"
 
-#include "sf/detail/validatescript.h"
-#include "sf/message.h"
+#include "sf/script/validatescript.h"
+#include "sf/work/message.h"
 
 namespace sf {
 

@@ -14,9 +14,9 @@
 #include <memory>
 
 #include "sf/http/httpadaptor.h"
-#include "sf/port.h"
-#include "sf/reader.h"
-#include "sf/worker.h"
+#include "sf/net/port.h"
+#include "sf/net/reader.h"
+#include "sf/work/worker.h"
 
 namespace sf {
 
@@ -64,7 +64,7 @@ class HttpWorker : public Worker {
   Mode mode = Mode::Tunnel;
 
  private:
-  class Exchanges;  // sf/detail/exchanges.h
+  class Exchanges;  // sf/http/exchanges.h
   Exchanges& exchanges();
   std::unique_ptr<Exchanges> exchanges_;
 };

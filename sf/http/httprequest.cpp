@@ -5,7 +5,7 @@
 // looking again. A reader that does not ask (a blocking one) gets the same
 // parser fed from the connection by readPdu itself.
 #include "sf/http/httpadaptor.h"
-#include "sf/message.h"
+#include "sf/work/message.h"
 
 namespace sf {
 

@@ -15,11 +15,11 @@
 #include <string_view>
 #include <utility>
 
-#include "sf/detail/exchanges.h"
-#include "sf/message.h"
-#include "sf/msgq.h"
+#include "sf/http/exchanges.h"
 #include "sf/platform/thread.h"
-#include "sf/watchdog.h"
+#include "sf/work/message.h"
+#include "sf/work/msgq.h"
+#include "sf/work/watchdog.h"
 
 namespace sf {
 

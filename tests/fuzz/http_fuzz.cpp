@@ -13,11 +13,11 @@
 #include <random>
 #include <string>
 
-#include "sf/detail/net.h"
 #include "sf/http/httpadaptor.h"
-#include "sf/message.h"
+#include "sf/net/net.h"
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
+#include "sf/work/message.h"
 
 namespace {
 

@@ -13,7 +13,7 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 libdir=$(dirname "$(dirname "$(find "$prefix" -name sf.pc)")")
 
 # Installed headers include only each other and the standard library.
-test ! -e "$prefix/include/sf/platform" -a ! -e "$prefix/include/sf/detail"
+test ! -e "$prefix/include/sf/platform" -a ! -e "$prefix/include/sf/net/net.h"
 ! grep -rqE '#\s*include\s*<tcl\.h>' "$prefix/include"
 for h in $(grep -rhoE '#\s*include\s+"[^"]+"' "$prefix/include" | cut -d'"' -f2); do
   test -f "$prefix/include/$h" || { echo "$h is included but not installed"; exit 1; }

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "sf/detail/net.h"
+#include "sf/net/net.h"
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
 

@@ -5,7 +5,7 @@
 #include <random>
 #include <sstream>
 
-#include "sf/detail/commands.h"
+#include "sf/script/commands.h"
 #include "sf/sflib.h"
 
 #ifdef _WIN32

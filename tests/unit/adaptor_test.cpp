@@ -5,7 +5,7 @@
 #include <deque>
 #include <string>
 
-#include "sf/detail/net.h"
+#include "sf/net/net.h"
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
 #include "support/loopback.h"

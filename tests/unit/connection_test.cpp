@@ -5,7 +5,7 @@
 #include <string>
 #include <thread>
 
-#include "sf/detail/net.h"
+#include "sf/net/net.h"
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
 #include "support/loopback.h"

@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "sf/detail/commands.h"
-#include "sf/detail/net.h"
+#include "sf/net/net.h"
 #include "sf/platform/pipe.h"
 #include "sf/platform/socket.h"
+#include "sf/script/commands.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
 

@@ -8,12 +8,12 @@
 #include <utility>
 #include <vector>
 
-#include "sf/detail/net.h"
 #include "sf/http/base64.h"
 #include "sf/http/httpadaptor.h"
-#include "sf/message.h"
+#include "sf/net/net.h"
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
+#include "sf/work/message.h"
 #include "support/testsupport.h"
 
 using sf::Buffer;

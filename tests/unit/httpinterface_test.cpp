@@ -1,12 +1,12 @@
 // The HTTP script commands: httpPush's options, httpHeader and httpType.
 #include <gtest/gtest.h>
 
-#include "sf/detail/httpcommands.h"
-#include "sf/detail/net.h"
 #include "sf/http/httpadaptor.h"
-#include "sf/message.h"
+#include "sf/http/httpcommands.h"
+#include "sf/net/net.h"
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
+#include "sf/work/message.h"
 #include "support/testsupport.h"
 
 namespace {

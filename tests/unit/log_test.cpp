@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "sf/detail/logfile.h"
+#include "sf/base/logfile.h"
 #include "sf/platform/clock.h"
 #include "sf/platform/syserr.h"
 #include "sf/platform/thread.h"

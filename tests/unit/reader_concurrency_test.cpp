@@ -8,10 +8,10 @@
 #include <string>
 #include <thread>
 
-#include "sf/detail/commands.h"
-#include "sf/detail/net.h"
+#include "sf/net/net.h"
 #include "sf/platform/socket.h"
 #include "sf/platform/thread.h"
+#include "sf/script/commands.h"
 #include "sf/sflib.h"
 #include "support/loopback.h"
 #include "support/testsupport.h"

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "sf/detail/commands.h"
 #include "sf/platform/pipe.h"
 #include "sf/platform/signals.h"
 #include "sf/platform/thread.h"
+#include "sf/script/commands.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
 

@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "sf/detail/tickclock.h"
 #include "sf/sflib.h"
+#include "sf/work/tickclock.h"
 #include "support/testsupport.h"
 
 namespace {

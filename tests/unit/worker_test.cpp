@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "sf/detail/net.h"
+#include "sf/net/net.h"
 #include "sf/platform/socket.h"
 #include "sf/sflib.h"
 #include "support/loopback.h"

@@ -26,7 +26,9 @@ bool is_directory(const std::string& path) {
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-bool is_writable(const std::string& path) { return access(path.c_str(), W_OK | X_OK) == 0; }
+bool is_writable(const std::string& path) {
+  return access(path.c_str(), W_OK | X_OK) == 0;
+}
 
 }  // namespace platform
 }  // namespace sf

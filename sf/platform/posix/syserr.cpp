@@ -7,9 +7,13 @@
 namespace sf {
 namespace platform {
 
-int last_error() { return errno; }
+int last_error() {
+  return errno;
+}
 
-void set_last_error(int code) { errno = code; }
+void set_last_error(int code) {
+  errno = code;
+}
 
 std::string error_text(int code) {
   int saved = errno;
@@ -21,7 +25,9 @@ std::string error_text(int code) {
   return out;
 }
 
-bool is_missing_file(int code) { return code == ENOENT; }
+bool is_missing_file(int code) {
+  return code == ENOENT;
+}
 
 }  // namespace platform
 }  // namespace sf

@@ -1,0 +1,75 @@
+// Locks: sf::Mx, a recursive mutex, and sf::Event, an auto-reset event.
+//
+// Both hide the system handle behind one pointer so that public headers
+// carry no platform types. An Mx is recursive for its owning thread (the
+// library relies on that: the Tcl and log locks are re-entered) and is
+// released only by the thread that took it; a failed release means the lock
+// discipline is broken and ends the process through sf_fatal("ReleaseMutex").
+#pragma once
+
+#include <cstdint>
+
+namespace sf {
+
+namespace platform {
+struct RecursiveMutex;
+struct AutoEvent;
+}  // namespace platform
+
+class Mx {
+ public:
+  // Creates an unowned recursive mutex; throws Xsys("CreateMutex") when the
+  // system cannot. The flag is accepted for compatibility and ignored.
+  explicit Mx(bool ignored = false);
+  ~Mx();
+  // Copies share one mutex; only one of them may be destroyed.
+  Mx(const Mx&) = default;
+  Mx& operator=(const Mx&) = default;
+
+  // Waits without limit; throws Xsys("WaitForSingleObject") on failure.
+  void lock();
+  // Releases one level; a release by a non-owner is fatal.
+  void unlock();
+
+  // True when the calling thread holds this lock.
+  bool ownedByCaller() const;
+
+  // Guards the library's lazy one-time initialisations; created by sf::init.
+  static Mx* g_initLock;
+
+ private:
+  platform::RecursiveMutex* mutex_;
+};
+
+// Holds an Mx for its scope, so that exceptions thrown while holding it
+// release it.
+class MxLock {
+ public:
+  explicit MxLock(Mx& mx) : mx_(&mx) { mx_->lock(); }
+  explicit MxLock(Mx* mx) : mx_(mx) { mx_->lock(); }
+  ~MxLock() { mx_->unlock(); }
+  MxLock(const MxLock&) = delete;
+  MxLock& operator=(const MxLock&) = delete;
+
+ private:
+  Mx* mx_;
+};
+
+// An auto-reset event: notify() releases one waiter, or is remembered until
+// the next wait() when nobody waits. Two notifies before a wait release one.
+struct Event {
+  Event();
+  ~Event();
+  Event(const Event&) = delete;
+  Event& operator=(const Event&) = delete;
+
+  void notify();
+  void wait();
+  // Waits at most ms milliseconds; true if the event was signalled.
+  bool wait_ms(std::uint32_t ms);
+
+ private:
+  platform::AutoEvent* event_;
+};
+
+}  // namespace sf
