@@ -38,7 +38,7 @@ class Mx {
   static Mx* g_initLock;
 
  private:
-  platform::RecursiveMutex* i_mx;
+  platform::RecursiveMutex* mutex_;
 };
 
 // Holds an Mx for its scope, so that exceptions thrown while holding it
@@ -68,7 +68,8 @@ struct Event {
   // Waits at most ms milliseconds; true if the event was signalled.
   bool wait_ms(std::uint32_t ms);
 
-  platform::AutoEvent* i_event;
+ private:
+  platform::AutoEvent* event_;
 };
 
 }  // namespace sf
