@@ -9,6 +9,7 @@
 #include "sf/base/locks.h"
 #include "sf/platform/syserr.h"
 #include "sf/platform/syslog.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
 

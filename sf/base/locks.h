@@ -22,9 +22,9 @@ class Mx {
   // system cannot. The flag is accepted for compatibility and ignored.
   explicit Mx(bool ignored = false);
   ~Mx();
-  // Copies share one mutex; only one of them may be destroyed.
-  Mx(const Mx&) = default;
-  Mx& operator=(const Mx&) = default;
+  // One owner per mutex: a copy would destroy it twice.
+  Mx(const Mx&) = delete;
+  Mx& operator=(const Mx&) = delete;
 
   // Waits without limit; throws Xsys("WaitForSingleObject") on failure.
   void lock();

@@ -45,18 +45,6 @@ PortAddr::PortAddr(const char* nic, const char* port)
     addr = new i_TcpPortAddr(nic, port);
 }
 
-PortAddr::PortAddr(const PortAddr& o)
-    : addr(o.addr), linger(o.linger), backlog(o.backlog), nic_(o.nic_), port_(o.port_) {}
-
-PortAddr& PortAddr::operator=(const PortAddr& o) {
-  addr = o.addr;
-  linger = o.linger;
-  backlog = o.backlog;
-  nic_ = o.nic_;
-  port_ = o.port_;
-  return *this;
-}
-
 PortAddr::~PortAddr() {
   delete addr;
 }

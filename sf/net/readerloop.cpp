@@ -14,7 +14,9 @@
 #include <atomic>
 #include <ctime>
 
+#include "sf/net/net.h"
 #include "sf/net/reader.h"
+#include "sf/net/shutdown.h"
 #include "sf/platform/socket.h"
 #include "sf/platform/syserr.h"
 #include "sf/platform/thread.h"
@@ -23,6 +25,7 @@
 #include "sf/sferr.h"
 #include "sf/sflib.h"
 #include "sf/work/message.h"
+#include "sf/work/queuefull.h"
 
 namespace sf {
 
@@ -65,19 +68,7 @@ void gatherPushedBack(Connection& c) {
   sfi_unreadInput(c.record(), bytes);
 }
 
-thread_local bool t_queueFull = false;
-
 }  // namespace
-
-void sfi_noteQueueFull() {
-  t_queueFull = true;
-}
-
-bool sfi_takeQueueFull() {
-  bool full = t_queueFull;
-  t_queueFull = false;
-  return full;
-}
 
 const ReaderSettings& readerSettings() {
   static const ReaderSettings s{getVarInt("sf.maxConnections", 0),

@@ -8,6 +8,7 @@
 
 #include "sf/base/log.h"
 #include "sf/script/commands.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 
 namespace sf {

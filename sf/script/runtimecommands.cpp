@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "sf/base/dumpfile.h"
 #include "sf/base/events.h"
 #include "sf/base/log.h"
 #include "sf/runtime.h"

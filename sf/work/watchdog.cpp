@@ -3,10 +3,12 @@
 
 #include <atomic>
 
+#include "sf/base/dumpfile.h"
 #include "sf/base/events.h"
 #include "sf/base/log.h"
 #include "sf/platform/thread.h"
 #include "sf/runtime.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/work/message.h"
 #include "sf/work/msgq.h"
