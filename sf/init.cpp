@@ -115,7 +115,7 @@ void initTcl(int& argc, const char** argv) {
   StartOptions options = stripOptions(argc, argv);
 
   std::string datadir = dataDirectory(options.datadir);
-  if (datadir.empty()) logandreport_v(kNoDataDir, "", __FILE__, __LINE__);
+  if (datadir.empty()) SF_EVENT(kNoDataDir);
   std::string rootdir = rootDirectory(options.rootdir);
   sfi_setDirectories(datadir, rootdir);
   setVarStr("sf.rootdir", rootdir.c_str());

@@ -176,8 +176,7 @@ void ReaderLoop::expire(Ms now) {
     e.deadline = 0;
     i_Connection* rec = e.c.record();
     std::string seconds = sfi_fmtlog("%d", static_cast<int>(rec->readTimeout_s));
-    logandreport3("09_sf_readtimeout_s_s_d", rec->local.c_str(), rec->remote.c_str(),
-                  seconds.c_str(), __FILE__, __LINE__);
+    SF_EVENT("09_sf_readtimeout_s_s_d", rec->local.c_str(), rec->remote.c_str(), seconds.c_str());
     try {
       if (Adaptor* top = e.c.getAdaptor()) top->reject(&e.c, 408, nullptr);
     } catch (const X& x) {

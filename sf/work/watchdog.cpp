@@ -43,7 +43,7 @@ void watchdogThread(void*) {
   } catch (...) {
   }
   try {
-    logandreport("06_sf_watchdog_s", "", __FILE__, __LINE__);
+    SF_EVENT("06_sf_watchdog_s", "");
   } catch (...) {
   }
   platform::exit_now(1);
