@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Builds and runs every test three ways: a normal build, an ASan+UBSan build,
-# and a TSan build of the concurrency tests; then the fuzz targets for a
-# bounded time, and the Windows cross-build's unit tests and echo site under
-# Wine. Exits non-zero on the first failure.
+# Runs clang-tidy over the library, then builds and runs every test three ways: a
+# normal build, an ASan+UBSan build, and a TSan build of the concurrency
+# tests; then the fuzz targets for a bounded time, and the Windows
+# cross-build's unit tests and echo site under Wine. Exits non-zero on the
+# first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh test
@@ -15,6 +16,13 @@ configure() {  # dir, extra cmake args...
   cmake -S . -B "$dir" -G Ninja -DSF_TESTS=ON "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
 }
+
+stage "clang-tidy over sf/, host/ and tools/ (.clang-tidy)"
+cmake -S . -B build -G Ninja -DSF_TESTS=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSF_BENCH=ON >/dev/null
+if ! run-clang-tidy -quiet -p build -j "$jobs" "^$PWD/(sf|host|tools)/" >build/tidy.log 2>&1; then
+  grep -A3 -E '(warning|error): ' build/tidy.log >&2
+  exit 1
+fi
 
 stage "normal build"
 configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSF_BENCH=ON

@@ -21,7 +21,7 @@ const std::uint64_t kBellKey = 1ull << 40;
 // How often exchanges are looked at for time-outs and clients gone.
 const int kSweepMs = 500;
 // The most read from one connection in one go beyond what has arrived.
-const size_t kReadAhead = 64 * 1024;
+const size_t kReadAhead = size_t{64} * 1024;
 
 // Makes msg the thread's current message while it lives. The server's answer
 // is read with none, so that its headers never land in the client's

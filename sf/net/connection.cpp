@@ -148,6 +148,7 @@ Connection::Connection(const Connection& o) : rec_(o.rec_) {
   }
 }
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): the same record covers the same object.
 Connection& Connection::operator=(const Connection& o) {
   if (rec_ == o.rec_) return *this;
   i_Connection* taken = o.rec_;

@@ -35,12 +35,12 @@ std::map<std::string, TclProc>& commandTable() {
 std::string g_dataDir;
 std::string g_rootDir;
 
+#ifndef NDEBUG
 // The thread inside the outermost unfinished evaluation, and how deeply it
 // is nested. Changed only under the lock; read by the entry check.
 std::atomic<std::thread::id> g_evalThread{};
 std::atomic<int> g_evalDepth{0};
 
-#ifndef NDEBUG
 [[noreturn]] void misuse(const char* entry, const char* why) {
   fprintf(stderr, "sf: Tcl interpreter entered through %s %s; called from:\n", entry, why);
   platform::print_stack_trace();
