@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "sf/base/logcontrol.h"
+#include "sf/script/interp.h"
 #include "sf/sflib.h"
 
 namespace {

@@ -10,6 +10,9 @@
 #include <filesystem>
 #include <string>
 
+#include "sf/base/logcontrol.h"
+#include "sf/base/statsattach.h"
+#include "sf/script/interp.h"
 #include "sf/sflib.h"
 
 namespace {

@@ -67,8 +67,8 @@ bool startScriptFound() {
   namespace fs = std::filesystem;
   std::error_code ec;
   return fs::is_regular_file("start.tcl", ec) ||
-         fs::is_regular_file(fs::path(sf::sfi_dataDir()) / "start.tcl", ec) ||
-         fs::is_regular_file(fs::path(sf::sfi_rootDir()) / "etc" / "start.tcl", ec);
+         fs::is_regular_file(fs::path(sf::dataDir()) / "start.tcl", ec) ||
+         fs::is_regular_file(fs::path(sf::rootDir()) / "etc" / "start.tcl", ec);
 }
 
 // Xtcl's text carries the Tcl error and where it happened; a bad setting is
@@ -125,7 +125,7 @@ int main(int argc, const char** argv) {
   // (sf_quiesce); then there is nothing left to serve.
   int sig;
   while ((sig = sf::platform::wait_stop_signal_ms(500)) == 0) {
-    if (sf::sfi_quiescedByScript()) {
+    if (sf::quiescedByScript()) {
       SF_LOG(1, "sfhost: shut down by a script");
       SF_LOG(1, "sfhost: stopped");
       leave(0);

@@ -8,13 +8,16 @@
 #include "sf/base/eventsettings.h"
 #include "sf/base/locks.h"
 #include "sf/base/log.h"
+#include "sf/base/logcontrol.h"
 #include "sf/base/stats.h"
+#include "sf/base/statsattach.h"
 #include "sf/http/httpcommands.h"
 #include "sf/platform/fs.h"
 #include "sf/platform/sockinit.h"
 #include "sf/runtime.h"
 #include "sf/script/commands.h"
 #include "sf/script/configcheck.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
 #include "sf/work/watchdog.h"
@@ -112,7 +115,7 @@ void initTcl(int& argc, const char** argv) {
   StartOptions options = stripOptions(argc, argv);
 
   std::string datadir = dataDirectory(options.datadir);
-  if (datadir.empty()) logandreport_v(kNoDataDir, "", __FILE__, __LINE__);
+  if (datadir.empty()) SF_EVENT(kNoDataDir);
   std::string rootdir = rootDirectory(options.rootdir);
   sfi_setDirectories(datadir, rootdir);
   setVarStr("sf.rootdir", rootdir.c_str());
@@ -164,7 +167,7 @@ void init(int& argc, const char** argv) {
     throw;
   }
   if (attached != 0) SF_LOG(1, "shared statistics block %s not attached", statsBlockName().c_str());
-  const std::string& datadir = sfi_dataDir();
+  const std::string& datadir = dataDir();
   if (datadir.empty() || !platform::is_directory(datadir)) {
     SF_LOG(1, "%s: \"%s\"", kNoDataDir, datadir.c_str());
   }

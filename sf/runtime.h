@@ -27,24 +27,9 @@ void initTcl(int& argc, const char** argv);
 // waiting to a thread of its own.
 void shutdown();
 
-// shutdown(), then then() once readers have stopped and queues drained, on
-// whichever thread did the waiting. then may be null.
-void sfi_shutdown(void (*then)());
-
-// True once shutdown has been requested.
-bool sfi_shuttingDown();
-
-// Notes that a queue refused a message of this thread because it was full;
-// sfi_takeQueueFull() tells (once) whether that happened since it last asked.
-void sfi_noteQueueFull();
-bool sfi_takeQueueFull();
-
 // True once a script's sf_quiesce has run the shutdown to its end (readers
 // stopped, queues drained). The watchdog and sf_fatal shut down and end the
 // process themselves; they do not set it.
-bool sfi_quiescedByScript();
-
-// Writes "dump_<pid>" in the current directory with reason.
-void sfi_writeDump(const char* reason);
+bool quiescedByScript();
 
 }  // namespace sf

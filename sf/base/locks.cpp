@@ -10,21 +10,21 @@ namespace sf {
 
 Mx* Mx::g_initLock = nullptr;
 
-Mx::Mx(bool) : i_mx(platform::mutex_create()) {
-  if (!i_mx) SF_THROW("i_Mutex", Xsys("CreateMutex"));
+Mx::Mx(bool) : mutex_(platform::mutex_create()) {
+  if (!mutex_) SF_THROW("i_Mutex", Xsys("CreateMutex"));
 }
 
 Mx::~Mx() {
-  platform::mutex_destroy(i_mx);
-  i_mx = nullptr;
+  platform::mutex_destroy(mutex_);
+  mutex_ = nullptr;
 }
 
 void Mx::lock() {
   static int site = 0;
   if (sfi_on(10))
     trace(__FILE__, &site, __LINE__, "lock", "",
-          static_cast<long long>(platform::mutex_trace_value(i_mx)), 0, 0, 0);
-  int rc = platform::mutex_lock(i_mx);
+          static_cast<long long>(platform::mutex_trace_value(mutex_)), 0, 0, 0);
+  int rc = platform::mutex_lock(mutex_);
   if (rc != 0) {
     platform::set_last_error(rc);
     SF_THROW("Mx::lock", Xsys("WaitForSingleObject"));
@@ -35,31 +35,31 @@ void Mx::unlock() {
   static int site = 0;
   if (sfi_on(10))
     trace(__FILE__, &site, __LINE__, "unlock", "",
-          static_cast<long long>(platform::mutex_trace_value(i_mx)), 0, 0, 0);
-  if (platform::mutex_unlock(i_mx) != 0) sf_fatal("ReleaseMutex");
+          static_cast<long long>(platform::mutex_trace_value(mutex_)), 0, 0, 0);
+  if (platform::mutex_unlock(mutex_) != 0) sf_fatal("ReleaseMutex");
 }
 
 bool Mx::ownedByCaller() const {
-  return platform::mutex_owned_by_caller(i_mx);
+  return platform::mutex_owned_by_caller(mutex_);
 }
 
-Event::Event() : i_event(platform::event_create()) {}
+Event::Event() : event_(platform::event_create()) {}
 
 Event::~Event() {
-  platform::event_destroy(i_event);
-  i_event = nullptr;
+  platform::event_destroy(event_);
+  event_ = nullptr;
 }
 
 void Event::notify() {
-  platform::event_notify(i_event);
+  platform::event_notify(event_);
 }
 
 void Event::wait() {
-  platform::event_wait(i_event);
+  platform::event_wait(event_);
 }
 
 bool Event::wait_ms(std::uint32_t ms) {
-  return platform::event_wait_ms(i_event, ms);
+  return platform::event_wait_ms(event_, ms);
 }
 
 }  // namespace sf

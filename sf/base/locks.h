@@ -22,9 +22,9 @@ class Mx {
   // system cannot. The flag is accepted for compatibility and ignored.
   explicit Mx(bool ignored = false);
   ~Mx();
-  // Copies share one mutex; only one of them may be destroyed.
-  Mx(const Mx&) = default;
-  Mx& operator=(const Mx&) = default;
+  // One owner per mutex: a copy would destroy it twice.
+  Mx(const Mx&) = delete;
+  Mx& operator=(const Mx&) = delete;
 
   // Waits without limit; throws Xsys("WaitForSingleObject") on failure.
   void lock();
@@ -38,7 +38,7 @@ class Mx {
   static Mx* g_initLock;
 
  private:
-  platform::RecursiveMutex* i_mx;
+  platform::RecursiveMutex* mutex_;
 };
 
 // Holds an Mx for its scope, so that exceptions thrown while holding it
@@ -68,7 +68,8 @@ struct Event {
   // Waits at most ms milliseconds; true if the event was signalled.
   bool wait_ms(std::uint32_t ms);
 
-  platform::AutoEvent* i_event;
+ private:
+  platform::AutoEvent* event_;
 };
 
 }  // namespace sf

@@ -8,10 +8,12 @@
 #include "sf/base/events.h"
 #include "sf/base/locks.h"
 #include "sf/base/log.h"
+#include "sf/base/logcontrol.h"
 #include "sf/base/logfile.h"
 #include "sf/platform/clock.h"
 #include "sf/platform/syserr.h"
 #include "sf/platform/thread.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 
 namespace sf {

@@ -52,31 +52,10 @@ typedef void (*LogCallback)(std::uint32_t pid, std::uint32_t tid, std::uint32_t 
 // Installs (null: removes) the callback sink. Call it at start-up.
 void setlog(LogCallback cb);
 
-// Sets the level explicitly (the "-d" option); wins over SF_DBG and
-// sf.log.level at initialisation.
-void sfi_setLogLevel(int level);
-
-// Sends every record to standard error in the short format (the "-l" option).
-void sfi_logToStderr();
-
-// Reads the sf.log.* keys and SF_DBG; called once by sf::init after the
-// interpreter exists. Records before this reach only stderr mode or a callback.
-void sfi_logInit();
-
 // Fine-grained tracing at level 10. *siteId numbers the call site on its
 // first use (a "DEF" record names its file).
 void trace(const char* file, int* siteId, int line, const char* tag, const char* text,
            long long value, int a, int b, int c);
-
-// Seam for the cross-process lock around the file sink: while a hook pair is
-// installed (by the shared statistics block), every file write and rotation
-// runs between lock() and unlock(). Without one the file sink is serialised
-// only within this process.
-struct LogFileLockHooks {
-  void (*lock)();
-  void (*unlock)();
-};
-void sfi_setLogFileLockHooks(const LogFileLockHooks* hooks);
 
 }  // namespace sf
 

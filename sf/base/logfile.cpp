@@ -1,6 +1,7 @@
 // The rotating log file.
 #include <cstdio>
 
+#include "sf/base/logcontrol.h"
 #include "sf/base/logfile.h"
 #include "sf/platform/syserr.h"
 

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "sf/base/log.h"
+#include "sf/base/logcontrol.h"
 
 namespace sf {
 

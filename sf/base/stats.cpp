@@ -7,7 +7,9 @@
 #include <mutex>
 
 #include "sf/base/log.h"
+#include "sf/base/logcontrol.h"
 #include "sf/base/statdescriptors.h"
+#include "sf/base/statsattach.h"
 #include "sf/platform/clock.h"
 #include "sf/platform/shm.h"
 #include "sf/platform/syserr.h"

@@ -29,7 +29,7 @@
 #include <memory>
 #include <string>
 
-#include "sf/sflib.h"
+#include "sf/base/buffer.h"
 
 #include "sf/http/messageparser.h"
 #include "sf/net/adaptor.h"

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "sf/http/httpadaptor.h"
+#include "sf/net/shutdown.h"
 #include "sf/runtime.h"
 
 namespace sf {

@@ -102,16 +102,4 @@ Connection tcp_connect(const PortAddr& addr);
 void tcp_recv(Connection& c, Buffer& buf, TcpRecvType type, size_t n);
 void tcp_write(Connection& c, const Buffer& buf);
 
-// --- internal ---
-
-// Number of connection records alive.
-size_t sfi_connectionCount();
-// (Re-)arms the idle timer of c; seconds -1 means sf.idletimeout applies.
-void sfi_armIdleTimer(Connection& c, int idleTimeout_s);
-// Removes c's pending idle timer, if any.
-void sfi_cancelIdleTimer(Connection& c);
-// Closes the socket of the connection with this id, if it is still
-// registered; used by the idle reaper. Returns true if one was found.
-bool sfi_closeById(int id, bool reportIdle);
-
 }  // namespace sf

@@ -1,5 +1,5 @@
-// Idle time-outs (the Victor reaper) and close notices: the parts of a
-// connection that go through queues and timers.
+// Idle time-outs (the idle reaper, a worker on its own queue) and close
+// notices: the parts of a connection that go through queues and timers.
 #include <cstring>
 #include <mutex>
 
@@ -17,12 +17,15 @@ namespace sf {
 
 namespace {
 
+// The reaper's queue; scripts see it among the named queues.
+constexpr const char kReaperQueueName[] = "sf.victor";
+
 // Closes the connections whose idle timer fired. The message carries the
 // connection id as 4 raw bytes; the record is looked up by id, so a
 // connection that is already gone is simply not found.
-class Victor : public Worker {
+class IdleReaper : public Worker {
  public:
-  Victor() : Worker("sf.victor") {}
+  IdleReaper() : Worker(kReaperQueueName) {}
   void processMessage(Message* msg) override {
     std::int32_t id = 0;
     if (!msg->data || msg->data->size() < sizeof id) return;
@@ -32,26 +35,27 @@ class Victor : public Worker {
   }
 };
 
-void victorThread(void*) {
+void idleReaperThread(void*) {
   try {
-    Victor v;
-    v.run();
+    IdleReaper reaper;
+    reaper.run();
   } catch (const X& x) {
     SF_LOG(1, "idle connection reaper stopped - %s", x.str().c_str());
   }
 }
 
-std::mutex g_victorOnce;
-MessageQ* g_victorQ = nullptr;
+std::mutex g_idleReaperOnce;
+MessageQ* g_idleReaperQueue = nullptr;
 
-MessageQ* victorQueue() {
-  std::lock_guard<std::mutex> guard(g_victorOnce);
-  if (!g_victorQ) {
-    g_victorQ = getQ("sf.victor");
-    if (!g_victorQ) g_victorQ = mkQ("sf.victor");
-    startThread(victorThread, nullptr);
+// The reaper's queue, made and its thread started on first use.
+MessageQ* idleReaperQueue() {
+  std::lock_guard<std::mutex> guard(g_idleReaperOnce);
+  if (!g_idleReaperQueue) {
+    g_idleReaperQueue = getQ(kReaperQueueName);
+    if (!g_idleReaperQueue) g_idleReaperQueue = mkQ(kReaperQueueName);
+    startThread(idleReaperThread, nullptr);
   }
-  return g_victorQ;
+  return g_idleReaperQueue;
 }
 
 int idleDefault() {
@@ -78,9 +82,7 @@ bool sfi_closeById(int id, bool reportIdle) {
     --rec->refs;  // the handle above took its own reference
   }
   i_Connection* rec = c.record();
-  if (reportIdle)
-    logandreport2("10_sf_idletimeout_s_s", rec->local.c_str(), rec->remote.c_str(), __FILE__,
-                  __LINE__);
+  if (reportIdle) SF_EVENT("10_sf_idletimeout_s_s", rec->local.c_str(), rec->remote.c_str());
   rec->close();
   return true;
 }
@@ -89,7 +91,7 @@ void sfi_armIdleTimer(Connection& c, int idleTimeout_s) {
   i_Connection* rec = c.record();
   if (!rec) return;
   int seconds = idleTimeout_s != -1 ? idleTimeout_s : idleDefault();
-  MessageQ* q = victorQueue();
+  MessageQ* q = idleReaperQueue();
   if (seconds == 0) return;
   Message* m = new Message;
   m->data = new Buffer(0);

@@ -222,4 +222,23 @@ void setsocketblockingmode(socket_t fd, bool blocking);
 // Writes one I/O dump record when dumping is on.
 void sfi_iodump(const char* dir, i_Connection* rec, const Buffer& buf, size_t count);
 
+// Closes and forgets every shared port that nobody took (the first step of
+// shutdown).
+void sfi_closeUnusedSharedPorts();
+// Use count of the shared entry for key, -1 when there is none.
+int sfi_sharedPortUses(const std::string& key);
+
+// Number of connection records alive.
+size_t sfi_connectionCount();
+// (Re-)arms the idle timer of c; seconds -1 means sf.idletimeout applies.
+void sfi_armIdleTimer(Connection& c, int idleTimeout_s);
+// Removes c's pending idle timer, if any.
+void sfi_cancelIdleTimer(Connection& c);
+// Closes the socket of the connection with this id, if it is still
+// registered; used by the idle reaper. Returns true if one was found.
+bool sfi_closeById(int id, bool reportIdle);
+
+// Wakes the reader of the port whose connection this is.
+void sfi_wakeReaderOf(Connection& c);
+
 }  // namespace sf

@@ -45,18 +45,6 @@ PortAddr::PortAddr(const char* nic, const char* port)
     addr = new i_TcpPortAddr(nic, port);
 }
 
-PortAddr::PortAddr(const PortAddr& o)
-    : addr(o.addr), linger(o.linger), backlog(o.backlog), nic_(o.nic_), port_(o.port_) {}
-
-PortAddr& PortAddr::operator=(const PortAddr& o) {
-  addr = o.addr;
-  linger = o.linger;
-  backlog = o.backlog;
-  nic_ = o.nic_;
-  port_ = o.port_;
-  return *this;
-}
-
 PortAddr::~PortAddr() {
   delete addr;
 }
@@ -188,7 +176,7 @@ socket_t bindsock_tcp(const PortAddr& addr) {
   try {
     s = bindUserSock(addr);
   } catch (...) {
-    logandreport("02_sf_bind_s", addr.str().c_str(), __FILE__, __LINE__);
+    SF_EVENT("02_sf_bind_s", addr.str().c_str());
     throw;
   }
   SF_LOG(1, "binding socket fd=%llu to address %s", static_cast<unsigned long long>(s),

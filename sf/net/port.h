@@ -35,10 +35,9 @@ class PortAddr {
   // as an IPv4 host and port is read like atoi (0 if not a number). A name
   // that does not resolve throws Xsys.
   PortAddr(const char* nic, const char* port);
-  // Shallow on purpose: the copy shares addr, and every copy's destructor
-  // deletes it. Copy only where one of the two is never destroyed.
-  PortAddr(const PortAddr& o);
-  PortAddr& operator=(const PortAddr& o);
+  // One owner per resolved address: a copy would delete it twice.
+  PortAddr(const PortAddr&) = delete;
+  PortAddr& operator=(const PortAddr&) = delete;
   ~PortAddr();
 
   // nic + "+" + port: the key of the shared-port table.
@@ -93,13 +92,5 @@ Port bindSharedPort(const PortAddr& addr);
 // bind plus listen. Both return the socket.
 socket_t bindUserSock(const PortAddr& addr);
 socket_t bindsock_tcp(const PortAddr& addr);
-
-// --- internal ---
-
-// Closes and forgets every shared port that nobody took (the first step of
-// shutdown).
-void sfi_closeUnusedSharedPorts();
-// Use count of the shared entry for key, -1 when there is none.
-int sfi_sharedPortUses(const std::string& key);
 
 }  // namespace sf

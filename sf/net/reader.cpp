@@ -9,6 +9,7 @@
 #include "sf/net/net.h"
 #include "sf/net/readerloop.h"
 #include "sf/platform/thread.h"
+#include "sf/script/interp.h"
 #include "sf/script/validatescript.h"
 #include "sf/sflib.h"
 #include "sf/work/message.h"

@@ -55,7 +55,4 @@ class TclReader : public Reader {
   void validate(Message* msg, const void* target) override;
 };
 
-// Wakes the reader of the port whose connection this is (internal).
-void sfi_wakeReaderOf(Connection& c);
-
 }  // namespace sf

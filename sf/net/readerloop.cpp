@@ -14,7 +14,9 @@
 #include <atomic>
 #include <ctime>
 
+#include "sf/net/net.h"
 #include "sf/net/reader.h"
+#include "sf/net/shutdown.h"
 #include "sf/platform/socket.h"
 #include "sf/platform/syserr.h"
 #include "sf/platform/thread.h"
@@ -23,6 +25,7 @@
 #include "sf/sferr.h"
 #include "sf/sflib.h"
 #include "sf/work/message.h"
+#include "sf/work/queuefull.h"
 
 namespace sf {
 
@@ -65,19 +68,7 @@ void gatherPushedBack(Connection& c) {
   sfi_unreadInput(c.record(), bytes);
 }
 
-thread_local bool t_queueFull = false;
-
 }  // namespace
-
-void sfi_noteQueueFull() {
-  t_queueFull = true;
-}
-
-bool sfi_takeQueueFull() {
-  bool full = t_queueFull;
-  t_queueFull = false;
-  return full;
-}
 
 const ReaderSettings& readerSettings() {
   static const ReaderSettings s{getVarInt("sf.maxConnections", 0),
@@ -185,8 +176,7 @@ void ReaderLoop::expire(Ms now) {
     e.deadline = 0;
     i_Connection* rec = e.c.record();
     std::string seconds = sfi_fmtlog("%d", static_cast<int>(rec->readTimeout_s));
-    logandreport3("09_sf_readtimeout_s_s_d", rec->local.c_str(), rec->remote.c_str(),
-                  seconds.c_str(), __FILE__, __LINE__);
+    SF_EVENT("09_sf_readtimeout_s_s_d", rec->local.c_str(), rec->remote.c_str(), seconds.c_str());
     try {
       if (Adaptor* top = e.c.getAdaptor()) top->reject(&e.c, 408, nullptr);
     } catch (const X& x) {

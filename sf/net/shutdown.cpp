@@ -3,7 +3,9 @@
 #include <vector>
 
 #include "sf/net/net.h"
+#include "sf/net/shutdown.h"
 #include "sf/runtime.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sflib.h"
 #include "sf/work/msgq.h"

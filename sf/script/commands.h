@@ -31,9 +31,9 @@ int sfi_cmd_sfThreadId(int argc, const char** argv);
 int sfi_cmd_status(int argc, const char** argv);
 
 // Runtime commands (runtimecommands.cpp).
-int sfi_cmdDump(int argc, const char** argv);
-int sfi_cmdEvent(int argc, const char** argv);
-int sfi_cmdLog(int argc, const char** argv);
+int sfi_cmd_sf_dump(int argc, const char** argv);
+int sfi_cmd_sf_event(int argc, const char** argv);
+int sfi_cmd_sf_log(int argc, const char** argv);
 
 // Network commands (netcommands.cpp, handover.cpp).
 int sfi_cmd_bind(int argc, const char** argv);

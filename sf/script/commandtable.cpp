@@ -8,6 +8,7 @@
 
 #include "sf/base/log.h"
 #include "sf/script/commands.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 
 namespace sf {
@@ -31,10 +32,10 @@ const Command kCommands[] = {
     {"sfload", sfi_cmd_sfload},
     {"sf_quiesce", sfi_cmd_sf_quiesce},
     {"sf_ping", sfi_cmd_sf_ping},
-    {"sf_dump", sfi_cmdDump},
+    {"sf_dump", sfi_cmd_sf_dump},
     {"sfThreadId", sfi_cmd_sfThreadId},
-    {"sf_event", sfi_cmdEvent},
-    {"sf_log", sfi_cmdLog},
+    {"sf_event", sfi_cmd_sf_event},
+    {"sf_log", sfi_cmd_sf_log},
     {"status", sfi_cmd_status},
     // Beyond the fixed seventeen: raw TCP services and process hand-over.
     {"tcpReader", sfi_cmd_tcpReader},

@@ -8,8 +8,10 @@
 
 #include "sf/base/locks.h"
 #include "sf/base/log.h"
+#include "sf/net/shutdown.h"
 #include "sf/runtime.h"
 #include "sf/script/commands.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
 #include "sf/sflib.h"

@@ -12,6 +12,7 @@
 #include "sf/net/handover.h"
 #include "sf/net/net.h"
 #include "sf/net/reader.h"
+#include "sf/net/shutdown.h"
 #include "sf/platform/pipe.h"
 #include "sf/runtime.h"
 #include "sf/script/commands.h"
@@ -110,7 +111,7 @@ namespace {
 std::atomic<bool> g_quiesced{false};
 }  // namespace
 
-bool sfi_quiescedByScript() {
+bool quiescedByScript() {
   return g_quiesced.load();
 }
 
@@ -122,7 +123,7 @@ void markQuiesced() {
 
 // sf_quiesce: shuts the library down. Inside an evaluation (the usual case)
 // the readers and queues are waited for by a thread of shutdown's own, so
-// the result comes at once; sfi_quiescedByScript() turns true at the end.
+// the result comes at once; quiescedByScript() turns true at the end.
 int sfi_cmd_sf_quiesce(int, const char**) {
   sfi_shutdown(markQuiesced);
   setRes("OK");

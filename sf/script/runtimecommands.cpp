@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "sf/base/dumpfile.h"
 #include "sf/base/events.h"
 #include "sf/base/log.h"
 #include "sf/runtime.h"
@@ -10,13 +11,13 @@
 namespace sf {
 
 // sf_dump: writes the dump file with the reason "dump requested".
-int sfi_cmdDump(int, const char**) {
+int sfi_cmd_sf_dump(int, const char**) {
   sfi_writeDump("dump requested");
   return 0;
 }
 
 // sf_event id ?arg ...?: reports id with each argument as "{ " arg " } ".
-int sfi_cmdEvent(int argc, const char** argv) {
+int sfi_cmd_sf_event(int argc, const char** argv) {
   if (argc < 2) return -1;
   std::string text;
   for (int i = 2; i < argc; ++i) text.append("{ ").append(argv[i]).append(" } ");
@@ -26,7 +27,7 @@ int sfi_cmdEvent(int argc, const char** argv) {
 }
 
 // sf_log level text: logs text at the decimal level, code 0, no source place.
-int sfi_cmdLog(int argc, const char** argv) {
+int sfi_cmd_sf_log(int argc, const char** argv) {
   if (argc != 3) return -1;
   sfi_log(atoi(argv[1]), 0, argv[2], nullptr, 0, 0);
   return 0;

@@ -56,39 +56,9 @@ void setVarStr(const char* name, const char* v);
 // Appends the elements of a Tcl list to out; throws Xtcl when malformed.
 void tclsplit(const char* list, std::list<std::string>& out);
 
-// --- internal entry points, used by the library's own modules ---
-
-// Creates the interpreter and its lock (once; later calls do nothing).
-void sfi_tclCreate();
-// Runs Tcl_Init (the interpreter's library scripts); false on failure.
-bool sfi_tclInitLibrary();
-// True once the interpreter exists.
-bool sfi_tclReady();
-// The Tcl lock. Valid after sfi_tclCreate().
-Mx& sfi_tclLock();
-// True when the calling thread holds the Tcl lock, as every script command
-// does. Such a thread must not wait for threads that may need the
-// interpreter: they would wait for it in turn.
-bool sfi_tclHeldByCaller();
-// Releases what the interpreter keeps for the calling thread (allocator
-// caches, thread-specific data). Call it last in a thread that used the
-// bridge and is about to end; the thread must not use the bridge afterwards.
-void sfi_tclThreadDone();
-// Evaluates without logging anything; throws the C string "tcl" on error.
-std::string sfi_quietEval(const char* script);
-// A flag that is true while the interpreter's command name is still the
-// library command proc: a script that renames, deletes or redefines the
-// command turns it false for good. Read without any lock; the flag lives for
-// the process, one per name.
-const std::atomic<bool>& sfi_builtInFlag(const char* name, TclProc proc);
-// Keeps cell equal to the integer global variable name (dflt while unset)
-// from now on, so hot paths read it without the Tcl lock. Throws Xtcl when
-// the current value is not an integer; a later non-integer value fails the
-// script that sets it and leaves cell as it was. Once per name and cell.
-void sfi_traceVarInt(const char* name, int dflt, std::atomic<int>& cell);
-// Directories searched by evalFile.
-void sfi_setDirectories(const std::string& datadir, const std::string& rootdir);
-const std::string& sfi_dataDir();
-const std::string& sfi_rootDir();
+// The site's data and root directories (the -datdir and -rootdir options, or
+// their defaults), where evalFile looks for scripts.
+const std::string& dataDir();
+const std::string& rootDir();
 
 }  // namespace sf

@@ -18,6 +18,7 @@
 #include "sf/base/locks.h"
 #include "sf/platform/fs.h"
 #include "sf/platform/thread.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
 
@@ -182,10 +183,10 @@ void sfi_setDirectories(const std::string& datadir, const std::string& rootdir) 
   g_rootDir = rootdir;
 }
 
-const std::string& sfi_dataDir() {
+const std::string& dataDir() {
   return g_dataDir;
 }
-const std::string& sfi_rootDir() {
+const std::string& rootDir() {
   return g_rootDir;
 }
 

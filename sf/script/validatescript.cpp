@@ -7,6 +7,7 @@
 #include <string>
 
 #include "sf/script/commands.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
 #include "sf/sflib.h"

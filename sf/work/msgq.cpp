@@ -14,13 +14,31 @@
 #include "sf/base/log.h"
 #include "sf/platform/sync.h"
 #include "sf/runtime.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
 #include "sf/work/message.h"
+#include "sf/work/queuefull.h"
 #include "sf/work/wakeupbatch.h"
 #include "sf/work/worker.h"
 
 namespace sf {
+
+namespace {
+// Set when a queue refuses this thread's message for lack of room; a reader
+// takes it to answer the client with an overload reply.
+thread_local bool t_queueFull = false;
+}  // namespace
+
+void sfi_noteQueueFull() {
+  t_queueFull = true;
+}
+
+bool sfi_takeQueueFull() {
+  bool full = t_queueFull;
+  t_queueFull = false;
+  return full;
+}
 
 struct QueueState {
   std::string name;

@@ -28,9 +28,9 @@ class MessageQ {
   // 1, Xsys when the system cannot make its mutex or semaphore. Not
   // registered: use mkQ for a named, findable queue.
   MessageQ(int capacity, const char* name);
-  // Copies are handles to the same queue; only one of them may be destroyed.
-  MessageQ(const MessageQ&) = default;
-  MessageQ& operator=(const MessageQ&) = default;
+  // One owner per queue: a copy would destroy it twice.
+  MessageQ(const MessageQ&) = delete;
+  MessageQ& operator=(const MessageQ&) = delete;
   ~MessageQ();
 
   // Appends msg and returns 0. Throws Xstate, without touching msg, when the

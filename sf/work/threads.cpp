@@ -4,6 +4,7 @@
 
 #include "sf/base/log.h"
 #include "sf/platform/thread.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/work/worker.h"
 

@@ -12,6 +12,7 @@
 #include "sf/base/locks.h"
 #include "sf/base/log.h"
 #include "sf/platform/clock.h"
+#include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
 #include "sf/sflib.h"

@@ -16,6 +16,7 @@
 #include "sf/http/httpadaptor.h"
 #include "sf/net/net.h"
 #include "sf/platform/socket.h"
+#include "sf/script/interp.h"
 #include "sf/sflib.h"
 #include "sf/work/message.h"
 

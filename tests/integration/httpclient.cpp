@@ -9,6 +9,7 @@
 #include <string>
 
 #include "sf/http/httpadaptor.h"
+#include "sf/script/interp.h"
 #include "sf/sflib.h"
 
 namespace {

@@ -5,7 +5,9 @@
 #include <random>
 #include <sstream>
 
+#include "sf/base/logcontrol.h"
 #include "sf/script/commands.h"
+#include "sf/script/interp.h"
 #include "sf/sflib.h"
 
 #ifdef _WIN32

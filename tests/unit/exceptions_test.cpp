@@ -4,6 +4,7 @@
 #include <string>
 #include <type_traits>
 
+#include "sf/base/logcontrol.h"
 #include "sf/platform/syserr.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"

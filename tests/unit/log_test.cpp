@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "sf/base/logcontrol.h"
 #include "sf/base/logfile.h"
 #include "sf/platform/clock.h"
 #include "sf/platform/syserr.h"

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "sf/platform/events.h"
+#include "sf/script/interp.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
 

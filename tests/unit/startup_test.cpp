@@ -14,6 +14,7 @@
 #include "sf/platform/signals.h"
 #include "sf/platform/thread.h"
 #include "sf/script/commands.h"
+#include "sf/script/interp.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
 
@@ -83,7 +84,7 @@ TEST_F(Startup, OptionsAreTakenOutOfArgvAndWinOverTheEnvironment) {
     check(left == std::vector<std::string>{"host", "-x", "a.tcl"}, "host -x a.tcl kept");
     check(sf::getVarStr("which", "") == "option", "config.tcl of -rootdir");
     check(sf::getVarStr("sf.rootdir", "") == r, "sf.rootdir from -rootdir");
-    check(sf::sfi_dataDir() == "/d" && sf::getVarStr("sf.datdir", "") == "/d", "datdir /d");
+    check(sf::dataDir() == "/d" && sf::getVarStr("sf.datdir", "") == "/d", "datdir /d");
     check(sf::g_logLevel.load() == 4, "-d sets the level");
   });
   // An option without its value is dropped; the directories come from the

@@ -14,6 +14,7 @@
 #include <map>
 #include <thread>
 
+#include "sf/base/statsattach.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
 

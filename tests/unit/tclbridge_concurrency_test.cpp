@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "sf/base/logcontrol.h"
+#include "sf/script/interp.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
 

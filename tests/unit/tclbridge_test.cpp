@@ -6,6 +6,7 @@
 #include <list>
 #include <string>
 
+#include "sf/script/interp.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
 
