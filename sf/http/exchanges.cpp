@@ -3,7 +3,7 @@
 
 #include <ctime>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/net/net.h"
 #include "sf/platform/thread.h"
 #include "sf/sflib.h"

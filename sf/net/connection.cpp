@@ -6,7 +6,7 @@
 #include <ctime>
 #include <map>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/net/adaptor.h"
 #include "sf/net/net.h"
 #include "sf/platform/clock.h"

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/net/net.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"

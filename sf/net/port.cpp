@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/net/net.h"
 #include "sf/platform/syserr.h"
 #include "sf/script/tcl.h"

@@ -8,6 +8,7 @@
 // header block must be complete, and its body must progress, within the
 // connection's read time-out.
 #include "sf/net/readerloop.h"
+#include "sf/base/eventreport.h"
 #include "sf/work/tickclock.h"
 #include "sf/work/wakeupbatch.h"
 
