@@ -35,7 +35,7 @@ const char kUsage[] =
     "options:\n"
     "  --max-length N   largest item length accepted (below 1: no limit;\n"
     "                   default 65535, key proxy.*.maxlength)\n"
-    "  --max-depth N    deepest nesting accepted, 1 to 2000 (default 1024, key\n"
+    "  --max-depth N    deepest nesting accepted, 1 or more (default 1024, key\n"
     "                   sf.ber.maxdepth)\n"
     "  -h, --help       print this help\n"
     "\n"
@@ -219,11 +219,10 @@ std::string render(SfBerComponent& comp, int ident, const unsigned char* content
   }
 }
 
-void dumpItems(SfBerComponent& comp, int depth);
-
-// Prints the item under comp's cursor and, for a constructed one, its items.
-// Returns true when the item is cut short: the last of its level.
-bool dumpItem(SfBerComponent& comp, int depth) {
+// Prints the item under comp's cursor. Returns true when the item is cut
+// short (the last of its level); *inner receives a component over the
+// content of a constructed item whose items are to be printed next.
+bool dumpItem(SfBerComponent& comp, int depth, std::vector<SfBerComponent>* inner) {
   const unsigned offset = comp.GetItemOffset();
   unsigned pos;
   size_t len;
@@ -262,23 +261,49 @@ bool dumpItem(SfBerComponent& comp, int depth) {
            "");
     return truncated;
   }
-  SfBerComponent inner(comp.GetPDU(), pos, len);
-  inner.CopySettings(comp);
-  dumpItems(inner, depth + 1);
+  inner->emplace_back(comp.GetPDU(), pos, len);
+  inner->back().CopySettings(comp);
   return truncated;
 }
 
-// Prints the items of comp. On data that breaks the rules (the dump of an
-// invalid file) a level stops at the first item that cannot be read.
-void dumpItems(SfBerComponent& comp, int depth) {
-  try {
-    if (comp.GetLength() == 0) return;
-    comp.FirstItem();
-    do {
-      if (dumpItem(comp, depth)) return;
-    } while (comp.NextItem(1) != 0);
-  } catch (const sf::Xber& x) {
-    printf("%7s %3s %6s  %*s<stops: %s>\n", "", "", "", 2 * depth, "", errorName(x.GetError()));
+// Prints the items of comp, and of everything they contain, at depth and
+// below. The levels being printed are kept in a vector rather than on the
+// stack, so any depth limit is safe. On data that breaks the rules (the
+// dump of an invalid file) a level stops at the first item that cannot be
+// read, and its enclosing level goes on.
+void dumpItems(const SfBerComponent& comp, int depth) {
+  struct Level {
+    SfBerComponent comp;
+    bool started;  // its first item has been printed
+    bool ended;    // its last item was cut short
+  };
+  std::vector<Level> levels{{comp, false, false}};
+  std::vector<SfBerComponent> inner;
+  while (!levels.empty()) {
+    Level& level = levels.back();
+    const int d = depth + static_cast<int>(levels.size()) - 1;
+    try {
+      if (!level.started) {
+        level.started = true;
+        if (level.comp.GetLength() == 0) {
+          levels.pop_back();
+          continue;
+        }
+        level.comp.FirstItem();
+      } else if (level.ended || level.comp.NextItem(1) == 0) {
+        levels.pop_back();
+        continue;
+      }
+      level.ended = dumpItem(level.comp, d, &inner);
+    } catch (const sf::Xber& x) {
+      printf("%7s %3s %6s  %*s<stops: %s>\n", "", "", "", 2 * d, "", errorName(x.GetError()));
+      levels.pop_back();
+      continue;
+    }
+    if (!inner.empty()) {
+      levels.push_back({inner.back(), false, false});
+      inner.clear();
+    }
   }
 }
 
@@ -392,7 +417,9 @@ int dump(const char* name, const char* path, const Options& opt) {
       cur = inner;
       p = end + 1;
     }
-    dumpItem(cur, 0);
+    std::vector<SfBerComponent> inner;
+    dumpItem(cur, 0, &inner);
+    if (!inner.empty()) dumpItems(inner.back(), 1);
     return 0;
   } catch (const sf::Xber& x) {
     fprintf(stderr, "sfber: %s: %s\n", name,
@@ -428,10 +455,8 @@ int main(int argc, char** argv) {
         fprintf(stderr, "sfber: %s needs an integer\n%s", a.c_str(), kUsage);
         return 2;
       }
-      if (target == &opt.maxDepth &&
-          (opt.maxDepth < 1 || opt.maxDepth > SfBerComponent::kMaxNesting)) {
-        fprintf(stderr, "sfber: --max-depth is \"%s\"; allowed: 1 to %d\n", argv[i + 1],
-                SfBerComponent::kMaxNesting);
+      if (target == &opt.maxDepth && opt.maxDepth < 1) {
+        fprintf(stderr, "sfber: --max-depth is \"%s\"; allowed: 1 or more\n", argv[i + 1]);
         return 2;
       }
       (a == "--max-length" ? opt.haveMaxLength : opt.haveMaxDepth) = true;

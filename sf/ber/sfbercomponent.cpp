@@ -1,6 +1,7 @@
 // sfber::SfBerComponent: validation, navigation and accessors.
 #include "sf/ber/sfbercomponent.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -186,7 +187,7 @@ void SfBerComponent::ClearSettings() {
   depth = 0;
   const Settings& s = processSettings();
   maxLength = s.maxLength;
-  SetMaxDepth(s.maxDepth);
+  maxDepth = s.maxDepth;
   logErrorLevel = s.logErrorLevel;
   logInfoLevel = s.logInfoLevel;
 }
@@ -234,6 +235,327 @@ size_t SfBerComponent::GetValueLength(unsigned* pos) const {
 }
 
 // ---------------------------------------------------------------------------
+// The universal types
+
+namespace {
+
+// What an item of a universal type must be. The form rule applies to every
+// item; the size and content rules to primitive items only (a constructed
+// one is then checked as a construction of primitive parts). The size rule
+// sees the length as read, all ones for the indefinite form; the content
+// rule is not applied to an indefinite item, which the walk refuses.
+// A form is the set of forms it allows: bit 0 primitive, bit 1 constructed.
+enum class Form : unsigned char { Never = 0, Primitive = 1, Constructed = 2, Any = 3 };
+enum class Size : unsigned char { Any, Zero, One, NotZero };
+enum class Content : unsigned char { Any, BitString, ObjectIdent, Numeric, Printable, Teletex };
+
+// The values a failure line is formatted with, in this order.
+enum class Args : unsigned char {
+  OffsetLengthIdentifier,  // content offset, length, identifier octet
+  OffsetIdentifier,        // content offset, identifier octet
+  Offset,                  // content offset
+  OctetOffset,             // the offending octet's value and offset
+};
+
+// A rejection's log line, written at the component's error level.
+struct Failure {
+  const char* format = nullptr;
+  Args args = Args::OffsetLengthIdentifier;
+};
+
+struct UniversalType {
+  const char* checker = nullptr;  // the name its trace line carries
+  Form form = Form::Any;
+  Failure formFailure{};
+  Size size = Size::Any;
+  Failure sizeFailure{};
+  Content content = Content::Any;
+  // BitString: more than 7 unused bits; unused bits in a one-octet string.
+  // ObjectIdent: a padded subidentifier; a truncated last one.
+  // Numeric, Printable, Teletex: an octet outside the character set.
+  Failure contentFailures[2]{};
+};
+
+// The tail of most rejection lines.
+#define BER_WHERE " - offset %d, dataLen %zd, identifier %d"
+
+// One row per universal tag number: the checker its trace line names, then
+// each rule with the line its failure logs. (31 announces a multi-octet tag,
+// which the tag reader refuses before any row is read.)
+// clang-format off
+constexpr UniversalType kInteger{"IsValidInt",
+    Form::Primitive, {"IsValidInt is constructed, returning false" BER_WHERE},
+    Size::NotZero, {"IsValidInt found integer/enum using zero bytes, returning false" BER_WHERE}};
+constexpr UniversalType kPrimitive{"IsValidPrimativeType",
+    Form::Primitive, {"IsValidPrimativeType found constructed type, returning false" BER_WHERE}};
+constexpr UniversalType kAccept{"IsValidAcceptType"};
+constexpr Args kOctet = Args::OctetOffset;
+
+constexpr UniversalType kUniversal[31] = {
+    // 0 END-OF-CONTENTS ends an indefinite length, which is never accepted.
+    {nullptr, Form::Never},
+    {"IsValidInt",  // 1 BOOLEAN
+     Form::Primitive, kInteger.formFailure,
+     Size::One, {"IsValidInt found bool not using one byte, returning false" BER_WHERE}},
+    kInteger,  // 2 INTEGER
+    {"IsValidBitString",  // 3 BIT STRING: its first octet counts the unused bits of the last
+     Form::Any, {},
+     Size::NotZero, {"bit string primitively encoded with a zero length found at offset %d",
+                     Args::Offset},
+     Content::BitString,
+     {{"bit string found with more than 7 extra bits (%d) at offset %d", kOctet},
+      {"bit string found with a length of 1 and extra bits (%d) at offset %d", kOctet}}},
+    {"IsValidOctetString"},  // 4 OCTET STRING
+    {"IsValidNull",  // 5 NULL
+     Form::Primitive, {"IsValidNull found constructed null, returning false" BER_WHERE},
+     Size::Zero, {"IsValidNull has non-zero datalen, returning false" BER_WHERE}},
+    {"IsValidObjectIdent",  // 6 OBJECT IDENTIFIER
+     Form::Primitive, {"IsValidObjectIdent found constructed oid, returning false" BER_WHERE},
+     Size::NotZero, {"IsValidObjectIdent found an empty oid, returning false" BER_WHERE},
+     Content::ObjectIdent,
+     {{"IsValidObjectIdent found a padded subidentifier, returning false" BER_WHERE},
+      {"IsValidObjectIdent found a truncated subidentifier, returning false" BER_WHERE}}},
+    kAccept,  // 7 ObjectDescriptor
+    {"IsValidConstructedType",  // 8 EXTERNAL
+     Form::Constructed, {"IsValidConstructedType called at offset %d on identifier %d - not "
+                         "constructed, returning false", Args::OffsetIdentifier}},
+    kPrimitive,  // 9 REAL
+    kInteger,    // 10 ENUMERATED
+    kAccept,     // 11 EMBEDDED PDV
+    kAccept,     // 12 UTF8String
+    kPrimitive,  // 13 RELATIVE-OID
+    kAccept,     // 14 TIME
+    kAccept,     // 15
+    {"IsValidSequence",  // 16 SEQUENCE
+     Form::Constructed, {"IsValidSequence found non constructed seq, returning false" BER_WHERE}},
+    {"IsValidSet",  // 17 SET
+     Form::Constructed, {"IsValidSet found non constructed set, returning false" BER_WHERE}},
+    {"IsValidNumericString", Form::Any, {}, Size::Any, {},  // 18 NumericString
+     Content::Numeric, {{"IsValidNumericString found invalid character (%d) at offset %d, "
+                         "returning false", kOctet}}},
+    {"IsValidPrintString", Form::Any, {}, Size::Any, {},  // 19 PrintableString
+     Content::Printable, {{"IsValidPrintString found invalid character (%d) at offset %d, "
+                           "returning false", kOctet}}},
+    {"IsValidT61String", Form::Any, {}, Size::Any, {},  // 20 TeletexString (T61String)
+     Content::Teletex, {{"IsValidT61String found invalid character (%d) at offset %d, "
+                         "returning false", kOctet}}},
+    kAccept,               // 21 VideotexString
+    {"IsValidIA5String"},  // 22 IA5String
+    {"IsValidUTCTime"},    // 23 UTCTime
+    kAccept, kAccept, kAccept, kAccept, kAccept, kAccept, kAccept,  // 24 to 30
+};
+// clang-format on
+
+#undef BER_WHERE
+
+// True when format's conversions are exactly want's ("d zd d "), so that no
+// row's line can read a value that is not passed.
+constexpr bool conversionsAre(const char* format, const char* want) {
+  for (const char* f = format; *f != '\0'; ++f) {
+    if (*f != '%') continue;
+    for (++f;; ++f, ++want) {
+      if (*f != *want || *f == '\0') return false;
+      if (*f == 'd') break;  // the one conversion the rows use
+    }
+    if (*++want != ' ') return false;
+    ++want;
+  }
+  return *want == '\0';
+}
+
+constexpr bool formatFits(const Failure& f) {
+  constexpr const char* kWant[] = {"d zd d ", "d d ", "d ", "d d "};
+  return f.format == nullptr || conversionsAre(f.format, kWant[static_cast<int>(f.args)]);
+}
+
+constexpr bool everyFormatFits() {
+  for (const UniversalType& t : kUniversal) {
+    if (!formatFits(t.formFailure) || !formatFits(t.sizeFailure) ||
+        !formatFits(t.contentFailures[0]) || !formatFits(t.contentFailures[1]))
+      return false;
+  }
+  return true;
+}
+static_assert(everyFormatFits(), "a failure line of the type table takes other values");
+
+constexpr bool inSet(const char* set, int c) {
+  for (; *set != '\0'; ++set)
+    if (*set == c) return true;
+  return false;
+}
+
+// 256-entry character sets of the restricted string types.
+struct CharacterSets {
+  bool numeric[256] = {};
+  bool printable[256] = {};
+  bool teletex[256] = {};
+  constexpr CharacterSets() {
+    for (int c = 0; c < 256; ++c) {
+      numeric[c] = (c >= '0' && c <= '9') || c == ' ';
+      printable[c] = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                     inSet(" '()+,-./:=?", c);
+      // Teletex: the graphic characters of both halves, and the control
+      // functions a teletex text may carry (backspace, line and form feed,
+      // carriage return, shifts, substitute, escape sequences that switch
+      // the character set, partial line up/down, control sequence
+      // introducer). Other control octets, NUL and DEL are refused.
+      teletex[c] = (c >= 0x20 && c <= 0x7E) || c >= 0xA0 || c == 0x08 || c == 0x0A || c == 0x0C ||
+                   c == 0x0D || c == 0x0E || c == 0x0F || c == 0x19 || c == 0x1A || c == 0x1B ||
+                   c == 0x1D || c == 0x8B || c == 0x8C || c == 0x9B;
+    }
+  }
+};
+constexpr CharacterSets kCharacterSets;
+
+inline bool formFits(Form rule, bool constructed) {
+  return (static_cast<unsigned>(rule) >> (constructed ? 1 : 0)) & 1;
+}
+
+inline bool sizeFits(Size rule, size_t len) {
+  switch (rule) {
+    case Size::Any:
+      return true;
+    case Size::Zero:
+      return len == 0;
+    case Size::One:
+      return len == 1;
+    case Size::NotZero:
+      return len != 0;
+  }
+  return false;
+}
+
+// Writes a row's failure line (none for a row without one); returns false.
+__attribute__((noinline, cold)) bool rejects(const Failure& f, int level, unsigned offset,
+                                             size_t len, int ident, int octet) {
+  if (!f.format) return false;
+  const int at = static_cast<int>(offset);
+  switch (f.args) {
+    case Args::OffsetLengthIdentifier:
+      BER_LOG(level, f.format, at, len, ident);
+      break;
+    case Args::OffsetIdentifier:
+      BER_LOG(level, f.format, at, ident);
+      break;
+    case Args::Offset:
+      BER_LOG(level, f.format, at);
+      break;
+    case Args::OctetOffset:
+      BER_LOG(level, f.format, octet, at);
+      break;
+  }
+  return false;
+}
+
+// Applies a row's content rule to the len octets at content (at least one
+// where the row's size rule says so).
+__attribute__((noinline)) bool contentFits(const UniversalType& t, const unsigned char* data,
+                                           unsigned content, size_t len, int ident,
+                                           int errorLevel) {
+  const unsigned char* const p = data + content;
+  const bool* set = nullptr;
+  switch (t.content) {
+    case Content::Any:
+      return true;
+    case Content::BitString:
+      if (p[0] > 7) return rejects(t.contentFailures[0], errorLevel, content, len, ident, p[0]);
+      if (len == 1 && p[0] != 0)
+        return rejects(t.contentFailures[1], errorLevel, content, len, ident, p[0]);
+      return true;
+    case Content::ObjectIdent: {
+      // Each subidentifier in its shortest form (never starting with 0x80),
+      // the last octet ending one (bit 8 clear).
+      bool atStart = true;
+      for (size_t i = 0; i < len; ++i) {
+        if (atStart && p[i] == 0x80)
+          return rejects(t.contentFailures[0], errorLevel, content, len, ident, 0);
+        atStart = (p[i] & 0x80) == 0;
+      }
+      return atStart || rejects(t.contentFailures[1], errorLevel, content, len, ident, 0);
+    }
+    case Content::Numeric:
+      set = kCharacterSets.numeric;
+      break;
+    case Content::Printable:
+      set = kCharacterSets.printable;
+      break;
+    case Content::Teletex:
+      set = kCharacterSets.teletex;
+      break;
+  }
+  for (size_t i = 0; i < len; ++i) {
+    if (!set[p[i]]) {
+      return rejects(t.contentFailures[0], errorLevel, content + static_cast<unsigned>(i), len,
+                     ident, p[i]);
+    }
+  }
+  return true;
+}
+
+// Checks an item against the row of its universal type: ident is its
+// identifier octet, content where its content starts, len its length as
+// read. Writes the row's trace line (when tracing) and the failure; true
+// when the row accepts the item.
+inline bool acceptsItem(const UniversalType& t, int ident, const unsigned char* data,
+                        unsigned content, size_t len, int errorLevel, int infoLevel, bool tracing) {
+  if (tracing && t.checker) {
+    BER_LOG(infoLevel, "%s - offset %d, dataLen %zd, identifier %d", t.checker,
+            static_cast<int>(content), len, ident);
+  }
+  const bool constructed = (ident & 0x20) != 0;
+  if (!formFits(t.form, constructed))
+    return rejects(t.formFailure, errorLevel, content, len, ident, 0);
+  if (constructed) return true;  // its parts are checked as a construction
+  if (!sizeFits(t.size, len)) return rejects(t.sizeFailure, errorLevel, content, len, ident, 0);
+  if (t.content == Content::Any || negativeLength(len)) return true;
+  return contentFits(t, data, content, len, ident, errorLevel);
+}
+
+[[noreturn]] __attribute__((noinline, cold)) void tooDeep(int errorLevel, int maxDepth, int depth) {
+  BER_LOG(errorLevel, ": HINT: increase sf.ber.maxdepth(%d) to greater than (%d). IsValidStructure",
+          maxDepth, depth);
+  SF_THROW("IsValidStructure", Xber(Ber::TOO_DEEP));
+}
+
+// Items a construction accepts: any, or only those with one identifier.
+constexpr int kAnyItem = -1;
+
+// A construction being checked: where it ends (all ones for the indefinite
+// form) and which items it accepts.
+struct Construction {
+  size_t end;
+  int accepts;
+};
+
+// The constructions open round the innermost one. Usual data nests a few
+// levels, held here without allocating; deeper data spills to the heap,
+// bounded by the depth limit and by the data itself (every level takes two
+// octets at least).
+class EnclosingConstructions {
+ public:
+  void push(const Construction& c) {
+    if (count_ == capacity_) grow();
+    levels_[count_++] = c;
+  }
+  Construction pop() { return levels_[--count_]; }
+
+ private:
+  __attribute__((noinline)) void grow() {
+    spill_.resize(2 * capacity_);
+    if (levels_ == inline_) std::copy(inline_, inline_ + count_, spill_.begin());
+    levels_ = spill_.data();
+    capacity_ = spill_.size();
+  }
+  Construction inline_[16];
+  std::vector<Construction> spill_;
+  Construction* levels_ = inline_;
+  size_t count_ = 0;
+  size_t capacity_ = 16;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
 // Validation
 
 void SfBerComponent::ValidateStructure() {
@@ -251,424 +573,111 @@ void SfBerComponent::ValidateStructure() {
   itemIndex = 1;
 }
 
+// One loop over every item at every level, with the open constructions on
+// an explicit stack: no input, however deep, can exhaust the thread's stack,
+// and the depth limit is the configured one alone.
 bool SfBerComponent::IsValidStructure(unsigned* pos, size_t dataLen, int identifier) {
-  ++depth;
-  if (depth > maxDepth) {
-    if (maxDepth < kMaxNesting)
-      BER_LOG(logErrorLevel,
-              ": HINT: increase sf.ber.maxdepth(%d) to greater than (%d). IsValidStructure",
-              maxDepth, depth);
-    else
-      BER_LOG(logErrorLevel, ": nesting deeper than %d levels is never accepted. IsValidStructure",
-              kMaxNesting);
-    SF_THROW("IsValidStructure", Xber(Ber::TOO_DEEP));
-  }
-  bool ok;
-  try {
-    ok = IsValidStructure_internal(pos, dataLen, identifier);
-  } catch (...) {
-    // The depth is left raised: AssignPDU and ClearSettings reset it.
-    BER_LOG(3, "IsValidStructure: caught unexpected exception");
-    throw;
-  }
-  --depth;
-  return ok;
-}
-
-// Universal identifiers whose checker accepts every item: primitive content
-// skipped, constructed content left to the construction check. Kept in step
-// with CheckUniversalType.
-static const struct AcceptOnly {
-  bool table[256];
-  constexpr AcceptOnly() : table() {
-    for (int tagNo : {4, 7, 11, 12, 14, 15, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30}) {
-      table[tagNo] = true;
-      table[tagNo | 0x20] = true;
-    }
-    table[0x30] = true;  // SEQUENCE and SET: constructed only
-    table[0x31] = true;
-  }
-  bool operator[](int ident) const { return table[ident]; }
-} kAcceptOnly;
-
-bool SfBerComponent::IsValidStructure_internal(unsigned* pos, size_t dataLen, int identifier) {
-  if (dataLen < 2) return false;
-  const unsigned pos0 = *pos;
-  unsigned cur = pos0;
   const unsigned char* const data = dataOf(pdu);
   const size_t limit = limitOf(pdu, start, length);
-  const bool acceptAny = identifier == 256 || identifier == 16 || identifier == 17;
   const int errorLevel = logErrorLevel;
+  const int infoLevel = logInfoLevel;
+  const bool tracing = sf::sfi_on(infoLevel);
   const int maxLen = maxLength;
-  // With tracing off, the types whose checker only accepts (and skips a
-  // primitive item's content) are handled here without the call.
-  const bool tracing = sf::sfi_on(logInfoLevel);
-  for (;;) {
-    if (static_cast<size_t>(cur - pos0) + 2 > dataLen) BER_FAIL("insufdat", INSUFFICENT_DATA);
-    errorOffset = cur;
-    const int ident = tagAt(data, limit, &cur, errorLevel);
-    const size_t len = lengthAt(data, limit, &cur, maxLen);
-    // For a negative length this sum wraps below dataLen: the content check
-    // of an indefinite constructed item then runs until it meets the
-    // end-of-contents item, which ends it with false.
-    if (static_cast<size_t>(cur - pos0) + len > dataLen) BER_FAIL("insufdat", INSUFFICENT_DATA);
-    const bool negative = negativeLength(len);
-    // Content must also lie inside what may be read, whatever the enclosing
-    // (possibly indefinite) length claimed.
-    if (!negative && len > limit - cur) BER_FAIL("insufdat", INSUFFICENT_DATA);
+  Construction inner{0, kAnyItem};  // the innermost open construction
+  EnclosingConstructions enclosing;
+  int open = 0;  // constructions open: inner and those enclosing it
 
-    if (!acceptAny && ident != identifier) {
-      if (ident == 0) {
-        unsigned after = cur;
-        IsValidNull(&after, len, ident);
-        *pos = after;
-      } else {
-        *pos = cur;
+  // Opens a construction of len octets at `at` one level deeper; false when
+  // it is too short to hold an item.
+  auto enter = [&](unsigned at, size_t len, int accepts) {
+    if (++depth > maxDepth) tooDeep(errorLevel, maxDepth, depth);
+    if (len < 2) {
+      --depth;
+      return false;
+    }
+    if (open++ > 0) enclosing.push(inner);
+    inner.end = len > SIZE_MAX - at ? SIZE_MAX : at + len;
+    inner.accepts = accepts == 256 || accepts == 16 || accepts == 17 ? kAnyItem : accepts;
+    return true;
+  };
+  // A refused item fails every open construction.
+  auto refuse = [&](unsigned at) {
+    depth -= open;
+    *pos = at;
+    return false;
+  };
+
+  unsigned cur = *pos;
+  try {
+    if (!enter(cur, dataLen, identifier)) return false;
+    for (;;) {
+      if (static_cast<size_t>(cur) + 2 > inner.end) BER_FAIL("insufdat", INSUFFICENT_DATA);
+      errorOffset = cur;
+      const int ident = tagAt(data, limit, &cur, errorLevel);
+      const size_t len = lengthAt(data, limit, &cur, maxLen);
+      // An indefinite length passes here: the check of an indefinite
+      // construction runs until it meets the end-of-contents item, which
+      // fails it, and a primitive one is refused below.
+      const bool negative = negativeLength(len);
+      if (!negative && (cur + len > inner.end || len > limit - cur))
+        BER_FAIL("insufdat", INSUFFICENT_DATA);
+
+      if (inner.accepts != kAnyItem && ident != inner.accepts) {
+        // A part of another type ends a constructed string; end-of-contents
+        // is checked as a NULL on the way.
+        if (ident == 0)
+          acceptsItem(kUniversal[5], ident, data, cur, len, errorLevel, infoLevel, tracing);
+        return refuse(cur);
       }
-      return false;
-    }
-
-    const bool constructed = (ident & 0x20) != 0;
-    const bool universal = (ident & 0xC0) == 0;
-    unsigned content = cur;
-    bool valid = true;
-    if (universal) {
-      const int tagNo = ident & 0x1F;
-      if (!tracing && kAcceptOnly[ident]) {
-        if (!constructed && !negative) content += static_cast<unsigned>(len);
-      } else {
-        valid = tagNo != 0 && CheckUniversalType(tagNo, &content, len, ident);
+      const bool constructed = (ident & 0x20) != 0;
+      const bool universal = (ident & 0xC0) == 0;
+      bool valid = !universal || acceptsItem(kUniversal[ident & 0x1F], ident, data, cur, len,
+                                             errorLevel, infoLevel, tracing);
+      if (constructed && valid && len != 0) {
+        // Into the content. A universal construction holds primitive parts
+        // of its own type (SEQUENCE and SET: any items); others any items.
+        int accepts = 256;
+        if (tracing) {
+          BER_LOG(infoLevel, "IsValidConstruction - offset %d, dataLen %zd, identifier %d",
+                  static_cast<int>(cur), len, ident);
+        }
+        if (universal) {
+          accepts = ident & 0x1F;
+          if (tracing) {
+            BER_LOG(infoLevel,
+                    "IsValidConstruction about to check structure to ensure concat'ed parts are "
+                    "of type %d",
+                    accepts);
+          }
+        }
+        if (!enter(cur, len, accepts)) return refuse(cur);
+        continue;
+      }
+      if (negative) {
+        BER_LOG(errorLevel,
+                "IsValidStructure_internal found a primitve type with indefinite length, "
+                "rejecting.");
+        valid = false;
+      }
+      if (!valid) return refuse(cur);
+      cur += static_cast<unsigned>(len);
+      // Close every construction that ends with this item.
+      while (cur == inner.end) {
+        --depth;
+        if (--open == 0) {
+          *pos = cur;
+          return true;
+        }
+        inner = enclosing.pop();
       }
     }
-    if (constructed && valid && len != 0) {
-      valid = IsValidConstruction(&content, len, ident);
-    } else if (negative) {
-      BER_LOG(logErrorLevel,
-              "IsValidStructure_internal found a primitve type with indefinite length, rejecting.");
-      valid = false;
-    } else if (!constructed && !universal) {
-      content = cur + static_cast<unsigned>(len);
-    }
-    if (valid && len != 0 && content != cur + static_cast<unsigned>(len)) valid = false;
-    if (!valid) {
-      *pos = cur;
-      return false;
-    }
-    cur += static_cast<unsigned>(len);
-    if (static_cast<size_t>(cur) == static_cast<size_t>(pos0) + dataLen) {
-      *pos = cur;
-      return true;
-    }
+  } catch (...) {
+    // Each open construction reports the exception as it passes; the depth
+    // is left raised (AssignPDU and ClearSettings reset it).
+    for (int i = 0; i < open && sf::sfi_on(3); ++i)
+      BER_LOG(3, "IsValidStructure: caught unexpected exception");
+    throw;
   }
-}
-
-bool SfBerComponent::IsValidConstruction(unsigned* pos, size_t dataLen, int identifier) {
-  BER_LOG(logInfoLevel, "IsValidConstruction - offset %d, dataLen %zd, identifier %d",
-          static_cast<int>(*pos), dataLen, identifier);
-  if ((identifier & 0xC0) == 0) {
-    if ((identifier & 0x20) == 0) return false;
-    const int tagNo = identifier & 0x1F;
-    BER_LOG(logInfoLevel,
-            "IsValidConstruction about to check structure to ensure concat'ed parts are of type %d",
-            tagNo);
-    return IsValidStructure(pos, dataLen, tagNo);
-  }
-  return IsValidStructure(pos, dataLen, 256);
-}
-
-// ---------------------------------------------------------------------------
-// The type table
-
-// The checker of each universal tag number (a switch rather than a table of
-// member pointers, so that the checkers inline into the validation loop).
-bool SfBerComponent::CheckUniversalType(int tagNo, unsigned* pos, size_t dataLen, int identifier) {
-  switch (tagNo) {
-    case 0:
-      return IsValidEndOfContents(pos, dataLen, identifier);
-    case 1:   // BOOLEAN
-    case 2:   // INTEGER
-    case 10:  // ENUMERATED
-      return IsValidInt(pos, dataLen, identifier);
-    case 3:
-      return IsValidBitString(pos, dataLen, identifier);
-    case 4:
-      return IsValidOctetString(pos, dataLen, identifier);
-    case 5:
-      return IsValidNull(pos, dataLen, identifier);
-    case 6:
-      return IsValidObjectIdent(pos, dataLen, identifier);
-    case 8:
-      return IsValidConstructedType(pos, dataLen, identifier);  // EXTERNAL
-    case 9:                                                     // REAL
-    case 13:                                                    // RELATIVE-OID
-      return IsValidPrimitiveType(pos, dataLen, identifier);
-    case 16:
-      return IsValidSequence(pos, dataLen, identifier);
-    case 17:
-      return IsValidSet(pos, dataLen, identifier);
-    case 18:
-      return IsValidNumericString(pos, dataLen, identifier);
-    case 19:
-      return IsValidPrintString(pos, dataLen, identifier);
-    case 20:
-      return IsValidT61String(pos, dataLen, identifier);
-    case 22:
-      return IsValidIA5String(pos, dataLen, identifier);
-    case 23:
-      return IsValidUTCTime(pos, dataLen, identifier);
-    default:  // 7, 11, 12, 14, 15, 21, 24 to 30
-      return IsValidAcceptType(pos, dataLen, identifier);
-  }
-}
-
-#define BER_TRACE(name)                                                                          \
-  BER_LOG(logInfoLevel, name " - offset %d, dataLen %zd, identifier %d", static_cast<int>(*pos), \
-          dataLen, identifier)
-#define BER_REJECT(text)                                                                          \
-  BER_LOG(logErrorLevel, text " - offset %d, dataLen %zd, identifier %d", static_cast<int>(*pos), \
-          dataLen, identifier)
-
-// Moves *pos past a primitive item's content.
-#define BER_SKIP_PRIMITIVE()                                                                      \
-  do {                                                                                            \
-    if (!(identifier & 0x20) && !negativeLength(dataLen)) *pos += static_cast<unsigned>(dataLen); \
-  } while (0)
-
-bool SfBerComponent::IsValidEndOfContents(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidEndOfContents");
-  if (identifier & 0x20) {
-    BER_REJECT("IsValidEndOfContents is constructed, returning false");
-    return false;
-  }
-  if (dataLen != 0) {
-    BER_REJECT("IsValidEndOfContents has non zero length, returning false");
-    return false;
-  }
-  return true;
-}
-
-bool SfBerComponent::IsValidInt(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidInt");
-  if (identifier & 0x20) {
-    BER_REJECT("IsValidInt is constructed, returning false");
-    return false;
-  }
-  if ((identifier & 0x1F) == 1) {
-    if (dataLen != 1) {
-      BER_REJECT("IsValidInt found bool not using one byte, returning false");
-      return false;
-    }
-  } else if (dataLen == 0) {
-    BER_REJECT("IsValidInt found integer/enum using zero bytes, returning false");
-    return false;
-  }
-  BER_SKIP_PRIMITIVE();
-  return true;
-}
-
-bool SfBerComponent::IsValidBitString(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidBitString");
-  if (identifier & 0x20) return true;        // the parts are checked as a construction
-  if (negativeLength(dataLen)) return true;  // refused by the caller
-  if (dataLen == 0) {
-    BER_LOG(logErrorLevel, "bit string primitively encoded with a zero length found at offset %d",
-            static_cast<int>(*pos));
-    return false;
-  }
-  const int unused = dataOf(pdu)[*pos];
-  if (unused > 7) {
-    BER_LOG(logErrorLevel, "bit string found with more than 7 extra bits (%d) at offset %d", unused,
-            static_cast<int>(*pos));
-    return false;
-  }
-  if (dataLen == 1 && unused != 0) {
-    BER_LOG(logErrorLevel, "bit string found with a length of 1 and extra bits (%d) at offset %d",
-            unused, static_cast<int>(*pos));
-    return false;
-  }
-  *pos += static_cast<unsigned>(dataLen);
-  return true;
-}
-
-bool SfBerComponent::IsValidOctetString(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidOctetString");
-  BER_SKIP_PRIMITIVE();
-  return true;
-}
-
-bool SfBerComponent::IsValidNull(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidNull");
-  if (identifier & 0x20) {
-    BER_REJECT("IsValidNull found constructed null, returning false");
-    return false;
-  }
-  if (dataLen != 0) {
-    BER_REJECT("IsValidNull has non-zero datalen, returning false");
-    return false;
-  }
-  return true;
-}
-
-// Content rules of an object identifier: at least one octet, each
-// subidentifier in its shortest form (no leading 0x80 octet), and the last
-// octet ending a subidentifier (bit 8 clear).
-bool SfBerComponent::IsValidObjectIdent(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidObjectIdent");
-  if (identifier & 0x20) {
-    BER_REJECT("IsValidObjectIdent found constructed oid, returning false");
-    return false;
-  }
-  if (negativeLength(dataLen)) return true;  // refused by the caller
-  if (dataLen == 0) {
-    BER_REJECT("IsValidObjectIdent found an empty oid, returning false");
-    return false;
-  }
-  const unsigned char* p = dataOf(pdu) + *pos;
-  bool atStart = true;
-  for (size_t i = 0; i < dataLen; ++i) {
-    if (atStart && p[i] == 0x80) {
-      BER_REJECT("IsValidObjectIdent found a padded subidentifier, returning false");
-      return false;
-    }
-    atStart = (p[i] & 0x80) == 0;
-  }
-  if (!atStart) {
-    BER_REJECT("IsValidObjectIdent found a truncated subidentifier, returning false");
-    return false;
-  }
-  *pos += static_cast<unsigned>(dataLen);
-  return true;
-}
-
-bool SfBerComponent::IsValidConstructedType(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidConstructedType");
-  if (!(identifier & 0x20)) {
-    BER_LOG(logErrorLevel,
-            "IsValidConstructedType called at offset %d on identifier %d - not constructed, "
-            "returning false",
-            static_cast<int>(*pos), identifier);
-    return false;
-  }
-  return true;
-}
-
-bool SfBerComponent::IsValidPrimitiveType(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidPrimativeType");
-  if (identifier & 0x20) {
-    BER_REJECT("IsValidPrimativeType found constructed type, returning false");
-    return false;
-  }
-  BER_SKIP_PRIMITIVE();
-  return true;
-}
-
-bool SfBerComponent::IsValidSequence(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidSequence");
-  if (!(identifier & 0x20)) {
-    BER_REJECT("IsValidSequence found non constructed seq, returning false");
-    return false;
-  }
-  return true;
-}
-
-bool SfBerComponent::IsValidSet(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidSet");
-  if (!(identifier & 0x20)) {
-    BER_REJECT("IsValidSet found non constructed set, returning false");
-    return false;
-  }
-  return true;
-}
-
-namespace {
-
-// 256-entry character classes for the restricted string types.
-struct CharClasses {
-  bool numeric[256];
-  bool printable[256];
-  bool teletex[256];
-  CharClasses() {
-    for (int c = 0; c < 256; ++c) {
-      numeric[c] = (c >= '0' && c <= '9') || c == ' ';
-      printable[c] = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                     (c != 0 && std::strchr(" '()+,-./:=?", c) != nullptr);
-      // Teletex: the graphic characters of both halves, and the control
-      // functions a teletex text may carry (backspace, line and form feed,
-      // carriage return, shifts, substitute, escape sequences that switch
-      // the character set, partial line up/down, control sequence
-      // introducer). Other control octets, NUL and DEL are refused.
-      teletex[c] = (c >= 0x20 && c <= 0x7E) || c >= 0xA0 || c == 0x08 || c == 0x0A || c == 0x0C ||
-                   c == 0x0D || c == 0x0E || c == 0x0F || c == 0x19 || c == 0x1A || c == 0x1B ||
-                   c == 0x1D || c == 0x8B || c == 0x8C || c == 0x9B;
-    }
-  }
-};
-
-const CharClasses& charClasses() {
-  static const CharClasses classes;
-  return classes;
-}
-
-// Index of the first octet outside the class, or len when all belong.
-size_t firstOutside(const bool* cls, const unsigned char* p, size_t len) {
-  for (size_t i = 0; i < len; ++i)
-    if (!cls[p[i]]) return i;
-  return len;
-}
-
-}  // namespace
-
-// The three restricted strings scan a primitive item's content; a
-// constructed one is accepted here and its parts checked as a construction.
-#define BER_SCAN_STRING(name, cls)                                                               \
-  do {                                                                                           \
-    if ((identifier & 0x20) || negativeLength(dataLen)) return true;                             \
-    size_t bad = firstOutside(charClasses().cls, dataOf(pdu) + *pos, dataLen);                   \
-    if (bad != dataLen) {                                                                        \
-      BER_LOG(logErrorLevel, name " found invalid character (%d) at offset %d, returning false", \
-              dataOf(pdu)[*pos + bad], static_cast<int>(*pos + bad));                            \
-      return false;                                                                              \
-    }                                                                                            \
-    *pos += static_cast<unsigned>(dataLen);                                                      \
-    return true;                                                                                 \
-  } while (0)
-
-bool SfBerComponent::IsValidNumericString(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidNumericString");
-  BER_SCAN_STRING("IsValidNumericString", numeric);
-}
-
-bool SfBerComponent::IsValidPrintString(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidPrintString");
-  BER_SCAN_STRING("IsValidPrintString", printable);
-}
-
-bool SfBerComponent::IsValidT61String(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidT61String");
-  BER_SCAN_STRING("IsValidT61String", teletex);
-}
-
-bool SfBerComponent::IsValidIA5String(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidIA5String");
-  BER_SKIP_PRIMITIVE();
-  return true;
-}
-
-bool SfBerComponent::IsValidUTCTime(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidUTCTime");
-  BER_SKIP_PRIMITIVE();
-  return true;
-}
-
-bool SfBerComponent::IsValidAcceptType(unsigned* pos, size_t dataLen, int identifier) {
-  BER_TRACE("IsValidAcceptType");
-  BER_SKIP_PRIMITIVE();
-  return true;
-}
-
-bool SfBerComponent::IsValidUnknownType(unsigned* pos, size_t dataLen, int identifier) {
-  BER_REJECT("IsValidUnknownType, returning false");
-  return false;
 }
 
 // ---------------------------------------------------------------------------

@@ -2,9 +2,9 @@
 //
 // A component covers a stretch of an sf::Buffer (start offset and length)
 // holding a sequence of BER items (identifier, length, content). The stretch
-// is validated once, recursively, against the universal types; after that a
-// cursor moves over the top-level items and typed accessors read the item
-// under it. Nested constructed items are read through a new component over
+// is validated once, with everything nested in it, against the universal
+// types; after that a cursor moves over the top-level items and typed
+// accessors read the item under it. Nested constructed items are read through a new component over
 // their content (GetSequence, GetConstructedData, or the three-argument
 // constructor).
 //
@@ -48,12 +48,10 @@ class SfBerComponent {
   void AssignPDU(sf::Buffer* pdu, unsigned start, size_t length);
   // Largest acceptable item length; below 1 means no limit.
   void SetMaxLength(int n) { maxLength = n; }
-  // Deepest acceptable nesting of validation, at most kMaxNesting.
-  void SetMaxDepth(int n) { maxDepth = n < kMaxNesting ? n : kMaxNesting; }
-  // The deepest nesting ever accepted, whatever the settings say: items are
-  // checked and printed by recursion, a stack frame or two a level, and a
-  // thread's stack (1 MiB by default on Windows) must hold them all.
-  static constexpr int kMaxNesting = 2000;
+  // Deepest acceptable nesting of validation (the stretch itself is the
+  // first level). Validation keeps its open levels on the heap, not the
+  // stack, so any limit is safe.
+  void SetMaxDepth(int n) { maxDepth = n; }
 
   // Validates the whole stretch. Throws Xber: NO_BER_DEFINED without a
   // buffer, INVALID_LENGTH when the buffer changed size or is too short,
@@ -131,33 +129,11 @@ class SfBerComponent {
 
  protected:
   friend class SfBerComponentEncoder;
+  // Validates the items of dataLen octets at *pos, and everything they
+  // contain, against the universal types; identifier 256 (also 16 and 17)
+  // accepts any item, another value only items with that identifier octet.
+  // On success *pos is moved past them.
   bool IsValidStructure(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidStructure_internal(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidConstruction(unsigned* pos, size_t dataLen, int identifier);
-
-  // The type table's checkers: *pos is the item's content, dataLen its
-  // length, identifier its identifier octet. A primitive item's content is
-  // skipped (or scanned) and *pos moved past it.
-  bool IsValidEndOfContents(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidInt(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidBitString(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidOctetString(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidNull(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidObjectIdent(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidConstructedType(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidPrimitiveType(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidSequence(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidSet(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidNumericString(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidPrintString(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidT61String(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidIA5String(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidUTCTime(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidAcceptType(unsigned* pos, size_t dataLen, int identifier);
-  bool IsValidUnknownType(unsigned* pos, size_t dataLen, int identifier);
-
-  // The type table: runs the checker of a universal tag number (1 to 30).
-  bool CheckUniversalType(int tagNo, unsigned* pos, size_t dataLen, int identifier);
 
   // Helpers shared with the encoder.
   void requireValidated() const;

@@ -13,7 +13,6 @@
 #include <string>
 
 #include "sf/base/log.h"
-#include "sf/ber/sfbercomponent.h"
 #include "sf/platform/fs.h"
 #include "sf/script/configcheck.h"
 #include "sf/script/tcl.h"
@@ -65,7 +64,7 @@ const Key kKeys[] = {
     {"sf.socksndbufsize", Kind::Integer, -1, kGiB},
     {"sf.tcp.backlog", Kind::Integer, 1, 65535},
     {"sf.tcp.linger", Kind::Integer, 0, 65535},
-    {"sf.ber.maxdepth", Kind::Integer, 1, sfber::SfBerComponent::kMaxNesting},
+    {"sf.ber.maxdepth", Kind::Integer, 1, INT_MAX},
     {"sf.ber.logerrorlevel", Kind::Integer, 0, 255},
     {"sf.ber.loginfolevel", Kind::Integer, 0, 255},
     {"proxy.*.maxlength", Kind::Integer, INT_MIN, kGiB},  // below 1: no BER item limit

@@ -11,7 +11,8 @@
 
 using sfber::SfBerComponent;
 using sftest::berCode;
-using Bytes = std::vector<unsigned char>;
+using Octet = unsigned char;
+using Bytes = std::vector<Octet>;
 using namespace sf::Ber;
 
 namespace {
@@ -173,17 +174,16 @@ TEST(BerValidation, LimitsDepthAndTheBuffer) {
   EXPECT_EQ(deep.comp.GetDepth(), 1025);
   deep.comp.AssignPDU(&deep.buf, 0, deep.buf.size());
   EXPECT_EQ(deep.comp.GetDepth(), 0);
-  deep.comp.SetMaxDepth(2000);
-  EXPECT_EQ(berCode([&] { deep.comp.ValidateStructure(); }), 0);
-  EXPECT_EQ(deep.comp.GetDepth(), 0);
-  Bytes opened;  // 100,000 SEQUENCEs opened (indefinite length), deeper than any stack holds
-  for (int i = 0; i < 100000; ++i) opened.insert(opened.end(), {0x30, 0x80});
-  Pdu abyss(opened);  // refused at the ceiling, whatever is asked
-  abyss.comp.SetMaxDepth(1000000);
-  EXPECT_EQ(berCode([&] { abyss.comp.ValidateStructure(); }), TOO_DEEP);
-  Pdu shallow(nested(3));
-  shallow.comp.SetMaxDepth(3);
-  EXPECT_EQ(berCode([&] { shallow.comp.ValidateStructure(); }), TOO_DEEP);
+  Bytes abyss;  // 200,000 SEQUENCEs round a NULL, deeper than any stack holds
+  for (int n = 5 * 200000 - 3; n > 0; n -= 5)
+    abyss.insert(abyss.end(), {0x30, 0x83, Octet(n >> 16), Octet(n >> 8), Octet(n)});
+  Pdu bottomless(cat({abyss, {0x05, 0x00}}));  // refused by the limit alone
+  bottomless.comp.SetMaxLength(0);
+  bottomless.comp.SetMaxDepth(200001);
+  EXPECT_EQ(berCode([&] { bottomless.comp.ValidateStructure(); }), 0);
+  EXPECT_EQ(bottomless.comp.GetDepth(), 0);
+  bottomless.comp.SetMaxDepth(200000);
+  EXPECT_EQ(berCode([&] { bottomless.comp.ValidateStructure(); }), TOO_DEEP);
   Pdu bad(tlv(0x30, tlv(0x30, {0x01, 0x02, 0x00, 0x00})));
   EXPECT_EQ(berCode([&] { bad.comp.ValidateStructure(); }), BER_NOT_VALIDATED);
   EXPECT_EQ(bad.comp.GetDepth(), 0);
