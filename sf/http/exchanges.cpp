@@ -76,7 +76,7 @@ bool HttpWorker::Exchanges::connect(int k) {
   SF_LOG(4, "HTTP - Connecting to HTTP server %s", server.str().c_str());
   s.backend.push(new TcpAdaptor);
   HttpAdaptor* http = new HttpAdaptor(true);
-  http->strictResponse = true;
+  http->setStrictResponse(true);
   s.backend.push(http);
   s.kept = false;
   s.ended = false;
