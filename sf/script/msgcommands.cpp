@@ -14,7 +14,6 @@
 #include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 #include "sf/work/message.h"
 #include "sf/work/msgq.h"
 #include "sf/work/worker.h"
