@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "sf/base/buffer.h"
 #include "sf/base/locks.h"
 #include "sf/base/log.h"
 #include "sf/net/shutdown.h"
