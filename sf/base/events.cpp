@@ -4,7 +4,7 @@
 #include <list>
 #include <string>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/base/eventsettings.h"
 #include "sf/base/locks.h"
 #include "sf/platform/syserr.h"

@@ -8,13 +8,19 @@
 // header block must be complete, and its body must progress, within the
 // connection's read time-out.
 #include "sf/net/readerloop.h"
+#include "sf/base/eventreport.h"
 #include "sf/work/tickclock.h"
 #include "sf/work/wakeupbatch.h"
 
 #include <atomic>
 #include <ctime>
 
+#include "sf/base/buffer.h"
+#include "sf/base/log.h"
+#include "sf/net/adaptor.h"
+#include "sf/net/connection.h"
 #include "sf/net/net.h"
+#include "sf/net/port.h"
 #include "sf/net/reader.h"
 #include "sf/net/shutdown.h"
 #include "sf/platform/socket.h"
@@ -23,7 +29,6 @@
 #include "sf/runtime.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 #include "sf/work/message.h"
 #include "sf/work/queuefull.h"
 

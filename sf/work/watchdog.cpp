@@ -4,7 +4,7 @@
 #include <atomic>
 
 #include "sf/base/dumpfile.h"
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/base/log.h"
 #include "sf/platform/thread.h"
 #include "sf/runtime.h"
