@@ -9,8 +9,8 @@
 #include "sf/net/net.h"
 #include "sf/net/readerloop.h"
 #include "sf/platform/thread.h"
+#include "sf/script/deliveryscript.h"
 #include "sf/script/interp.h"
-#include "sf/script/validatescript.h"
 #include "sf/sflib.h"
 #include "sf/work/message.h"
 
@@ -133,7 +133,7 @@ void Reader::run(Port port, const char* target, const char*) {
 }
 
 void TclReader::validate(Message*, const void* target) {
-  if (target) sfi_evalValidate(static_cast<const char*>(target));
+  if (target) sfi_runDeliveryScript(static_cast<const char*>(target));
 }
 
 }  // namespace sf
