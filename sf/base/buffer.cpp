@@ -1,10 +1,11 @@
 // sf::Buffer and sf::ExtBuffer.
-#include "sf/sflib.h"
+#include "sf/base/buffer.h"
 
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 
+#include "sf/base/log.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
 

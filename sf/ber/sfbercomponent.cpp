@@ -8,9 +8,10 @@
 #include <cstring>
 #include <vector>
 
+#include "sf/base/buffer.h"
+#include "sf/base/log.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 
 namespace sfber {
 
