@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
+#include "sf/base/buffer.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 
 namespace sfber {
 
