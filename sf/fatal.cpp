@@ -1,7 +1,7 @@
 // The disaster exit: sf_fatal.
 
 #include "sf/base/dumpfile.h"
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/platform/clock.h"
 #include "sf/platform/thread.h"
 #include "sf/runtime.h"

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/base/eventsettings.h"
 #include "sf/base/locks.h"
 #include "sf/base/log.h"
@@ -116,7 +116,7 @@ void initTcl(int& argc, const char** argv) {
   StartOptions options = stripOptions(argc, argv);
 
   std::string datadir = dataDirectory(options.datadir);
-  if (datadir.empty()) logandreport_v(kNoDataDir, "", __FILE__, __LINE__);
+  if (datadir.empty()) SF_EVENT(kNoDataDir);
   std::string rootdir = rootDirectory(options.rootdir);
   sfi_setDirectories(datadir, rootdir);
   setVarStr("sf.rootdir", rootdir.c_str());

@@ -4,7 +4,7 @@
 #include <list>
 #include <string>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/base/eventsettings.h"
 #include "sf/base/locks.h"
 #include "sf/platform/syserr.h"
@@ -96,22 +96,26 @@ void logandreport_v(const char* id, const char* text, const char* file, int line
   sfi_reportEvent(id, text);
 }
 
-void logandreport3(const char* id, const char* a, const char* b, const char* c, const char* file,
-                   int line) {
-  // One argument ends in " } "; further ones follow as " { " arg " }", so
-  // two arguments are separated by two spaces. Hosts parse this exactly.
-  std::string text = std::string("{ ") + a + " } ";
+void sfi_logAndReport(const char* file, int line, const char* id, const char* a, const char* b,
+                      const char* c) {
+  std::string text;
+  if (a) text = std::string("{ ") + a + " } ";
   if (b) text += std::string(" { ") + b + " }";
   if (c) text += std::string(" { ") + c + " }";
   logandreport_v(id, text.c_str(), file, line);
 }
 
+void logandreport3(const char* id, const char* a, const char* b, const char* c, const char* file,
+                   int line) {
+  sfi_logAndReport(file, line, id, a, b, c);
+}
+
 void logandreport2(const char* id, const char* a, const char* b, const char* file, int line) {
-  logandreport3(id, a, b, nullptr, file, line);
+  sfi_logAndReport(file, line, id, a, b);
 }
 
 void logandreport(const char* id, const char* a, const char* file, int line) {
-  logandreport3(id, a, nullptr, nullptr, file, line);
+  sfi_logAndReport(file, line, id, a);
 }
 
 }  // namespace sf

@@ -9,16 +9,13 @@
 
 namespace sf {
 
+// Logs "<id> <arguments>" at level 0 with the source position and reports
+// the event, with one, two or three arguments braced as the event catalogue
+// expects; logandreport_v takes a ready argument text.
 void logandreport(const char* id, const char* a, const char* file, int line);
 void logandreport2(const char* id, const char* a, const char* b, const char* file, int line);
 void logandreport3(const char* id, const char* a, const char* b, const char* c, const char* file,
                    int line);
 void logandreport_v(const char* id, const char* text, const char* file, int line);
-
-// Reports id with a ready argument text, without the level-0 log line. A
-// report asked for while another is in progress is dropped.
-void sfi_reportEvent(const char* id, const char* argText);
-// Reports id with one argument, braced as "{ " arg " }".
-void sfi_reportEvent1(const char* id, const char* arg);
 
 }  // namespace sf

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/base/locks.h"
 #include "sf/base/log.h"
 #include "sf/base/logcontrol.h"

@@ -3,7 +3,7 @@
 
 #include <ctime>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/net/net.h"
 #include "sf/platform/thread.h"
 #include "sf/sflib.h"
@@ -295,8 +295,7 @@ void HttpWorker::Exchanges::sweep(Ms now) {
     if (timeout_s != 0 && now - s.since >= static_cast<Ms>(timeout_s) * 1000) {
       i_Connection* rec = s.backend.record();
       std::string seconds = sfi_fmtlog("%u", timeout_s);
-      logandreport3("09_sf_readtimeout_s_s_d", rec->local.c_str(), rec->remote.c_str(),
-                    seconds.c_str(), __FILE__, __LINE__);
+      SF_EVENT("09_sf_readtimeout_s_s_d", rec->local.c_str(), rec->remote.c_str(), seconds.c_str());
       SF_LOG(3, "HTTP - forwarding to %s failed - no answer within %s s",
              worker_.server.str().c_str(), seconds.c_str());
       end(k, -1, none);

@@ -6,7 +6,7 @@
 #include <ctime>
 #include <map>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/net/adaptor.h"
 #include "sf/net/net.h"
 #include "sf/platform/clock.h"
@@ -374,7 +374,7 @@ Connection outgoing(const PortAddr& p) {
 }
 
 [[noreturn]] void connectFailed(const PortAddr& p, int err) {
-  logandreport("01_sf_connect_s", p.str().c_str(), __FILE__, __LINE__);
+  SF_EVENT("01_sf_connect_s", p.str().c_str());
   platform::set_last_error(err);
   SF_THROW("tcp_connect", Xsys("connect"));
 }
@@ -436,8 +436,7 @@ struct BlockingAgain {
 
 [[noreturn]] void readTimeout(i_Connection* ic, bool fromRecv) {
   std::string seconds = sfi_fmtlog("%d", static_cast<int>(ic->readTimeout_s));
-  logandreport3("09_sf_readtimeout_s_s_d", ic->local.c_str(), ic->remote.c_str(), seconds.c_str(),
-                __FILE__, __LINE__);
+  SF_EVENT("09_sf_readtimeout_s_s_d", ic->local.c_str(), ic->remote.c_str(), seconds.c_str());
   if (fromRecv) SF_THROW("tcp_recv read timeout", Xiotimeout());
   SF_THROW("read timeout", Xiotimeout());
 }

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/net/net.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
@@ -82,9 +82,7 @@ bool sfi_closeById(int id, bool reportIdle) {
     --rec->refs;  // the handle above took its own reference
   }
   i_Connection* rec = c.record();
-  if (reportIdle)
-    logandreport2("10_sf_idletimeout_s_s", rec->local.c_str(), rec->remote.c_str(), __FILE__,
-                  __LINE__);
+  if (reportIdle) SF_EVENT("10_sf_idletimeout_s_s", rec->local.c_str(), rec->remote.c_str());
   rec->close();
   return true;
 }

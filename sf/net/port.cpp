@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/net/net.h"
 #include "sf/platform/syserr.h"
 #include "sf/script/tcl.h"
@@ -176,7 +176,7 @@ socket_t bindsock_tcp(const PortAddr& addr) {
   try {
     s = bindUserSock(addr);
   } catch (...) {
-    logandreport("02_sf_bind_s", addr.str().c_str(), __FILE__, __LINE__);
+    SF_EVENT("02_sf_bind_s", addr.str().c_str());
     throw;
   }
   SF_LOG(1, "binding socket fd=%llu to address %s", static_cast<unsigned long long>(s),

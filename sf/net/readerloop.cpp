@@ -8,6 +8,7 @@
 // header block must be complete, and its body must progress, within the
 // connection's read time-out.
 #include "sf/net/readerloop.h"
+#include "sf/base/eventreport.h"
 #include "sf/work/tickclock.h"
 #include "sf/work/wakeupbatch.h"
 
@@ -176,8 +177,7 @@ void ReaderLoop::expire(Ms now) {
     e.deadline = 0;
     i_Connection* rec = e.c.record();
     std::string seconds = sfi_fmtlog("%d", static_cast<int>(rec->readTimeout_s));
-    logandreport3("09_sf_readtimeout_s_s_d", rec->local.c_str(), rec->remote.c_str(),
-                  seconds.c_str(), __FILE__, __LINE__);
+    SF_EVENT("09_sf_readtimeout_s_s_d", rec->local.c_str(), rec->remote.c_str(), seconds.c_str());
     try {
       if (Adaptor* top = e.c.getAdaptor()) top->reject(&e.c, 408, nullptr);
     } catch (const X& x) {

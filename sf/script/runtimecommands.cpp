@@ -3,7 +3,7 @@
 #include <string>
 
 #include "sf/base/dumpfile.h"
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/base/log.h"
 #include "sf/runtime.h"
 #include "sf/script/commands.h"

@@ -14,7 +14,7 @@
 #include <string>
 #include <thread>
 
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/base/locks.h"
 #include "sf/platform/fs.h"
 #include "sf/platform/thread.h"

@@ -36,9 +36,12 @@ struct TimeoutId {
   virtual ~TimeoutId() = default;
 
   bool isNull() const { return id == 0; }
-  // True when the id names a timer: the negation of isNull(). Callers rely on
-  // this reading, so it stays.
-  bool operator!() const { return !isNull(); }
+  // True when the id names a timer (one that mkTimeout_rel or mkTimeout_per
+  // made, pending or not).
+  bool isSet() const { return id != 0; }
+  // The same as isSet(), despite reading as its negation: hosts written
+  // against this reading rely on it, so it stays. New code says isSet().
+  bool operator!() const { return isSet(); }
 };
 
 // Posts m to q once, after the delay. The timer owns m until then.

@@ -4,7 +4,7 @@
 #include <atomic>
 
 #include "sf/base/dumpfile.h"
-#include "sf/base/events.h"
+#include "sf/base/eventreport.h"
 #include "sf/base/log.h"
 #include "sf/platform/thread.h"
 #include "sf/runtime.h"
@@ -43,7 +43,7 @@ void watchdogThread(void*) {
   } catch (...) {
   }
   try {
-    logandreport("06_sf_watchdog_s", "", __FILE__, __LINE__);
+    SF_EVENT("06_sf_watchdog_s", "");
   } catch (...) {
   }
   platform::exit_now(1);

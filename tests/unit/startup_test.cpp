@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "sf/base/eventreport.h"
 #include "sf/platform/pipe.h"
 #include "sf/platform/signals.h"
 #include "sf/platform/thread.h"
