@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sf/base/log.h"
 #include "sf/sferr.h"
 
 namespace sf {

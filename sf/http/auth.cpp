@@ -148,7 +148,7 @@ bool HttpAdaptor::answerNtlm(Connection* c, const char* answerName, const std::s
     if (v != std::string::npos && h.size() > v + 5 && startsWithIgnoringCase(h.substr(v), "NTLM "))
       offered = h.substr(v + 5);
   }
-  if (offered.empty() || (lastStatus != 401 && lastStatus != 407)) {
+  if (offered.empty() || (lastStatus_ != 401 && lastStatus_ != 407)) {
     SF_LOG(1, "expected challenge '%s' during phase 0 of ntlm authentication", offered.c_str());
     return false;
   }

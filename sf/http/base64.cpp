@@ -1,7 +1,7 @@
 // Base64 encoding and decoding.
 #include "sf/http/base64.h"
 
-#include "sf/sflib.h"
+#include "sf/sferr.h"
 
 namespace sf {
 

@@ -3,10 +3,16 @@
 
 #include <ctime>
 
+#include "sf/base/buffer.h"
 #include "sf/base/eventreport.h"
+#include "sf/base/log.h"
+#include "sf/http/httpadaptor.h"
+#include "sf/net/adaptor.h"
+#include "sf/net/connection.h"
 #include "sf/net/net.h"
+#include "sf/net/port.h"
 #include "sf/platform/thread.h"
-#include "sf/sflib.h"
+#include "sf/sferr.h"
 #include "sf/work/message.h"
 #include "sf/work/tickclock.h"
 #include "sf/work/wakeupbatch.h"
@@ -76,7 +82,7 @@ bool HttpWorker::Exchanges::connect(int k) {
   SF_LOG(4, "HTTP - Connecting to HTTP server %s", server.str().c_str());
   s.backend.push(new TcpAdaptor);
   HttpAdaptor* http = new HttpAdaptor(true);
-  http->strictResponse = true;
+  http->setStrictResponse(true);
   s.backend.push(http);
   s.kept = false;
   s.ended = false;

@@ -14,46 +14,46 @@ Xreject makeReject(const char* status) {
   return x;
 }
 
-HttpAdaptor::HttpAdaptor(bool isClient_) : Adaptor(new PushbackSandwich(nullptr)) {
+HttpAdaptor::HttpAdaptor(bool client) : Adaptor(new PushbackSandwich(nullptr)) {
   InitSettings();
-  isClient = isClient_;
+  isClient_ = client;
 }
 
-HttpAdaptor::HttpAdaptor(bool isClient_, const char* url, const char* type)
+HttpAdaptor::HttpAdaptor(bool client, const char* url, const char* type)
     : Adaptor(new PushbackSandwich(nullptr)) {
   InitSettings();
-  isClient = isClient_;
-  if (url) requestURL = url;
-  contentType = type;
+  isClient_ = client;
+  if (url) settings_.requestURL = url;
+  settings_.contentType = type;
 }
 
 HttpAdaptor::~HttpAdaptor() = default;
 
 void HttpAdaptor::InitSettings() {
-  requestURL = getVarStr("sf.http.requestURL", "Quindel-Tunnel");
-  contentType = getVarStr("sf.http.contentType", "Application/Binary");
-  statusResult = getVarInt("sf.http.statusResult", 200);
+  settings_.requestURL = getVarStr("sf.http.requestURL", "Quindel-Tunnel");
+  settings_.contentType = getVarStr("sf.http.contentType", "Application/Binary");
+  settings_.statusResult = getVarInt("sf.http.statusResult", 200);
   // An unknown configured status has no phrase of its own.
   const char* dfltReason = "";
   try {
-    dfltReason = getStatusReason(statusResult);
+    dfltReason = getStatusReason(settings_.statusResult);
   } catch (X&) {
   }
-  statusReason = getVarStr("sf.http.statusReason", dfltReason);
-  userAgent = getVarStr("sf.http.useragent", "Quindel");
-  serverType = getVarStr("sf.http.server", "Quindel");
+  settings_.statusReason = getVarStr("sf.http.statusReason", dfltReason);
+  settings_.userAgent = getVarStr("sf.http.useragent", "Quindel");
+  settings_.serverType = getVarStr("sf.http.server", "Quindel");
   // A generic proxy.*.maxlength sets both limits unless the specific key
   // overrides it.
   int generic = getVarInt("proxy.*.maxlength", 1024);
-  maxHeader = getVarInt("sf.http.header.maxlength", generic);
+  settings_.maxHeader = getVarInt("sf.http.header.maxlength", generic);
   generic = getVarInt("proxy.*.maxlength", 65535);
-  maxBody = getVarInt("sf.http.body.maxlength", generic);
+  settings_.maxBody = getVarInt("sf.http.body.maxlength", generic);
   pduMore = false;
   bodyAllowed = false;
   closeAfter = false;
-  lastStatus = 0;
-  rejectStatus = 500;
-  rejectReason.clear();
+  lastStatus_ = 0;
+  settings_.rejectStatus = 500;
+  settings_.rejectReason.clear();
   SF_LOG(3, "HTTP - Creating new adaptor");
 }
 
@@ -65,52 +65,52 @@ void HttpAdaptor::init(Connection*) {
 
 void HttpAdaptor::setIsClient(bool v) {
   SF_LOG(3, "HTTP - Setting Client flag to %d", int(v));
-  isClient = v;
+  isClient_ = v;
 }
 
 void HttpAdaptor::setRequestURL(const char* url) {
   if (!url) return;
   SF_LOG(4, "HTTP - Setting request URL to \"%s\"", url);
-  requestURL = url;
+  settings_.requestURL = url;
 }
 
 void HttpAdaptor::setContentType(const char* type) {
   if (!type) return;
   SF_LOG(4, "HTTP - Setting content type to \"%s\"", type);
-  contentType = type;
+  settings_.contentType = type;
 }
 
 void HttpAdaptor::setStatusResponse(int status) {
   SF_LOG(4, "HTTP - Setting status response to %d", status);
-  statusResult = status;
+  settings_.statusResult = status;
 }
 
 void HttpAdaptor::setStatusReason(const char* reason) {
   if (!reason) return;
   SF_LOG(4, "HTTP - Setting status reason to \"%s\"", reason);
-  statusReason = reason;
+  settings_.statusReason = reason;
 }
 
 void HttpAdaptor::setReject(int status, const char* reason) {
-  rejectStatus = status;
-  rejectReason = reason ? reason : "";
+  settings_.rejectStatus = status;
+  settings_.rejectReason = reason ? reason : "";
 }
 
 void HttpAdaptor::setUserAgent(const char* agent) {
-  userAgent = agent ? agent : "";
+  settings_.userAgent = agent ? agent : "";
 }
 void HttpAdaptor::setServerType(const char* server) {
-  serverType = server ? server : "";
+  settings_.serverType = server ? server : "";
 }
 void HttpAdaptor::setMaxHeader(int n) {
-  maxHeader = n;
+  settings_.maxHeader = n;
 }
 void HttpAdaptor::setMaxBody(int n) {
-  maxBody = n;
+  settings_.maxBody = n;
 }
 
 void HttpAdaptor::setStuffHeaders(std::list<std::string>& lines) {
-  if (&lines != &stuffHeaders) stuffHeaders = lines;
+  if (&lines != &settings_.stuffHeaders) settings_.stuffHeaders = lines;
 }
 
 namespace {

@@ -246,46 +246,32 @@ class HttpAdaptor : public Adaptor {
   static const char* getStatusReason(int status);
   static bool getStatusClose(int status);
 
-  // --- state (public so that hosts and the authentication step can read
-  // and adjust it) ---
-  bool isClient = false;
-  HttpVer version = HTTP_1_1;
-  bool bodyAllowed = false;
-  bool closeAfter = false;
-  int lastStatus = 0;
-  std::string requestURL;
-  std::string contentType;
-  int statusResult = 200;
-  std::string statusReason;
-  std::string userAgent;
-  std::string serverType;
-  std::string extraHeaderLine;
-  // The answer to a proxy's Basic challenge. It is written before
-  // extraHeaderLine on this and every later request, so that a server's own
-  // challenge behind the proxy adds its answer instead of replacing it.
-  std::string proxyHeaderLine;
   // Client role: an answer without a status line, or with a transfer coding
   // other than chunked, is refused (Xproto) instead of being read as HTTP/0.9
   // or delivered still coded; a forwarding worker sets it so that nothing but
   // an HTTP answer's plain body is ever relayed. Every other rule of the
   // response parser holds for every client.
-  bool strictResponse = false;
-  std::int64_t maxHeader = 1024;
-  std::int64_t maxBody = 65535;
-  std::list<std::string> stuffHeaders;
-  bool pduMore = false;
-  std::string rejectReason;
-  int rejectStatus = 500;
-  Buffer pending;
-  HttpHeader requestHeader;
+  void setStrictResponse(bool strict) { strictResponse = strict; }
 
-  // The last request read (server role): its version, method and
-  // connection wishes decide how the reply is framed and whether the
-  // connection stays open.
-  ConnectionData lastRequest;
-  int lastMethod = 0;
-  // A reservation taken by owesReply() and not yet given back.
-  std::atomic<bool> replyOwed{false};
+  // What messages are written and read with: the sf.http.* keys read at
+  // construction (InitSettings), changed through the setters above.
+  struct Settings {
+    std::string requestURL;
+    std::string contentType;
+    int statusResult = 200;
+    std::string statusReason;
+    std::string userAgent;
+    std::string serverType;
+    std::int64_t maxHeader = 1024;
+    std::int64_t maxBody = 65535;
+    std::list<std::string> stuffHeaders;
+    std::string rejectReason;
+    int rejectStatus = 500;
+  };
+  const Settings& settings() const { return settings_; }
+  bool isClient() const { return isClient_; }
+  // The status of the last response read (client role); 0 before one.
+  int lastStatus() const { return lastStatus_; }
 
  private:
   // Server role (httprequest.cpp).
@@ -314,6 +300,30 @@ class HttpAdaptor : public Adaptor {
   bool requestEndsConnection() const;
   void closeAfterReply(Connection* c);
 
+  Settings settings_;
+  bool isClient_ = false;
+  HttpVer version = HTTP_1_1;  // written; HTTP/1.0 after a CONNECT
+  bool bodyAllowed = false;    // the message being written may carry a body
+  bool closeAfter = false;     // the peer asked to close after the reply
+  int lastStatus_ = 0;
+  // Written after the request line when not empty: the answer to a
+  // server's challenge, filled by the authentication step.
+  std::string extraHeaderLine;
+  // The answer to a proxy's Basic challenge. It is written before
+  // extraHeaderLine on this and every later request, so that a server's own
+  // challenge behind the proxy adds its answer instead of replacing it.
+  std::string proxyHeaderLine;
+  bool strictResponse = false;
+  bool pduMore = false;      // a chunked message is being delivered piecewise
+  Buffer pending;            // the body of the last POST, for a re-send
+  HttpHeader requestHeader;  // the request being sent (client role)
+  // The last request read (server role): its version, method and
+  // connection wishes decide how the reply is framed and whether the
+  // connection stays open.
+  ConnectionData lastRequest;
+  int lastMethod = 0;
+  // A reservation taken by owesReply() and not yet given back.
+  std::atomic<bool> replyOwed{false};
   Buffer work_;                              // scratch for CONNECT responses
   Buffer received_;                          // one read of a response (client role)
   MessageParser request_{1024, 65535};       // the request being read (server role)

@@ -47,7 +47,7 @@ HttpAdaptor::HttpVer HttpAdaptor::parseStatus(const std::string& line, std::stri
 }
 
 void HttpAdaptor::readMessage(Connection* c, Buffer& body, std::list<std::string>* headers) {
-  if (isClient)
+  if (isClient_)
     readResponse(c, body, headers);
   else
     readRequest(c, body, headers, false);
@@ -66,9 +66,11 @@ void HttpAdaptor::readResponse(Connection* c, Buffer& body, std::list<std::strin
 
 // The parser starts over for the answer to the request last written.
 void HttpAdaptor::startResponse() {
-  if (!response_) response_.reset(new MessageParser(maxHeader, maxBody, MessageParser::RESPONSE));
+  if (!response_)
+    response_.reset(
+        new MessageParser(settings_.maxHeader, settings_.maxBody, MessageParser::RESPONSE));
   MessageParser& p = *response_;
-  p.reset(maxHeader, maxBody);
+  p.reset(settings_.maxHeader, settings_.maxBody);
   p.answering(requestHeader.method == METHOD_HEAD      ? MessageParser::HEAD
               : requestHeader.method == METHOD_CONNECT ? MessageParser::CONNECT
                                                        : MessageParser::GET,
@@ -125,13 +127,13 @@ void HttpAdaptor::publishResponse(std::list<std::string>* headers) {
   MessageParser& p = *response_;
   if (p.version() == MessageParser::V09) {
     SF_LOG(4, "HTTP - Reading a HTTP/0.9 response");
-    lastStatus = 200;  // a bare body is the answer
+    lastStatus_ = 200;  // a bare body is the answer
     return;
   }
-  lastStatus = p.status();
+  lastStatus_ = p.status();
   Message* msg = getContext()->message;
   if (msg) {
-    msg->setenv("HttpResultCode", std::to_string(lastStatus).c_str());
+    msg->setenv("HttpResultCode", std::to_string(lastStatus_).c_str());
     msg->setenv("HttpResultReason", p.reason().c_str());
   }
   for (const auto& field : p.fields()) {
@@ -170,11 +172,11 @@ void HttpAdaptor::deliverResponse(Connection* c, Buffer& body) {
 void HttpAdaptor::readPdu(Connection* c, Buffer& body) {
   size_t start = body.size();
   readMessage(c, body, nullptr);
-  if (!isClient) return;
+  if (!isClient_) return;
   // Proxy challenges first, then the server's own, each from the headers of
   // the answer that made it.
   for (int challenge : {407, 401}) {
-    if (lastStatus != challenge) continue;
+    if (lastStatus_ != challenge) continue;
     std::list<std::string> headers;
     for (const auto& field : response_->fields())
       headers.push_back(field.first + ": " + field.second);
@@ -182,22 +184,22 @@ void HttpAdaptor::readPdu(Connection* c, Buffer& body) {
     body.resize(start);
     readMessage(c, body, nullptr);
   }
-  if (lastStatus != 200) {
-    SF_LOG(1, "HTTP - Server answered with status %d", lastStatus);
+  if (lastStatus_ != 200) {
+    SF_LOG(1, "HTTP - Server answered with status %d", lastStatus_);
     SF_THROW("http response error", Xio());
   }
 }
 
 void HttpAdaptor::readPduFirst(Connection* c, Buffer& body) {
   pduMore = true;
-  if (isClient)
+  if (isClient_)
     readResponse(c, body, nullptr);
   else
     readRequest(c, body, nullptr, true);
 }
 
 void HttpAdaptor::readPduNext(Connection* c, Buffer& body) {
-  if (!isClient) {
+  if (!isClient_) {
     readNextChunk(c, body);
     return;
   }

@@ -29,18 +29,18 @@ void throwRefusal(const MessageParser::Error& e) {
 }
 
 void HttpAdaptor::startRequest() {
-  request_.reset(maxHeader, maxBody);
+  request_.reset(settings_.maxHeader, settings_.maxBody);
   framed_ = 0;
   continueSent_ = false;
 }
 
 void HttpAdaptor::applyLimits() {
   // Limits set since the last message apply from its first byte.
-  if (!request_.started()) request_.reset(maxHeader, maxBody);
+  if (!request_.started()) request_.reset(settings_.maxHeader, settings_.maxBody);
 }
 
 Framing HttpAdaptor::frame(Connection* c, const char* data, size_t len) {
-  if (isClient) return frameResponse(data, len);
+  if (isClient_) return frameResponse(data, len);
   applyLimits();
   if (len > framed_ && !request_.complete() && !request_.failed())
     framed_ += request_.feed(data + framed_, len - framed_);

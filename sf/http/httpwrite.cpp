@@ -130,7 +130,7 @@ void HttpAdaptor::writeBody(Connection* c, const Buffer& body) {
 }
 
 bool HttpAdaptor::requestEndsConnection() const {
-  if (isClient) return false;
+  if (isClient_) return false;
   return lastRequest.version == HTTP_0_9 ||
          (lastRequest.version == HTTP_1_0 && lastRequest.connection != CONN_KEEPALIVE);
 }
@@ -143,17 +143,17 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
     SF_THROW("badtype", Xinvalid());
   }
   bool replyType = type == REPLY || type == CHUNKED_REPLY;
-  if (isClient && replyType) SF_THROW("notsrvr", Xinvalid());
-  if (!isClient && !replyType) SF_THROW("notcli", Xinvalid());
-  if (!isClient && version == HTTP_0_9) {
+  if (isClient_ && replyType) SF_THROW("notsrvr", Xinvalid());
+  if (!isClient_ && !replyType) SF_THROW("notcli", Xinvalid());
+  if (!isClient_ && version == HTTP_0_9) {
     SF_LOG(8, "HTTP - Not writing headers, is a HTTP/0.9 response");
     return true;
   }
 
   bool result = true;
   int status = 0;
-  if (isClient) {
-    const std::string& url = header && !header->url.empty() ? header->url : requestURL;
+  if (isClient_) {
+    const std::string& url = header && !header->url.empty() ? header->url : settings_.requestURL;
     if (version > HTTP_0_9)
       addLine(block, {methodWord(type), " ", url, " ", versionText(version)});
     else
@@ -170,8 +170,8 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
       block.append("\r\n", 2);
     }
   } else {
-    status = header ? header->status : statusResult;
-    const std::string& reason = header ? header->reason : statusReason;
+    status = header ? header->status : settings_.statusResult;
+    const std::string& reason = header ? header->reason : settings_.statusReason;
     // The status line always says HTTP/1.1.
     addLine(block, {"HTTP/1.1 ", statusDigits(status), " ", reason});
     if (status == 204 || status == 205 || status == 304) result = false;
@@ -194,7 +194,7 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
         result = false;  // GET and HEAD carry no body
         break;
     }
-    if (!isClient) {
+    if (!isClient_) {
       // A stopping server closes every connection after the reply it is
       // writing now, so the reply says so.
       if (sfi_shuttingDown()) closeAfter = true;
@@ -213,21 +213,21 @@ bool HttpAdaptor::buildHeaders(Connection* c, const Buffer* body, HttpDataType t
       writeLine(block, l.c_str());
     }
   };
-  stuff(stuffHeaders);
+  stuff(settings_.stuffHeaders);
   if (header) stuff(header->headers);
 
-  if (isClient)
-    addLine(block, {"User-Agent: ", userAgent});
+  if (isClient_)
+    addLine(block, {"User-Agent: ", settings_.userAgent});
   else
-    addLine(block, {"Server: ", serverType});
+    addLine(block, {"Server: ", settings_.serverType});
 
   if (!ownType && type != GET_REQUEST && type != HEAD_REQUEST) {
     const std::string& ct =
-        header && !header->contentType.empty() ? header->contentType : contentType;
+        header && !header->contentType.empty() ? header->contentType : settings_.contentType;
     addLine(block, {"Content-Type: ", ct});
   }
 
-  if (isClient && version == HTTP_1_1 && !ownHost) {
+  if (isClient_ && version == HTTP_1_1 && !ownHost) {
     // The peer text is host and port joined by a plus sign.
     std::string host = c ? c->remoteinfo() : std::string();
     size_t plus = host.find('+');
@@ -252,7 +252,7 @@ void HttpAdaptor::sendMessage(Connection* c, const Buffer& body, HttpDataType ty
   Buffer block(kHeaderBlock);
   bodyAllowed = buildHeaders(c, &body, type, header, block);
   // A reply to HEAD announces its body but does not send it.
-  bool sendBody = bodyAllowed && !(type == REPLY && lastMethod == METHOD_HEAD && !isClient);
+  bool sendBody = bodyAllowed && !(type == REPLY && lastMethod == METHOD_HEAD && !isClient_);
   if (sendBody && body.size() > 0 && body.size() <= kCoalesce) {
     SF_LOG(8, "HTTP - Writing message body");
     block.append(body.data, body.size());
@@ -289,7 +289,7 @@ void HttpAdaptor::closeConnection(Connection* c, ConnectionData* cd) {
   SF_LOG(6, "HTTP - Determining whether connection needs to be closed");
   bool close = false;
   if ((version == HTTP_1_0 || version == HTTP_0_9) && cd) close = cd->connection != CONN_KEEPALIVE;
-  if (closeAfter && !isClient) close = true;
+  if (closeAfter && !isClient_) close = true;
   if (cd && !close) close = cd->connection == CONN_CLOSE || cd->readToEof;
   if (close) {
     SF_LOG(2, "HTTP - Closing connection");
@@ -311,7 +311,7 @@ void HttpAdaptor::closeAfterReply(Connection* c) {
 // --- server role ---
 
 void HttpAdaptor::write(Connection* c, const Buffer& body) {
-  if (isClient) {
+  if (isClient_) {
     request(*c, body);
   } else {
     ReplyGuard done{this, c};
@@ -339,7 +339,7 @@ void HttpAdaptor::replyOk(Connection* c, const char* type, const Buffer& body) {
 
 void HttpAdaptor::replyGen(Connection* c, int status, const char* reason, const char* type,
                            const Buffer& body, const std::list<std::string>& headers) {
-  if (isClient) SF_THROW("notserv", Xinvalid());
+  if (isClient_) SF_THROW("notserv", Xinvalid());
   ReplyGuard done{this, c};
   SF_LOG(9, "HTTP - Issuing reply to request.");
   if (version != HTTP_0_9) {
@@ -361,8 +361,8 @@ void HttpAdaptor::replyGen(Connection* c, int status, const char* reason, const 
 }
 
 void HttpAdaptor::reject(Connection* c, int status, const char* reason) {
-  if (status == 0) status = rejectStatus;
-  if (!reason) reason = rejectReason.c_str();
+  if (status == 0) status = settings_.rejectStatus;
+  if (!reason) reason = settings_.rejectReason.c_str();
   SF_LOG(3, "HTTP - Rejecting request due to error.  Status = %d", status);
   size_t n = strlen(reason);
   // The reason text is the body, sent from where it lies.
@@ -430,7 +430,7 @@ void HttpAdaptor::post(Connection* c, const char* url, const char* type, const B
 void HttpAdaptor::httpConnect(Connection& c, const char* target) {
   version = HTTP_1_0;
   SF_LOG(4, "HTTP - Issuing CONNECT %s request", target);
-  if (!isClient) SF_THROW("notcli", Xinvalid());
+  if (!isClient_) SF_THROW("notcli", Xinvalid());
   work_.resize(0);
   pending.resize(0);
   requestHeader.reset();
@@ -440,18 +440,18 @@ void HttpAdaptor::httpConnect(Connection& c, const char* target) {
   writeHeaders(&c, nullptr, CONNECT_REQUEST, &requestHeader);
   std::list<std::string> headers;
   readMessage(&c, work_, &headers);
-  if (lastStatus == 407 && resendWithAuth(&c, headers)) {
+  if (lastStatus_ == 407 && resendWithAuth(&c, headers)) {
     work_.resize(0);
     readMessage(&c, work_, &headers);
   }
-  if (lastStatus >= 200 && lastStatus <= 299) {
+  if (lastStatus_ >= 200 && lastStatus_ <= 299) {
     // The proxy's credentials are for the proxy: nothing sent through the
     // tunnel carries them.
     proxyHeaderLine.clear();
     extraHeaderLine.clear();
     SF_LOG(4, "http connect successful");
   } else {
-    SF_LOG(1, "http connect failed, code %d", lastStatus);
+    SF_LOG(1, "http connect failed, code %d", lastStatus_);
     SF_THROW("http connect failed", Xio());
   }
 }
@@ -460,7 +460,7 @@ void HttpAdaptor::httpConnect(Connection& c, const char* target) {
 
 void HttpAdaptor::writePduFirst(Connection* c, const Buffer& frag) {
   SF_LOG(4, "HTTP - Writing first frag pdu transfer chunk");
-  if (isClient) {
+  if (isClient_) {
     requestHeader.method = METHOD_POST;
     writeHeaders(c, &frag, CHUNKED_POST, &requestHeader);
   } else {
@@ -476,7 +476,7 @@ void HttpAdaptor::writePduNext(Connection* c, const Buffer& frag) {
 
 void HttpAdaptor::writePduLast(Connection* c, const Buffer& frag) {
   SF_LOG(4, "HTTP - Writing last frag pdu transfer chunk");
-  if (!isClient) {
+  if (!isClient_) {
     ReplyGuard done{this, c};
     writeTransferChunk(c, &frag);
     writeTransferChunk(c, nullptr);
@@ -485,7 +485,7 @@ void HttpAdaptor::writePduLast(Connection* c, const Buffer& frag) {
   }
   writeTransferChunk(c, &frag);
   writeTransferChunk(c, nullptr);
-  if (!isClient) closeAfterReply(c);
+  if (!isClient_) closeAfterReply(c);
 }
 
 }  // namespace sf

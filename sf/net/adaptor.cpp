@@ -4,9 +4,11 @@
 
 #include <cstring>
 
+#include "sf/base/buffer.h"
+#include "sf/base/log.h"
+#include "sf/net/connection.h"
 #include "sf/net/net.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 
 namespace sf {
 

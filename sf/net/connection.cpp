@@ -6,14 +6,18 @@
 #include <ctime>
 #include <map>
 
+#include "sf/base/buffer.h"
 #include "sf/base/eventreport.h"
+#include "sf/base/locks.h"
+#include "sf/base/log.h"
 #include "sf/net/adaptor.h"
 #include "sf/net/net.h"
+#include "sf/net/port.h"
 #include "sf/platform/clock.h"
 #include "sf/platform/syserr.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
+#include "sf/work/msgq.h"
 #include "sf/work/timer.h"
 
 #define NET_TRACE(tag, text, value, a)                                                 \

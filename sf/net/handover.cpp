@@ -7,12 +7,13 @@
 #include <cstring>
 #include <map>
 
+#include "sf/base/log.h"
 #include "sf/net/net.h"
+#include "sf/net/port.h"
 #include "sf/platform/pipe.h"
 #include "sf/script/commands.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 
 namespace sf {
 

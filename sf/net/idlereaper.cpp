@@ -3,11 +3,14 @@
 #include <cstring>
 #include <mutex>
 
+#include "sf/base/buffer.h"
 #include "sf/base/eventreport.h"
+#include "sf/base/locks.h"
+#include "sf/base/log.h"
+#include "sf/net/connection.h"
 #include "sf/net/net.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 #include "sf/work/message.h"
 #include "sf/work/msgq.h"
 #include "sf/work/timer.h"

@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "sf/base/eventreport.h"
+#include "sf/base/locks.h"
+#include "sf/base/log.h"
 #include "sf/net/net.h"
 #include "sf/platform/syserr.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 
 namespace sf {
 

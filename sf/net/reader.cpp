@@ -5,14 +5,19 @@
 #include <mutex>
 #include <set>
 
+#include "sf/base/log.h"
 #include "sf/net/adaptor.h"
+#include "sf/net/connection.h"
 #include "sf/net/net.h"
+#include "sf/net/port.h"
 #include "sf/net/readerloop.h"
 #include "sf/platform/thread.h"
 #include "sf/script/interp.h"
+#include "sf/script/tcl.h"
 #include "sf/script/validatescript.h"
-#include "sf/sflib.h"
+#include "sf/sferr.h"
 #include "sf/work/message.h"
+#include "sf/work/worker.h"
 
 namespace sf {
 

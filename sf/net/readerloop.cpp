@@ -15,7 +15,12 @@
 #include <atomic>
 #include <ctime>
 
+#include "sf/base/buffer.h"
+#include "sf/base/log.h"
+#include "sf/net/adaptor.h"
+#include "sf/net/connection.h"
 #include "sf/net/net.h"
+#include "sf/net/port.h"
 #include "sf/net/reader.h"
 #include "sf/net/shutdown.h"
 #include "sf/platform/socket.h"
@@ -24,7 +29,6 @@
 #include "sf/runtime.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 #include "sf/work/message.h"
 #include "sf/work/queuefull.h"
 

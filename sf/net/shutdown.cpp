@@ -2,13 +2,15 @@
 #include <atomic>
 #include <vector>
 
+#include "sf/base/log.h"
 #include "sf/net/net.h"
+#include "sf/net/port.h"
 #include "sf/net/shutdown.h"
 #include "sf/runtime.h"
 #include "sf/script/interp.h"
 #include "sf/script/tcl.h"
-#include "sf/sflib.h"
 #include "sf/work/msgq.h"
+#include "sf/work/worker.h"
 
 namespace sf {
 

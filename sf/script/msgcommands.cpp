@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "sf/base/buffer.h"
 #include "sf/base/locks.h"
 #include "sf/base/log.h"
 #include "sf/net/shutdown.h"
@@ -14,7 +15,6 @@
 #include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 #include "sf/work/message.h"
 #include "sf/work/msgq.h"
 #include "sf/work/worker.h"

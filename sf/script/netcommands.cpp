@@ -8,9 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "sf/base/buffer.h"
+#include "sf/base/log.h"
 #include "sf/net/adaptor.h"
+#include "sf/net/connection.h"
 #include "sf/net/handover.h"
 #include "sf/net/net.h"
+#include "sf/net/port.h"
 #include "sf/net/reader.h"
 #include "sf/net/shutdown.h"
 #include "sf/platform/pipe.h"
@@ -18,7 +22,6 @@
 #include "sf/script/commands.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 #include "sf/work/message.h"
 
 namespace sf {

@@ -6,11 +6,11 @@
 #include <cstring>
 #include <string>
 
+#include "sf/base/log.h"
 #include "sf/script/commands.h"
 #include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 #include "sf/work/msgq.h"
 
 namespace sf {

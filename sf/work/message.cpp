@@ -5,7 +5,6 @@
 
 #include "sf/base/log.h"
 #include "sf/net/net.h"
-#include "sf/sflib.h"
 
 namespace sf {
 

@@ -9,13 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "sf/base/buffer.h"
 #include "sf/base/locks.h"
 #include "sf/base/log.h"
 #include "sf/platform/clock.h"
 #include "sf/script/interp.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 #include "sf/work/message.h"
 #include "sf/work/msgq.h"
 #include "sf/work/tickclock.h"

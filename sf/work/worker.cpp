@@ -3,12 +3,12 @@
 
 #include <ctime>
 
+#include "sf/base/buffer.h"
 #include "sf/base/log.h"
 #include "sf/net/adaptor.h"
 #include "sf/net/connection.h"
 #include "sf/platform/thread.h"
 #include "sf/sferr.h"
-#include "sf/sflib.h"
 #include "sf/work/message.h"
 #include "sf/work/msgq.h"
 #include "sf/work/watchdog.h"

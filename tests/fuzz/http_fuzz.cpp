@@ -135,8 +135,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
   }
   Peer s(data[0], data + 2, size - 2, 1 + data[1]);
   sf::HttpAdaptor* http = s.http;
-  if (client && (data[0] & 8)) http->requestHeader.method = sf::HttpAdaptor::METHOD_HEAD;
-  http->strictResponse = client && (data[0] & 32);
+  if (client && (data[0] & 8)) http->head(&s.conn, "/", {});
+  http->setStrictResponse(client && (data[0] & 32));
   bool fragments = data[0] & 16;
   for (int messages = 0; messages < 64; ++messages) {
     sf::Buffer body;
@@ -147,7 +147,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
       } else {
         http->readPdu(&s.conn, body);
       }
-      if (body.size() > static_cast<size_t>(http->maxBody) + 4096) __builtin_trap();
+      if (body.size() > static_cast<size_t>(http->settings().maxBody) + 4096) __builtin_trap();
       if (!client) s.conn.write(body);
     } catch (sf::Xreject& x) {
       if (!client && x.reply) {

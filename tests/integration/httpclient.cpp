@@ -58,16 +58,17 @@ int main(int argc, char** argv) {
     c.push(new sf::TcpAdaptor);
     c.push(http);
     if (proxy) {
-      // Through the open tunnel the same adaptor speaks HTTP/1.1 to its far end.
+      // Through the open tunnel the same adaptor speaks HTTP/1.1 to its far
+      // end: init() starts it afresh, as on a new connection.
       http->httpConnect(c, (host + ":" + port).c_str());
-      http->version = sf::HttpAdaptor::HTTP_1_1;
+      http->init(&c);
       headers.push_back("Host: " + host + ":" + port);
     }
     for (int n = 0; n < count; ++n) {
       http->get(&c, url.c_str(), headers);
       sf::Buffer answer;
       http->readMessage(&c, answer, nullptr);
-      printf("status %d\nlength %zu\n", http->lastStatus, answer.size());
+      printf("status %d\nlength %zu\n", http->lastStatus(), answer.size());
       fwrite(answer.data ? answer.data : "", 1, answer.size(), stdout);
       puts("");
     }

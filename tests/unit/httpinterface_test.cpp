@@ -38,24 +38,27 @@ TEST_F(HttpCommands, PushAppliesOptionsIgnoringCase) {
       "-status 202 Accepted -bogus");
   sf::HttpAdaptor* a = top();
   ASSERT_NE(a, nullptr);
-  EXPECT_TRUE(a->isClient);
-  EXPECT_EQ(a->stuffHeaders, (std::list<std::string>{"X-One: 1", "X-Two: 2"}));
-  EXPECT_EQ(a->rejectReason + "|" + a->requestURL + "|" + a->contentType + "|" + a->userAgent +
-                "|" + a->serverType + "|" + a->statusReason,
+  EXPECT_TRUE(a->isClient());
+  EXPECT_EQ(a->settings().stuffHeaders, (std::list<std::string>{"X-One: 1", "X-Two: 2"}));
+  EXPECT_EQ(a->settings().rejectReason + "|" + a->settings().requestURL + "|" +
+                a->settings().contentType + "|" + a->settings().userAgent + "|" +
+                a->settings().serverType + "|" + a->settings().statusReason,
             "busy|/tunnel|text/x|agent|srv|Accepted");
   // -maxbody abc is not a number: 0
-  EXPECT_EQ(std::to_string(a->rejectStatus) + " " + std::to_string(a->maxHeader) + " " +
-                std::to_string(a->maxBody) + " " + std::to_string(a->statusResult),
+  EXPECT_EQ(std::to_string(a->settings().rejectStatus) + " " +
+                std::to_string(a->settings().maxHeader) + " " +
+                std::to_string(a->settings().maxBody) + " " +
+                std::to_string(a->settings().statusResult),
             "503 2048 0 202");
   EXPECT_TRUE(log.contains("http: unrecognised argument -bogus"));
 
   // A rejection without its reason leaves the defaults; a header name
   // without value adds nothing.
   sf::eval("httpPush -reject 503");
-  EXPECT_EQ(std::to_string(top()->rejectStatus) + top()->rejectReason, "500");
+  EXPECT_EQ(std::to_string(top()->settings().rejectStatus) + top()->settings().rejectReason, "500");
   sf::eval("httpPush -stuffHeader X-Lonely");
-  EXPECT_TRUE(top()->stuffHeaders.empty());
-  EXPECT_FALSE(top()->isClient);
+  EXPECT_TRUE(top()->settings().stuffHeaders.empty());
+  EXPECT_FALSE(top()->isClient());
 
   // Without a current connection the command fails and pushes nothing.
   sf::getContext()->conn = sf::Connection();
