@@ -1,7 +1,7 @@
 // sf::HttpReader: a reader whose connections are HTTP servers.
 #include "sf/http/httpreader.h"
 
-#include "sf/script/validatescript.h"
+#include "sf/script/deliveryscript.h"
 #include "sf/work/message.h"
 
 namespace sf {
@@ -24,7 +24,7 @@ void HttpReader::validate(Message* msg, const void* script) {
   HttpAdaptor* http = dynamic_cast<HttpAdaptor*>(msg->conn.getAdaptor());
   if (http) http->owesReply(msg->conn);
   try {
-    sfi_evalValidate(static_cast<const char*>(script));
+    sfi_runDeliveryScript(static_cast<const char*>(script));
   } catch (...) {
     if (http && getContext()->message == msg) http->replyDone(&msg->conn);
     throw;

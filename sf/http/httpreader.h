@@ -2,7 +2,7 @@
 //
 // An HttpReader serves a listening port whose connections speak HTTP as
 // servers: every accepted connection gets a server-role HttpAdaptor, so each
-// message read is one request's body, and its validate step evaluates a Tcl
+// message read is one request's body, and its delivery step (validate) runs a Tcl
 // script that decides where the message goes (normally "enQ queue").
 //
 // An HttpWorker forwards each message of its queue to an HTTP server and

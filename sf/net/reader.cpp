@@ -12,9 +12,9 @@
 #include "sf/net/port.h"
 #include "sf/net/readerloop.h"
 #include "sf/platform/thread.h"
+#include "sf/script/deliveryscript.h"
 #include "sf/script/interp.h"
 #include "sf/script/tcl.h"
-#include "sf/script/validatescript.h"
 #include "sf/sferr.h"
 #include "sf/work/message.h"
 #include "sf/work/worker.h"
@@ -138,7 +138,7 @@ void Reader::run(Port port, const char* target, const char*) {
 }
 
 void TclReader::validate(Message*, const void* target) {
-  if (target) sfi_evalValidate(static_cast<const char*>(target));
+  if (target) sfi_runDeliveryScript(static_cast<const char*>(target));
 }
 
 }  // namespace sf

@@ -7,9 +7,9 @@
 // on a connection into its input without ever waiting for a client.
 // Once the top adaptor's framing step says a whole message is there, it
 // reads it through the adaptor chain (from memory), wraps it in a Message
-// and hands it to validate(), which subclasses use to deliver it (normally
-// onto a named queue). An unfinished message has a deadline (the read
-// time-out); an adaptor that cannot frame gets a blocking read. A worker that
+// and hands it to validate(), which delivers it (normally onto a named
+// queue; the name is the one hosts override, though nothing is checked). An unfinished message has
+// a deadline (the read time-out); an adaptor that cannot frame gets a blocking read. A worker that
 // gives a connection back, or closes one, wakes the thread that accepted it.
 // A pass still ends after 10 seconds without activity. At shutdown accepting
 // stops at once and what was received is answered (sf.shutdown.drain

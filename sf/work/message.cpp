@@ -3,6 +3,7 @@
 
 #include <ctime>
 
+#include "sf/base/buffer.h"
 #include "sf/base/log.h"
 #include "sf/net/net.h"
 

@@ -74,8 +74,11 @@ TimeVal now(TimerState& t) {
                  static_cast<std::uint32_t>((ms % 1000) * 1000)};
 }
 
-TimeoutId mkTimeout_gen(unsigned seconds, unsigned microseconds, MessageQ* q, Message* m,
-                        bool periodic) {
+// Enters a one-shot or periodic timer (mkTimeout_rel, mkTimeout_per, and
+// the re-arming of a periodic one). Its level-4 line keeps the text
+// "mkTimeout_gen(): inserted ..." that log readers know.
+TimeoutId addTimer(unsigned seconds, unsigned microseconds, MessageQ* q, Message* m,
+                   bool periodic) {
   TimerState& t = timer();
   std::uint32_t id;
   bool appended, wake;
@@ -204,13 +207,13 @@ void timerThread(void*) {
     SF_LOG(4, "timer %d due, popping front of queue", static_cast<int>(e.id.id));
     if (e.period.sec != 0 || e.period.usec != 0) {
       if (e.message && !e.message->keep) e.message->keep = true;
-      mkTimeout_gen(e.period.sec, e.period.usec, e.queue, e.message, true);
+      addTimer(e.period.sec, e.period.usec, e.queue, e.message, true);
     }
     post(e);
   }
 }
 
-int sf_mkTmr(int argc, const char** argv) {
+int sfi_cmd_sf_mkTmr(int argc, const char** argv) {
   if (argc < 3) return 1;
   int secondsArg = atoi(argv[2]);
   int microsArg = argc == 4 ? atoi(argv[3]) : 0;
@@ -229,7 +232,7 @@ int sf_mkTmr(int argc, const char** argv) {
   return 0;
 }
 
-int sf_rmTmr(int argc, const char** argv) {
+int sfi_cmd_sf_rmTmr(int argc, const char** argv) {
   if (argc < 2) return 1;
   rmTimeout(TimeoutId(static_cast<std::uint32_t>(atoi(argv[1]))));
   return 0;
@@ -238,11 +241,11 @@ int sf_rmTmr(int argc, const char** argv) {
 }  // namespace
 
 TimeoutId mkTimeout_rel(unsigned seconds, unsigned microseconds, MessageQ* q, Message* m) {
-  return mkTimeout_gen(seconds, microseconds, q, m, false);
+  return addTimer(seconds, microseconds, q, m, false);
 }
 
 TimeoutId mkTimeout_per(unsigned seconds, unsigned microseconds, MessageQ* q, Message* m) {
-  return mkTimeout_gen(seconds, microseconds, q, m, true);
+  return addTimer(seconds, microseconds, q, m, true);
 }
 
 void rmTimeout(const TimeoutId& id) {
@@ -276,8 +279,8 @@ void initTimer() {
   std::call_once(g_threadOnce, [] {
     startThread(timerThread, nullptr);
     if (sfi_tclReady()) {
-      exportProc("sf_mkTmr", sf_mkTmr);
-      exportProc("sf_rmTmr", sf_rmTmr);
+      exportProc("sf_mkTmr", sfi_cmd_sf_mkTmr);
+      exportProc("sf_rmTmr", sfi_cmd_sf_rmTmr);
     } else {
       SF_LOG(1, "initTimer: no interpreter, sf_mkTmr and sf_rmTmr not registered");
     }

@@ -44,6 +44,7 @@ struct TimeoutId {
   bool operator!() const { return isSet(); }
 };
 
+// The two kinds of timer; _rel is relative (one-shot), _per periodic.
 // Posts m to q once, after the delay. The timer owns m until then.
 TimeoutId mkTimeout_rel(unsigned seconds, unsigned microseconds, MessageQ* q, Message* m);
 // Posts m to q every interval, first after one interval.

@@ -1,6 +1,5 @@
-// The validate step of the script readers, with its direct path for
-// "enQ NAME".
-#include "sf/script/validatescript.h"
+// The script readers' delivery step, with its direct path for "enQ NAME".
+#include "sf/script/deliveryscript.h"
 
 #include <atomic>
 #include <cstring>
@@ -42,7 +41,7 @@ std::string enQTarget(const char* script) {
   return *p == '\0' ? word : "";
 }
 
-// What this thread found for the script it validates with (a reader thread
+// What this thread found for the script it delivers with (a reader thread
 // serves one reader, so one entry is enough).
 struct Resolved {
   std::string script;
@@ -72,7 +71,7 @@ MessageQ* directQueue(const char* script) {
 
 }  // namespace
 
-void sfi_evalValidate(const char* script) {
+void sfi_runDeliveryScript(const char* script) {
   MessageQ* q = directQueue(script);
   if (!q) {
     eval(script);
