@@ -237,9 +237,11 @@ class HttpAdaptor : public Adaptor {
   // will reply. Takes a reservation on c, so that the reader reads nothing
   // more from it (a pipelined request included) until that reply is written;
   // the reply operations (write, replyGen, reject, writePduLast) release it.
-  void owesReply(Connection& c);
-  // Gives the reservation back without a reply (the request was dropped).
-  void replyDone(Connection* c);
+  void reserveForReply(Connection& c);
+  // Gives back the reservation reserveForReply took, if it is still held:
+  // the reply operations call it, and so does a reader whose request nobody
+  // took.
+  void releaseReservation(Connection* c);
 
   // The reason phrase of a status (Xinvalid "statnval" for unknown codes),
   // and whether a reply with that status closes the connection.
@@ -322,7 +324,7 @@ class HttpAdaptor : public Adaptor {
   // connection stays open.
   ConnectionData lastRequest;
   int lastMethod = 0;
-  // A reservation taken by owesReply() and not yet given back.
+  // A reservation taken by reserveForReply() and not yet given back.
   std::atomic<bool> replyOwed{false};
   Buffer work_;                              // scratch for CONNECT responses
   Buffer received_;                          // one read of a response (client role)

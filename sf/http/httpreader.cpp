@@ -22,15 +22,15 @@ void HttpReader::validate(Message* msg, const void* script) {
   // request into the adaptor under the reply (and replies could overtake
   // each other). The reply gives the reservation back.
   HttpAdaptor* http = dynamic_cast<HttpAdaptor*>(msg->conn.getAdaptor());
-  if (http) http->owesReply(msg->conn);
+  if (http) http->reserveForReply(msg->conn);
   try {
     sfi_runDeliveryScript(static_cast<const char*>(script));
   } catch (...) {
-    if (http && getContext()->message == msg) http->replyDone(&msg->conn);
+    if (http && getContext()->message == msg) http->releaseReservation(&msg->conn);
     throw;
   }
   // Not delivered: nobody will reply.
-  if (http && getContext()->message == msg) http->replyDone(&msg->conn);
+  if (http && getContext()->message == msg) http->releaseReservation(&msg->conn);
 }
 
 }  // namespace sf

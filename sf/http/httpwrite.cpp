@@ -89,17 +89,17 @@ const char* versionText(HttpAdaptor::HttpVer v) {
 struct ReplyGuard {
   HttpAdaptor* a;
   Connection* c;
-  ~ReplyGuard() { a->replyDone(c); }
+  ~ReplyGuard() { a->releaseReservation(c); }
 };
 
 }  // namespace
 
-void HttpAdaptor::owesReply(Connection& c) {
+void HttpAdaptor::reserveForReply(Connection& c) {
   c.reserve();
   replyOwed = true;
 }
 
-void HttpAdaptor::replyDone(Connection* c) {
+void HttpAdaptor::releaseReservation(Connection* c) {
   if (!replyOwed.exchange(false)) return;
   try {
     c->unreserve(false);

@@ -364,13 +364,13 @@ TEST_F(Http, RepliesAndRejects) {
   // A request handed to another thread holds the connection until its reply
   // is written, also when writing fails.
   Peer owed(false);
-  owed.http->owesReply(owed.conn);
+  owed.http->reserveForReply(owed.conn);
   EXPECT_TRUE(owed.conn.isReserved());
   owed.http->replyOk(&owed.conn);
   EXPECT_FALSE(owed.conn.isReserved());
-  owed.http->replyDone(&owed.conn);  // nothing more to give back
+  owed.http->releaseReservation(&owed.conn);  // nothing more to give back
   EXPECT_FALSE(owed.conn.isReserved());
-  owed.http->owesReply(owed.conn);
+  owed.http->reserveForReply(owed.conn);
   EXPECT_THROW(owed.http->replyGen(&owed.conn, 306, nullptr, nullptr, body, {}), sf::Xinvalid);
   EXPECT_FALSE(owed.conn.isReserved());
 
