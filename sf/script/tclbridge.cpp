@@ -339,7 +339,7 @@ void evalFile(const char* name) {
   // still carry this file's errorCode and errorInfo.
   Tcl_InterpState state = Tcl_SaveInterpState(g_interp, TCL_ERROR);
   try {
-    sfi_reportEvent1("03_sf_eval_s", name);
+    sfi_reportEventArg("03_sf_eval_s", name);
   } catch (...) {
     Tcl_DiscardInterpState(state);
     throw;
