@@ -134,9 +134,6 @@ class Site:
         return subprocess.run(self.command(*args), cwd=self.root, env=self.env,
                               capture_output=True, text=True, timeout=timeout)
 
-    def run_until(self, marker, *args, sig=signal.SIGTERM):
-        return run_until(self.command(*args), marker, sig, cwd=self.root, env=self.env)
-
     def start(self, level=3):
         """Starts sfhost with its log on stderr (kept in stderr.txt)."""
         self._err = open(self.log, "w")

@@ -41,8 +41,8 @@ class SfhostTest(SiteTest):
         # SIGINT, records on standard error (-l) from before the log opens,
         # and named scripts instead of start.tcl.
         site.write("mine.tcl", "sf_log 1 {named script}\n")
-        status, err = site.run_until("named script", "-l", "-d", "2", "mine.tcl",
-                                     sig=signal.SIGINT)
+        status, err = run_until(site.command("-l", "-d", "2", "mine.tcl"), "named script",
+                                signal.SIGINT, cwd=site.root, env=site.env)
         self.assertEqual(status, 0, err)
         self.assertIn("sfrootdir=%s datdir = %s" % (site.root, site.root), err)
         self.assertIn("SIGINT received, shutting down", err)

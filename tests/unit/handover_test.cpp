@@ -30,7 +30,9 @@ struct Pipe {
 
 }  // namespace
 
-TEST(PipeWire, IntsSocketsAndStrings) {
+// One pipe carries what a hand-over sends: values, the start-up result, the
+// table of ports and pairs; and at the end a writer that went away.
+TEST(PipeWire, ValuesStartupResultAndEnvironment) {
   sftest::ensureCommands();
   Pipe p;
   EXPECT_EQ(sf::pipewriteint(p.fd[1], -7), 4);
@@ -53,42 +55,35 @@ TEST(PipeWire, IntsSocketsAndStrings) {
   EXPECT_EQ(sf::pipereadstr(p.fd[0], text), 8);
   EXPECT_EQ(text, "cut");  // an embedded NUL ends the text
 
-  // A short read leaves the target as it was.
-  p.closeWriter();
-  v = 42;
-  EXPECT_EQ(sf::pipereadint(p.fd[0], v), 0);
-  EXPECT_EQ(v, 42);
-}
-
-TEST(PipeWire, StartupResult) {
-  sftest::ensureCommands();
-  Pipe good, bad;
-  sf::sendStartupOk(good.fd[1]);
-  EXPECT_NO_THROW(sf::receiveStartupOk(good.fd[0]));
-  sf::pipewriteint(bad.fd[1], 2);
+  sf::sendStartupOk(p.fd[1]);
+  EXPECT_NO_THROW(sf::receiveStartupOk(p.fd[0]));
+  sf::pipewriteint(p.fd[1], 2);
   sftest::LogCapture log(1);
-  EXPECT_THROW(sf::receiveStartupOk(bad.fd[0]), sf::Xio);
+  EXPECT_THROW(sf::receiveStartupOk(p.fd[0]), sf::Xio);
   EXPECT_TRUE(log.contains("did not recieve correct startup result message, got '2'"));
-  bad.closeWriter();  // the child died before it reported
-  EXPECT_THROW(sf::receiveStartupOk(bad.fd[0]), sf::Xio);
-}
 
-TEST(PipeWire, ReceiveEnvRebuildsTheTableAndStopsAtAnEmptyName) {
-  sftest::ensureCommands();
-  pf::sock_t s = pf::sock_stream(pf::family_ipv4());
-  Pipe p;
+  pf::sock_t sock = pf::sock_stream(pf::family_ipv4());
   sf::pipewriteint(p.fd[1], 1);
-  sf::pipewriteSocket(p.fd[1], static_cast<size_t>(s));
-  // A second k replaces the first; an empty name ends the pairs early.
-  for (const char* t : {"10.1.2.3+99", "k", "v1", "k", "v2", "", "late", "ignored"})
+  sf::pipewriteSocket(p.fd[1], static_cast<size_t>(sock));
+  // A second k replaces the first; an empty name ends the pairs.
+  for (const char* t : {"10.1.2.3+99", "k", "v1", "k", "v2", "", "after the end"})
     sf::pipewritestr(p.fd[1], t);
   sf::receiveEnv(p.fd[0]);
   EXPECT_EQ(sf::sfi_sharedPortUses("10.1.2.3+99"), 0);
   EXPECT_EQ(sf::getSymbiotic("k"), "v2");
-  EXPECT_EQ(sf::getSymbiotic("late"), "");
   sf::Port taken = sf::bindSharedPort(sf::PortAddr("10.1.2.3", "99"));
-  EXPECT_EQ(taken.socketNo(), s);
+  EXPECT_EQ(taken.socketNo(), sock);
   EXPECT_EQ(taken.name(), "10.1.2.3+99");
+  EXPECT_EQ(sf::pipereadstr(p.fd[0], text), 13);  // left for the next reader
+  EXPECT_EQ(text, "after the end");
+
+  // A short read leaves the target as it was; a child that died before it
+  // reported is a failed start-up.
+  p.closeWriter();
+  v = 42;
+  EXPECT_EQ(sf::pipereadint(p.fd[0], v), 0);
+  EXPECT_EQ(v, 42);
+  EXPECT_THROW(sf::receiveStartupOk(p.fd[0]), sf::Xio);
 }
 
 TEST(NetCommands, BindOptionsAndArgumentCounts) {
