@@ -312,7 +312,7 @@ void sfi_traceVarInt(const char* name, int dflt, std::atomic<int>& cell) {
 }
 
 void sfi_traceVarInt(const char* name, int dflt, void (*apply)(int)) {
-  if (!g_interp) return;
+  if (!interpCreated()) return;
   MxLock guard(*g_tclLock);
   checkEntry("sfi_traceVarInt");
   Tcl_Obj* value = Tcl_GetVar2Ex(g_interp, name, nullptr, TCL_GLOBAL_ONLY);
