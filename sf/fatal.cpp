@@ -29,7 +29,7 @@ void sf_fatal(const char* reason) {
   // Nothing may carry the failing thread back into the code that failed: a
   // step that throws (a broken setting read by the reporter, say) is skipped.
   try {
-    sfi_reportEvent1("16_sf_internalError_s", reason);
+    sfi_reportEventArg("16_sf_internalError_s", reason);
   } catch (...) {
   }
   try {

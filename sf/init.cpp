@@ -18,6 +18,7 @@
 #include "sf/script/commands.h"
 #include "sf/script/configcheck.h"
 #include "sf/script/interp.h"
+#include "sf/script/limits.h"
 #include "sf/script/tcl.h"
 #include "sf/sferr.h"
 #include "sf/work/watchdog.h"
@@ -132,6 +133,7 @@ void initTcl(int& argc, const char** argv) {
 
   std::string site = rootdir + "/etc/config.tcl";
   evalFile(site.c_str());
+  sfi_handLimits();
 
   SF_LOG(2, "sfrootdir=%s datdir = %s", rootdir.c_str(), datadir.c_str());
 

@@ -3,9 +3,10 @@
 //   sfber check FILE...        validates each file as one BER stretch
 //   sfber dump FILE [PATH]     prints the items as an indented tree
 //
-// The same limits as the library apply ("proxy.*.maxlength" 65535 and
-// "sf.ber.maxdepth" 1024 by default); --max-length and --max-depth override
-// them. Exit status: 0 all valid, 1 some input invalid, 2 usage or I/O error.
+// The codec's default options apply (largest item 65535, depth 1024, as for a
+// site that sets neither "proxy.*.maxlength" nor "sf.ber.maxdepth");
+// --max-length and --max-depth override them. Exit status: 0 all valid, 1 some input invalid, 2
+// usage or I/O error.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -41,16 +42,9 @@ const char kUsage[] =
     "\n"
     "exit status: 0 all valid, 1 some input invalid, 2 usage or I/O error\n";
 
-struct Options {
-  bool haveMaxLength = false;
-  int maxLength = 0;
-  bool haveMaxDepth = false;
-  int maxDepth = 0;
-};
-
 // The last rejection the codec logged at its error level.
 std::string g_reason;
-int g_errorLevel = 4;
+int g_errorLevel;
 
 void keepReason(std::uint32_t, std::uint32_t, std::uint32_t level, const char*, std::uint32_t,
                 std::uint32_t, const char* msg, int, const char*, int) {
@@ -331,11 +325,6 @@ bool readFile(const char* name, sf::Buffer& out) {
   return ok;
 }
 
-void applyOptions(SfBerComponent& comp, const Options& opt) {
-  if (opt.haveMaxLength) comp.SetMaxLength(opt.maxLength);
-  if (opt.haveMaxDepth) comp.SetMaxDepth(opt.maxDepth);
-}
-
 // Validates; on failure prints the verdict line and returns false.
 bool validate(const char* name, SfBerComponent& comp, FILE* verdictOut) {
   g_reason.clear();
@@ -353,7 +342,7 @@ bool validate(const char* name, SfBerComponent& comp, FILE* verdictOut) {
   return false;
 }
 
-int check(const std::vector<const char*>& files, const Options& opt) {
+int check(const std::vector<const char*>& files) {
   int status = 0;
   for (const char* name : files) {
     sf::Buffer data;
@@ -363,7 +352,6 @@ int check(const std::vector<const char*>& files, const Options& opt) {
     }
     SfBerComponent comp;
     comp.AssignPDU(&data, 0, data.size());
-    applyOptions(comp, opt);
     if (validate(name, comp, stdout)) {
       printf("%s: valid\n", name);
     } else if (status == 0) {
@@ -373,17 +361,15 @@ int check(const std::vector<const char*>& files, const Options& opt) {
   return status;
 }
 
-int dump(const char* name, const char* path, const Options& opt) {
+int dump(const char* name, const char* path) {
   sf::Buffer data;
   if (!readFile(name, data)) return 2;
   SfBerComponent comp;
   comp.AssignPDU(&data, 0, data.size());
-  applyOptions(comp, opt);
   if (!validate(name, comp, stderr)) {
     if (path) return 1;
     // Show what can be read, as far as it goes.
     SfBerComponent raw(&data, 0, data.size());
-    applyOptions(raw, opt);
     dumpItems(raw, 0);
     return 1;
   }
@@ -441,7 +427,8 @@ bool parseInt(const char* text, int* out) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options opt;
+  // Every component takes these: the defaults, or the command line's.
+  sfber::BerOptions opt;
   std::vector<const char*> args;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
@@ -459,7 +446,6 @@ int main(int argc, char** argv) {
         fprintf(stderr, "sfber: --max-depth is \"%s\"; allowed: 1 or more\n", argv[i + 1]);
         return 2;
       }
-      (a == "--max-length" ? opt.haveMaxLength : opt.haveMaxDepth) = true;
       ++i;
       continue;
     }
@@ -475,15 +461,16 @@ int main(int argc, char** argv) {
   }
 
   // Rejection reasons come from the codec's log at its error level.
-  g_errorLevel = 4;
+  sfber::SfBerComponent::SetProcessOptions(opt);
+  g_errorLevel = opt.logErrorLevel;
   sf::setlog(keepReason);
   sf::g_logLevel.store(g_errorLevel);
 
   std::string cmd = args[0];
   std::vector<const char*> rest(args.begin() + 1, args.end());
-  if (cmd == "check" && !rest.empty()) return check(rest, opt);
+  if (cmd == "check" && !rest.empty()) return check(rest);
   if (cmd == "dump" && (rest.size() == 1 || rest.size() == 2))
-    return dump(rest[0], rest.size() == 2 ? rest[1] : nullptr, opt);
+    return dump(rest[0], rest.size() == 2 ? rest[1] : nullptr);
   fprintf(stderr, "sfber: bad command line\n%s", kUsage);
   return 2;
 }

@@ -6,14 +6,14 @@
 #include <cstring>
 
 #include "sf/base/log.h"
-#include "sf/script/tcl.h"
 #include "sf/sferr.h"
 
 namespace sf {
 
 namespace {
 
-const int kDefaultMaxBuf = 8388608;
+// What the ceiling caches take at their first use.
+std::atomic<int> g_ceilingSetting{kDefaultBufferCeiling};
 
 // The ceiling is read once per cache; the constructor and extend each keep
 // their own, filled at their own first call. Sign extension makes a negative
@@ -22,19 +22,15 @@ std::uint64_t ceilingOf(int cached) {
   return static_cast<std::uint64_t>(static_cast<std::int64_t>(cached));
 }
 
-// One cached reading of sf.maxbuf, taken by the first call that needs it and
-// kept for the life of the process. The variable is read without holding
-// anything: a function-local static would hold its initialisation guard while
-// getVarInt waits for the Tcl lock, and a command procedure that holds the Tcl
-// lock and allocates a Buffer would then wait on that guard for ever. Two
-// threads racing on the first use may both read the variable, but only the
-// first value published is ever used.
+// One cached reading of the setting, taken by the first call that needs it
+// and kept for the life of the process; only the first value published is
+// ever used.
 class CeilingCache {
  public:
   int get() {
     std::int64_t v = value_.load(std::memory_order_acquire);
     if (v != kUnread) return static_cast<int>(v);
-    std::int64_t read = getVarInt("sf.maxbuf", kDefaultMaxBuf);
+    std::int64_t read = g_ceilingSetting.load(std::memory_order_acquire);
     std::int64_t expected = kUnread;
     if (value_.compare_exchange_strong(expected, read, std::memory_order_acq_rel))
       return static_cast<int>(read);
@@ -60,6 +56,10 @@ void composeHint(int ceiling, size_t n, const char* where) {
 }
 
 }  // namespace
+
+void setBufferCeiling(int bytes) {
+  g_ceilingSetting.store(bytes, std::memory_order_release);
+}
 
 Buffer::Buffer(size_t sz) : data(nullptr), used(0), capacity(sz) {
   if (sz == 0) return;

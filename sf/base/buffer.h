@@ -3,7 +3,7 @@
 //
 // A Buffer is a run of bytes with an explicit used length (size()) and
 // capacity. Growth allocates 20 % headroom over the request and is refused
-// above the process-wide ceiling sf.maxbuf (read once, default 8 MiB), so a
+// above the process-wide ceiling (setBufferCeiling, default 8 MiB), so a
 // hostile peer cannot make the process allocate without bound. Bytes beyond
 // size() are undefined. A Buffer is not locked: one thread at a time.
 //
@@ -19,6 +19,14 @@
 #include "sf/sferr.h"
 
 namespace sf {
+
+constexpr int kDefaultBufferCeiling = 8388608;
+
+// Sets the largest Buffer, in bytes (negative: no limit). The constructor and
+// extend each fix the ceiling at their first use, from the value set last
+// before it; later calls change nothing. The library's start-up keeps it
+// equal to sf.maxbuf until then.
+void setBufferCeiling(int bytes);
 
 struct Buffer {
   char* data;

@@ -19,7 +19,7 @@ void sfi_logAndReport(const char* file, int line, const char* id, const char* a 
 // report asked for while another is in progress is dropped.
 void sfi_reportEvent(const char* id, const char* argText);
 // Reports id with one argument, braced as "{ " arg " }".
-void sfi_reportEvent1(const char* id, const char* arg);
+void sfi_reportEventArg(const char* id, const char* arg);
 
 }  // namespace sf
 

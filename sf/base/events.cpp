@@ -85,7 +85,7 @@ void sfi_reportEvent(const char* id, const char* argText) {
   g_reporting = false;
 }
 
-void sfi_reportEvent1(const char* id, const char* arg) {
+void sfi_reportEventArg(const char* id, const char* arg) {
   std::string text = std::string("{ ") + arg + " }";
   sfi_reportEvent(id, text.c_str());
 }

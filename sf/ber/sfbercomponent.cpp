@@ -8,9 +8,10 @@
 #include <cstring>
 #include <vector>
 
+#include <mutex>
+
 #include "sf/base/buffer.h"
 #include "sf/base/log.h"
-#include "sf/script/tcl.h"
 #include "sf/sferr.h"
 
 namespace sfber {
@@ -21,19 +22,17 @@ namespace Ber = sf::Ber;
 
 namespace {
 
-// Process-wide settings, read once on first use; every component copies them.
-struct Settings {
-  int maxLength;
-  int maxDepth;
-  int logErrorLevel;
-  int logInfoLevel;
-};
+// The process's options: those set last before the first component was
+// made, fixed by it for the life of the process.
+std::mutex g_pendingLock;
+BerOptions g_pending;
 
-const Settings& processSettings() {
-  static const Settings settings{
-      sf::getVarInt("proxy.*.maxlength", 65535), sf::getVarInt("sf.ber.maxdepth", 1024),
-      sf::getVarInt("sf.ber.logerrorlevel", 4), sf::getVarInt("sf.ber.loginfolevel", 8)};
-  return settings;
+const BerOptions& processOptions() {
+  static const BerOptions fixed = [] {
+    std::lock_guard<std::mutex> hold(g_pendingLock);
+    return g_pending;
+  }();
+  return fixed;
 }
 
 // Writes the throw-site record and throws; kept out of line so that the
@@ -182,22 +181,31 @@ SfBerComponent::SfBerComponent(Buffer* pdu_, unsigned start_, size_t length_) : 
   validated = true;
 }
 
+void SfBerComponent::SetProcessOptions(const BerOptions& options) {
+  std::lock_guard<std::mutex> hold(g_pendingLock);
+  g_pending = options;
+}
+
 void SfBerComponent::ClearSettings() {
   validated = false;
   hasPdu = false;
   depth = 0;
-  const Settings& s = processSettings();
-  maxLength = s.maxLength;
-  maxDepth = s.maxDepth;
-  logErrorLevel = s.logErrorLevel;
-  logInfoLevel = s.logInfoLevel;
+  SetOptions(processOptions());
+}
+
+void SfBerComponent::SetOptions(const BerOptions& options) {
+  maxLength = options.maxLength;
+  maxDepth = options.maxDepth;
+  logErrorLevel = options.logErrorLevel;
+  logInfoLevel = options.logInfoLevel;
+}
+
+BerOptions SfBerComponent::GetOptions() const {
+  return {maxLength, maxDepth, logErrorLevel, logInfoLevel};
 }
 
 void SfBerComponent::CopySettings(const SfBerComponent& other) {
-  maxLength = other.maxLength;
-  maxDepth = other.maxDepth;
-  logErrorLevel = other.logErrorLevel;
-  logInfoLevel = other.logInfoLevel;
+  SetOptions(other.GetOptions());
 }
 
 void SfBerComponent::AssignPDU(Buffer* pdu_, unsigned start_, size_t length_) {

@@ -10,8 +10,8 @@
 //
 // Only definite lengths and single-octet identifiers are accepted. Failures
 // throw sf::Xber after the throw-site record; rejections are logged at the
-// component's error level ("sf.ber.logerrorlevel", default 4) and the steps
-// of validation at its info level ("sf.ber.loginfolevel", default 8).
+// component's error level and the steps of validation at its info level
+// (BerOptions).
 //
 // The buffer is not owned and must outlive every component over it. A
 // component is used by one thread at a time.
@@ -28,9 +28,23 @@ namespace sfber {
 
 class SfBerComponentEncoder;
 
+// A component's limits and log levels. The library's start-up fills the
+// process's options from the configuration keys named here; a program
+// without it gets these defaults unless it sets its own.
+struct BerOptions {
+  int maxLength = 65535;  // largest item length; below 1 no limit (proxy.*.maxlength)
+  int maxDepth = 1024;    // deepest nesting; the stretch is level 1 (sf.ber.maxdepth)
+  int logErrorLevel = 4;  // level of rejections (sf.ber.logerrorlevel)
+  int logInfoLevel = 8;   // level of validation steps (sf.ber.loginfolevel)
+};
+
 class SfBerComponent {
  public:
-  // Unassigned; settings from the process-wide values.
+  // The options every component starts with. The first component made fixes
+  // them for the life of the process: later calls change nothing.
+  static void SetProcessOptions(const BerOptions& options);
+
+  // Unassigned; the process's options.
   SfBerComponent();
   // A view over length bytes at start, trusted without validation: for the
   // content of an item of a component that was validated already.
@@ -40,9 +54,12 @@ class SfBerComponent {
   SfBerComponent& operator=(const SfBerComponent&) = default;
   virtual ~SfBerComponent() = default;
 
+  // This component's options, all four at once.
+  void SetOptions(const BerOptions& options);
+  BerOptions GetOptions() const;
   // Copies maxLength, maxDepth and the two log levels.
   void CopySettings(const SfBerComponent& other);
-  // Resets both flags, the depth and the settings to the process-wide values.
+  // Resets both flags, the depth and the options to the process's.
   void ClearSettings();
   // Points the component at a stretch; it must be validated before use.
   void AssignPDU(sf::Buffer* pdu, unsigned start, size_t length);

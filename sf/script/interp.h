@@ -38,6 +38,10 @@ const std::atomic<bool>& sfi_builtInFlag(const char* name, TclProc proc);
 // the current value is not an integer; a later non-integer value fails the
 // script that sets it and leaves cell as it was. Once per name and cell.
 void sfi_traceVarInt(const char* name, int dflt, std::atomic<int>& cell);
+// The same for a setting of another module: apply receives the variable's
+// value now (dflt while unset; a value that is not an integer is left to the
+// start-up check) and each later one, under the Tcl lock.
+void sfi_traceVarInt(const char* name, int dflt, void (*apply)(int));
 // Directories searched by evalFile.
 void sfi_setDirectories(const std::string& datadir, const std::string& rootdir);
 

@@ -260,11 +260,19 @@ const std::atomic<bool>& sfi_builtInFlag(const char* name, TclProc proc) {
 
 namespace {
 
-// What a traced integer variable keeps up to date.
+// What a traced integer variable keeps up to date: a cell, or else a
+// setting handed each new value.
 struct TracedInt {
   std::string name;
   int dflt;
   std::atomic<int>* cell;
+  void (*apply)(int);
+  void set(int v) const {
+    if (cell)
+      cell->store(v);
+    else
+      apply(v);
+  }
 };
 
 const int kTraceFlags = TCL_GLOBAL_ONLY | TCL_TRACE_WRITES | TCL_TRACE_UNSETS;
@@ -272,7 +280,7 @@ const int kTraceFlags = TCL_GLOBAL_ONLY | TCL_TRACE_WRITES | TCL_TRACE_UNSETS;
 char* tracedIntChanged(ClientData data, Tcl_Interp* interp, const char*, const char*, int flags) {
   TracedInt* t = static_cast<TracedInt*>(data);
   if (flags & TCL_TRACE_UNSETS) {
-    t->cell->store(t->dflt);
+    t->set(t->dflt);
     // Unsetting removes the variable's traces: watch the name again so a
     // later set is seen too.
     if ((flags & TCL_TRACE_DESTROYED) && !(flags & TCL_INTERP_DESTROYED))
@@ -283,7 +291,7 @@ char* tracedIntChanged(ClientData data, Tcl_Interp* interp, const char*, const c
   int v;
   if (!value || Tcl_GetIntFromObj(nullptr, value, &v) != TCL_OK)
     return const_cast<char*>("not an integer: the previous value stays in force");
-  t->cell->store(v);
+  t->set(v);
   return nullptr;
 }
 
@@ -294,7 +302,18 @@ void sfi_traceVarInt(const char* name, int dflt, std::atomic<int>& cell) {
   if (!g_interp) return;
   MxLock guard(*g_tclLock);
   checkEntry("sfi_traceVarInt");
-  TracedInt* traced = new TracedInt{name, dflt, &cell};  // lives as long as the trace
+  TracedInt* traced = new TracedInt{name, dflt, &cell, nullptr};  // lives as long as the trace
+  Tcl_TraceVar(g_interp, name, kTraceFlags, tracedIntChanged, traced);
+}
+
+void sfi_traceVarInt(const char* name, int dflt, void (*apply)(int)) {
+  if (!g_interp) return;
+  MxLock guard(*g_tclLock);
+  checkEntry("sfi_traceVarInt");
+  Tcl_Obj* value = Tcl_GetVar2Ex(g_interp, name, nullptr, TCL_GLOBAL_ONLY);
+  int v = dflt;
+  if (!value || Tcl_GetIntFromObj(nullptr, value, &v) == TCL_OK) apply(v);
+  TracedInt* traced = new TracedInt{name, dflt, nullptr, apply};  // lives as long as the trace
   Tcl_TraceVar(g_interp, name, kTraceFlags, tracedIntChanged, traced);
 }
 
@@ -320,7 +339,7 @@ void evalFile(const char* name) {
   // still carry this file's errorCode and errorInfo.
   Tcl_InterpState state = Tcl_SaveInterpState(g_interp, TCL_ERROR);
   try {
-    sfi_reportEvent1("03_sf_eval_s", name);
+    sfi_reportEventArg("03_sf_eval_s", name);
   } catch (...) {
     Tcl_DiscardInterpState(state);
     throw;

@@ -8,6 +8,7 @@
 #include "sf/base/logcontrol.h"
 #include "sf/script/commands.h"
 #include "sf/script/interp.h"
+#include "sf/script/limits.h"
 #include "sf/sflib.h"
 
 #ifdef _WIN32
@@ -24,6 +25,7 @@ namespace sftest {
 
 void ensureInterp() {
   sf::sfi_tclCreate();
+  sf::sfi_handLimits();
 }
 
 void ensureCommands() {

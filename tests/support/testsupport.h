@@ -19,7 +19,7 @@ int unsetenv(const char* name);
 
 namespace sftest {
 
-// Creates the process's interpreter once (without the site script).
+// Creates the process's interpreter once, limit keys handed over (no site script).
 void ensureInterp();
 // ensureInterp(), and the library's script commands registered once.
 void ensureCommands();

@@ -1,4 +1,4 @@
-// The BER codec's settings come from the configuration keys, read once per
+// The BER codec's settings come from the configuration keys, fixed once per
 // process when the first component is made. A program of its own, so that no
 // earlier component has fixed them to their defaults.
 #include <gtest/gtest.h>

@@ -209,7 +209,7 @@ TEST(Events, LogLineAlwaysAndTranslatedTextWhenPosting) {
     sf::logandreport2("10_sf_idletimeout_s_s", "1.1.1.1:80", "2.2.2.2:9", __FILE__, __LINE__);
     sf::logandreport3("09_sf_readtimeout_s_s_d", "a", "b", "5", __FILE__, __LINE__);
     sf::setVarStr("sf.servicename", "proxyA");
-    sf::sfi_reportEvent1("16_sf_internalError_s", "lost");
+    sf::sfi_reportEventArg("16_sf_internalError_s", "lost");
     sf::setVarStr("sf.servicename", "");
     sf::logandreport("02_sf_bind_s", "x } [set ::injected 1] { y", __FILE__, __LINE__);
     sf::logandreport("99_sf_unknown_s", "x", __FILE__, __LINE__);
@@ -251,7 +251,8 @@ TEST(Events, EventRaisedWhileReportingIsDropped) {
       "rename ::msgcat::mcexists ::msgcat::sftest_mcexists\n"
       "proc ::msgcat::mcexists {args} {sf_event 17_sf_logError_s nested; "
       "uplevel 1 [list ::msgcat::sftest_mcexists {*}$args]}");
-  Texts posted = eventRecords(1, 1, [] { sf::sfi_reportEvent1("01_sf_connect_s", "10.0.0.1:25"); });
+  Texts posted =
+      eventRecords(1, 1, [] { sf::sfi_reportEventArg("01_sf_connect_s", "10.0.0.1:25"); });
   sf::eval("rename ::msgcat::mcexists {}; rename ::msgcat::sftest_mcexists ::msgcat::mcexists");
   EXPECT_EQ(posted, Texts{"[1] outgoing connection failed: 10.0.0.1:25 "});
   // The guard is cleared again: the next event is reported.
