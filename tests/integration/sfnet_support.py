@@ -244,19 +244,6 @@ def curl(*args):
     return int(code or 0), body
 
 
-def http_client(*args, timeout=30):
-    """Runs sf_httpclient; returns (exit status, [(status, body bytes)...], raw)."""
-    out = subprocess.run([os.path.join(BIN, "sf_httpclient")] + [str(a) for a in args],
-                         capture_output=True, timeout=timeout)
-    raw, answers = out.stdout, []
-    while raw.startswith(b"status "):
-        status, length, raw = raw.split(b"\n", 2)
-        n = int(length.split()[1])
-        answers.append((int(status.split()[1]), raw[:n]))
-        raw = raw[n + 1:]
-    return out.returncode, answers, out.stdout + out.stderr
-
-
 class Backend(socketserver.ThreadingTCPServer):
     """A scripted HTTP backend on a free port: answer(path, fields, request)
     gives the bytes sent back for each request (fields: lower-case names to

@@ -9,8 +9,8 @@ import subprocess
 import tempfile
 import unittest
 
-from sfnet_support import (Backend, Nginx, Site, SiteTest, Squid, curl, free_port, http_client,
-                           read, stop, wait_port, write)
+from sfnet_support import (Backend, Site, SiteTest, Squid, curl, free_port, read, stop, wait_port,
+                           write)
 
 HELPERS = "/usr/lib/squid"
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -82,15 +82,6 @@ class BasicAuth(SiteTest):
         for secret in ("sfpass", "webpw",
                        base64.b64encode(b"sfuser:sfpass").decode()):
             self.assertNotIn(secret, log)
-
-    def test_connect_answers_407(self):
-        nginx = Nginx()
-        self.addCleanup(nginx.close)
-        args = ("-p", "127.0.0.1", self.squid.port, "127.0.0.1", nginx.port, "/hello")
-        rc, answers, raw = http_client("-a", "sfuser", "sfpass", "-n", 2, *args)
-        self.assertEqual((rc, answers), (0, [(200, b"hello from nginx\n")] * 2), raw)
-        rc, answers, raw = http_client("-a", "sfuser", "wrong", *args)
-        self.assertEqual((rc, raw[:6]), (1, b"error "), raw)
 
 
 class NtlmAuth(unittest.TestCase):

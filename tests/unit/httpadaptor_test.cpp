@@ -479,5 +479,22 @@ TEST_F(Http, ChallengesAreAnsweredOnceWithConfiguredBasicCredentials) {
     for (size_t at = 0; (at = q.mem->written.find("GET /", at)) != std::string::npos; ++at) ++sent;
     EXPECT_EQ(sent, *f[1] ? 2u : 1u) << f[0];
   }
+
+  // CONNECT answers a challenge once too; what goes through the tunnel then
+  // carries no credentials, and a second challenge fails it.
+  const std::string challenge =
+      "HTTP/1.1 407 Auth\r\nProxy-Authenticate: Basic realm=\"R\"\r\nContent-Length: 0\r\n\r\n";
+  Peer tunnel(true, {challenge, "HTTP/1.1 200 Connection established\r\n\r\n"});
+  tunnel.http->httpConnect(tunnel.conn, "example.org:443");
+  const size_t again = tunnel.mem->written.rfind("CONNECT example.org:443 ");
+  EXPECT_TRUE(again > 0 && again != std::string::npos) << tunnel.mem->written;
+  EXPECT_TRUE(has(tunnel.mem->written.substr(again),
+                  ("\r\nProxy-Authorization: Basic " + sf::encodeBase64("proxyrealm:pw")).c_str()))
+      << tunnel.mem->written;
+  tunnel.mem->written.clear();
+  tunnel.http->get(&tunnel.conn, "/", {});
+  EXPECT_FALSE(has(tunnel.mem->written, "Authorization")) << tunnel.mem->written;
+  Peer refused(true, {challenge, challenge});
+  EXPECT_THROW(refused.http->httpConnect(refused.conn, "example.org:443"), sf::Xio);
   sf::eval("unset sf.http.authname sf.http.authpasswd");
 }
