@@ -166,11 +166,8 @@ TEST(StatsBlock, CreatorZeroesItAndASecondProcessFindsItAsLeft) {
             fs::perms::none);
 
   // The host's row stays first; the library's rows follow.
-  int timers = 0, counts = 0;
+  int timers = 0;
   const sf::StatDescriptor* t = sf::statDescriptors(sf::STAT_TIMER, &timers);
-  sf::statDescriptors(sf::STAT_COUNT, &counts);
-  EXPECT_EQ(timers, 1 + 59);
-  EXPECT_EQ(counts, 56);
   EXPECT_STREQ(t[0].name, "host_op");
   for (int i = 1; i < timers; ++i) EXPECT_EQ(t[i].kind, sf::STAT_TIMER);
 

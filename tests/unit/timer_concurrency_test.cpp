@@ -111,10 +111,13 @@ TEST(Timer, CancellingRacesFiringWithoutLosingOrDoublingAMessage) {
   EXPECT_LT(delivered.load(), total);
 }
 
-TEST(Timer, RemovingAPendingTimerDeletesItsMessageAndAFiredOneIsLeftAlone) {
+// A cancelled timer's message is deleted, and so is a due one no queue takes;
+// a fired one belongs to whoever took it.
+TEST(Timer, CancelledAndRefusedMessagesAreDeletedAndAFiredOneIsLeftAlone) {
   setUp();
   g_destroyed = 0;
-  sf::MessageQ q(4, "rm");
+  sftest::LogCapture log(1);
+  sf::MessageQ q(2, "refusing");
   sf::TimeoutId none;
   EXPECT_TRUE(none.isNull());
   EXPECT_FALSE(none.isSet() || !none);  // operator!, kept for hosts, means isSet()
@@ -130,6 +133,16 @@ TEST(Timer, RemovingAPendingTimerDeletesItsMessageAndAFiredOneIsLeftAlone) {
   delete m;
   sf::rmTimeout(sf::TimeoutId(999999));  // unknown: nothing happens
   EXPECT_EQ(g_destroyed.load(), 2);
+
+  sf::Message occupant;  // capacity 2 holds one: the queue is full
+  q.enQ(&occupant);
+  sf::mkTimeout_rel(0, 0, &q, new Counted(3));
+  sf::mkTimeout_rel(0, 0, nullptr, new Counted(4));
+  waitDestroyed(4);
+  EXPECT_EQ(g_destroyed.load(), 4);
+  EXPECT_TRUE(log.contains("queue refusing refused message"));
+  EXPECT_TRUE(log.contains("has no queue, message dropped"));
+  EXPECT_EQ(q.deQ(), &occupant);
 }
 
 TEST(Timer, PeriodicTimerPostsTheSameMessageUnderNewIds) {
@@ -161,22 +174,6 @@ TEST(Timer, PeriodicTimerPostsTheSameMessageUnderNewIds) {
   }
   EXPECT_EQ(g_destroyed.load(), 1);
   while (q.size() > 0) q.deQ();  // copies pointing at the deleted message
-}
-
-TEST(Timer, RefusedDueMessageIsLoggedAndDeleted) {
-  setUp();
-  g_destroyed = 0;
-  sftest::LogCapture log(1);
-  sf::MessageQ full(2, "refusing");
-  sf::Message occupant;
-  full.enQ(&occupant);
-  sf::mkTimeout_rel(0, 0, &full, new Counted(1));
-  sf::mkTimeout_rel(0, 0, nullptr, new Counted(2));
-  waitDestroyed(2);
-  EXPECT_EQ(g_destroyed.load(), 2);
-  EXPECT_TRUE(log.contains("queue refusing refused message"));
-  EXPECT_TRUE(log.contains("has no queue, message dropped"));
-  EXPECT_EQ(full.deQ(), &occupant);
 }
 
 TEST(Timer, ScriptCommandsArmAndCancel) {
