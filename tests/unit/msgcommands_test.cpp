@@ -10,7 +10,7 @@
 
 namespace {
 
-TEST(QueueCommands, MakeQueueAndForwardTheCurrentMessage) {
+TEST(QueueCommands, MakeQueueForwardAndShowTheCurrentMessage) {
   sftest::ensureCommands();
   sftest::LogCapture log(5);
   sf::setVarInt("sf.qsize", 3);
@@ -40,15 +40,12 @@ TEST(QueueCommands, MakeQueueAndForwardTheCurrentMessage) {
   delete m;
   delete second;
   sf::setContext(nullptr);  // deletes third with the context
-}
 
-TEST(QueueCommands, EnvironmentDumpAndThreadId) {
-  sftest::ensureCommands();
-  sf::setContext(nullptr);
+  // The current message's environment and dump.
   EXPECT_THROW(sf::eval("sfenv HttpRequestURL"), sf::Xtcl);  // no current message
   EXPECT_THROW(sf::eval("sf_dumpMsg"), sf::Xtcl);
 
-  sf::Message* m = new sf::Message;
+  m = new sf::Message;
   m->setenv("HttpRequestURL", "/index.html");
   m->data = new sf::Buffer;
   m->data->append("AB");

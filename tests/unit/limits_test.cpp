@@ -1,12 +1,33 @@
-// The BER codec's settings come from the configuration keys, fixed once per
-// process when the first component is made. A program of its own, so that no
-// earlier component has fixed them to their defaults.
+// The limits the configuration hands to the library once per process: the
+// sf.maxbuf ceiling, read separately by the Buffer constructor and by extend,
+// and the BER codec's keys, fixed when the first component is made. A program
+// of its own, so that nothing earlier has read them at their defaults.
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "sf/sflib.h"
 #include "support/testsupport.h"
+
+TEST(BufferCeiling, ReadOnceIntoTwoSeparateCaches) {
+  sftest::ensureInterp();
+  sf::setVarInt("sf.maxbuf", 100);
+  sf::Buffer first(100);  // the constructor reads the ceiling now: 100
+  EXPECT_THROW(sf::Buffer(101), sf::Xbounds);
+
+  // extend has not read it yet; it sees the value at its own first use, and
+  // a negative one means no ceiling.
+  sf::setVarInt("sf.maxbuf", -1);
+  sf::Buffer wide;
+  wide.extend(20 * 1024 * 1024);
+  EXPECT_THROW(sf::Buffer(101), sf::Xbounds);
+
+  // Later changes reach neither.
+  sf::setVarInt("sf.maxbuf", 1000);
+  EXPECT_THROW(sf::Buffer(101), sf::Xbounds);
+  sf::Buffer other;
+  other.extend(30 * 1024 * 1024);
+}
 
 namespace {
 
