@@ -1,6 +1,7 @@
 // Named, bounded message queues and their registry.
 #include "sf/work/msgq.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cinttypes>
 #include <cstdint>
@@ -203,12 +204,20 @@ bool MessageQ::watch(platform::Wakeup* w) {
 
 void MessageQ::unwatch(platform::Wakeup* w) {
   platform::mutex_lock(q->mx);
-  for (auto it = q->watchers.begin(); it != q->watchers.end(); ++it)
-    if (*it == w) {
-      q->watchers.erase(it);
-      break;
-    }
+  platform::Wakeup* next = nullptr;
+  auto it = std::find(q->watchers.begin(), q->watchers.end(), w);
+  if (it != q->watchers.end()) {
+    q->watchers.erase(it);
+  } else if (q->head.load(std::memory_order_relaxed) != q->tail.load(std::memory_order_relaxed) &&
+             !q->watchers.empty()) {
+    // An enQ rang w, and w leaves with a message still there (it took
+    // another one, or none): the announcement goes on to the next watcher,
+    // or that message would wait for the next enQ.
+    next = q->watchers.front();
+    q->watchers.erase(q->watchers.begin());
+  }
   release(q->mx);
+  if (next) WakeupBatch::ring(next);
 }
 
 // Removes the oldest message once the count has been taken for it.

@@ -45,7 +45,9 @@ class MessageQ {
   // queue is looked at and w hung on it in one step, so that no message goes
   // unannounced: false, without watching, when a message is there already
   // (tryDeQ takes it, or takes it a moment later, once its producer has
-  // finished releasing it). Watchers are woken one per enQ, oldest first.
+  // finished releasing it). Watchers are woken one per enQ, oldest first;
+  // one that was woken and unwatches while messages remain passes its
+  // wake-up on to the next watcher.
   bool watch(platform::Wakeup* w);
   void unwatch(platform::Wakeup* w);
 

@@ -61,6 +61,18 @@ TEST(MessageQ, RingKeepsOneSlotEmptyAndRefusesWhenFull) {
   }
   EXPECT_EQ(q.size(), 0);
 
+  // A watcher woken for a message it leaves behind hands the wake-up on.
+  sf::platform::Wakeup first, second;
+  sf::platform::EventSet set;
+  set.add(second.fd(), 0, sf::platform::EventSet::Level);
+  sf::platform::EventSet::Ready ready;
+  ASSERT_TRUE(q.watch(&first) && q.watch(&second));
+  q.enQ(&a);
+  q.unwatch(&first);
+  EXPECT_EQ(set.wait(&ready, 1, 0), 1);
+  q.unwatch(&second);
+  EXPECT_EQ(q.deQ(), &a);
+
   sf::MessageQ one(1, "one");  // holds nothing
   EXPECT_THROW(one.enQ(&a), sf::Xstate);
   EXPECT_EQ(one.size(), 0);
