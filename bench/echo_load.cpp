@@ -100,8 +100,11 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::sort(lat.begin(), lat.end());
-  auto pct = [&](double p) { return lat[static_cast<size_t>(p * (lat.size() - 1))]; };
+  auto pct = [&](double p) {
+    return lat[static_cast<size_t>(p * static_cast<double>(lat.size() - 1))];
+  };
   printf("clients=%d round_trips=%zu rt_per_s=%.0f p50_us=%u p99_us=%u max_us=%u errors=%ld\n", n,
-         lat.size(), lat.size() / seconds, pct(0.50), pct(0.99), lat.back(), errors);
+         lat.size(), static_cast<double>(lat.size()) / seconds, pct(0.50), pct(0.99), lat.back(),
+         errors);
   return 0;
 }

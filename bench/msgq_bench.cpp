@@ -77,7 +77,7 @@ class SfQueue {
 
 double percentile(std::vector<std::int64_t>& v, double p) {
   if (v.empty()) return 0;
-  size_t k = static_cast<size_t>(p * (v.size() - 1));
+  size_t k = static_cast<size_t>(p * static_cast<double>(v.size() - 1));
   std::nth_element(v.begin(), v.begin() + k, v.end());
   return static_cast<double>(v[k]);
 }

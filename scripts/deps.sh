@@ -4,8 +4,8 @@
 set -euo pipefail
 
 build_pkgs=(cmake ninja-build g++ pkg-config tcl8.6 tcl8.6-dev libkrb5-dev)
-test_pkgs=(clang libclang-rt-14-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
-           python3 curl netcat-openbsd procps rsyslog openssl ca-certificates libssl-dev
+test_pkgs=(clang clang-format clang-tidy libclang-rt-14-dev googletest libgtest-dev libgmock-dev
+           libbenchmark-dev python3 curl netcat-openbsd procps rsyslog openssl ca-certificates libssl-dev
            libtasn1-6-dev slapd ldap-utils nginx-light squid wrk gss-ntlmssp python3-gssapi)
 # The HTTP proxy benchmark compares against HAProxy as well.
 test_pkgs+=(haproxy)

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Builds and runs every test three ways: a normal build, an ASan+UBSan build,
-# and a TSan build of the concurrency tests; then the fuzz targets for a
-# bounded time, and the Windows cross-build's unit tests and echo site under
-# Wine. Exits non-zero on the first failure.
+# Checks the sources' format and runs clang-tidy over the library (which also
+# checks the lock annotations), then builds and runs every test three ways: a
+# normal build, an ASan+UBSan build, and a TSan build of the concurrency
+# tests; then the fuzz targets for a bounded time, and the Windows
+# cross-build's unit tests and echo site under Wine. Exits non-zero on the
+# first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh test
@@ -15,6 +17,22 @@ configure() {  # dir, extra cmake args...
   cmake -S . -B "$dir" -G Ninja -DSF_TESTS=ON "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
 }
+
+stage "format (clang-format)"
+unformatted=$(git ls-files -- '*.c' '*.cc' '*.cpp' '*.h' '*.hpp' |
+  xargs clang-format --dry-run -Werror 2>&1 | sed -n 's/^\([^:]*\):[0-9]*:[0-9]*: error: .*/\1/p' |
+  sort -u || true)
+if [ -n "$unformatted" ]; then
+  printf 'not formatted as .clang-format says (clang-format -i FILE...):\n%s\n' "$unformatted" >&2
+  exit 1
+fi
+
+stage "clang-tidy over sf/, host/ and tools/ (.clang-tidy)"
+cmake -S . -B build -G Ninja -DSF_TESTS=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSF_BENCH=ON >/dev/null
+if ! run-clang-tidy -quiet -p build -j "$jobs" "^$PWD/(sf|host|tools)/" >build/tidy.log 2>&1; then
+  grep -A3 -E '(warning|error): ' build/tidy.log >&2
+  exit 1
+fi
 
 stage "normal build"
 configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSF_BENCH=ON

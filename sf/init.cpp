@@ -84,7 +84,8 @@ std::string rootDirectory(const std::string& option) {
   if (!option.empty()) return option;
   if (const char* env = getenv("SFROOTDIR")) return env;
   std::string path = platform::executable_path();
-  if (!cutLast(path) || !cutLast(path)) fatalStartup("root directory not found");
+  for (int level = 0; level < 2; ++level)
+    if (!cutLast(path)) fatalStartup("root directory not found");
   return path;
 }
 

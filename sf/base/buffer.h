@@ -76,7 +76,7 @@ struct Buffer {
 
 struct ExtBuffer : Buffer {
   ExtBuffer(void* mem, int capacity_, int used_);
-  ~ExtBuffer();
+  ~ExtBuffer() override;
   // Throws Xmem when n exceeds the fixed capacity.
   void extend(size_t n) override;
   // Resets the length only; the caller's memory stays.

@@ -9,6 +9,8 @@
 
 #include <cstdint>
 
+#include "sf/base/threadsafety.h"
+
 namespace sf {
 
 namespace platform {
@@ -16,7 +18,7 @@ struct RecursiveMutex;
 struct AutoEvent;
 }  // namespace platform
 
-class Mx {
+class SF_CAPABILITY("mutex") Mx {
  public:
   // Creates an unowned recursive mutex; throws Xsys("CreateMutex") when the
   // system cannot. The flag is accepted for compatibility and ignored.
@@ -27,9 +29,9 @@ class Mx {
   Mx& operator=(const Mx&) = delete;
 
   // Waits without limit; throws Xsys("WaitForSingleObject") on failure.
-  void lock();
+  void lock() SF_ACQUIRE();
   // Releases one level; a release by a non-owner is fatal.
-  void unlock();
+  void unlock() SF_RELEASE();
 
   // True when the calling thread holds this lock.
   bool ownedByCaller() const;
@@ -43,11 +45,11 @@ class Mx {
 
 // Holds an Mx for its scope, so that exceptions thrown while holding it
 // release it.
-class MxLock {
+class SF_SCOPED_CAPABILITY MxLock {
  public:
-  explicit MxLock(Mx& mx) : mx_(&mx) { mx_->lock(); }
-  explicit MxLock(Mx* mx) : mx_(mx) { mx_->lock(); }
-  ~MxLock() { mx_->unlock(); }
+  explicit MxLock(Mx& mx) SF_ACQUIRE(mx) : mx_(&mx) { mx_->lock(); }
+  explicit MxLock(Mx* mx) SF_ACQUIRE(mx) : mx_(mx) { mx_->lock(); }
+  ~MxLock() SF_RELEASE() { mx_->unlock(); }
   MxLock(const MxLock&) = delete;
   MxLock& operator=(const MxLock&) = delete;
 

@@ -27,7 +27,7 @@ const std::uint64_t kBellKey = 1ull << 40;
 // How often exchanges are looked at for time-outs and clients gone.
 const int kSweepMs = 500;
 // The most read from one connection in one go beyond what has arrived.
-const size_t kReadAhead = 64 * 1024;
+const size_t kReadAhead = size_t{64} * 1024;
 
 // Makes msg the thread's current message while it lives. The server's answer
 // is read with none, so that its headers never land in the client's
@@ -76,10 +76,9 @@ int HttpWorker::Exchanges::takeSlot() {
 // (the event set reports it writable once it is).
 bool HttpWorker::Exchanges::connect(int k) {
   Slot& s = slots_[k];
-  const PortAddr& server = worker_.server;
   bool pending = false;
-  s.backend = sfi_connectStart(server, &pending);
-  SF_LOG(4, "HTTP - Connecting to HTTP server %s", server.str().c_str());
+  s.backend = sfi_connectStart(worker_.server, &pending);
+  SF_LOG(4, "HTTP - Connecting to HTTP server %s", worker_.server.str().c_str());
   s.backend.push(new TcpAdaptor);
   HttpAdaptor* http = new HttpAdaptor(true);
   http->setStrictResponse(true);
@@ -91,7 +90,7 @@ bool HttpWorker::Exchanges::connect(int k) {
   const std::uint64_t fd = static_cast<std::uint64_t>(s.fd), key = static_cast<std::uint64_t>(k);
   if (set_.add(fd, key, platform::EventSet::Level) != 0 ||
       (pending && set_.watchWrite(fd, key, platform::EventSet::Level, true) != 0)) {
-    SF_LOG(1, "HTTP - cannot watch the connection to %s", server.str().c_str());
+    SF_LOG(1, "HTTP - cannot watch the connection to %s", worker_.server.str().c_str());
     dropConnection(k);
     SF_THROW("forward", Xio());
   }
@@ -222,7 +221,7 @@ void HttpWorker::Exchanges::onReady(const platform::EventSet::Ready& ready, Ms n
 // there is once the server closed) and relays it.
 void HttpWorker::Exchanges::finish(int k) {
   Slot& s = slots_[k];
-  const std::string server = worker_.server.str();
+  const std::string serverName = worker_.server.str();
   Buffer answer;
   int status = 0;
   try {
@@ -235,7 +234,7 @@ void HttpWorker::Exchanges::finish(int k) {
       // Not a byte of the answer came: a kept connection that the server
       // closed meanwhile is replaced once.
       if (!s.kept) throw BadGateway();
-      SF_LOG(4, "HTTP - kept connection to %s was closed, connecting again", server.c_str());
+      SF_LOG(4, "HTTP - kept connection to %s was closed, connecting again", serverName.c_str());
       dropConnection(k);
       begin(k);
       s.since = monotonicMs();
@@ -244,14 +243,14 @@ void HttpWorker::Exchanges::finish(int k) {
     // Bytes past the answer mean more than one message: nothing of this
     // exchange can be trusted.
     if (s.backend.socketNo() != INVALID_SOCK && s.backend.hasBufferedData()) {
-      SF_LOG(1, "HTTP - Server %s sent bytes after its answer", server.c_str());
+      SF_LOG(1, "HTTP - Server %s sent bytes after its answer", serverName.c_str());
       throw BadGateway();
     }
   } catch (BadGateway&) {
-    SF_LOG(1, "HTTP - invalid answer from %s, replying 502", server.c_str());
+    SF_LOG(1, "HTTP - invalid answer from %s, replying 502", serverName.c_str());
     status = 502;
   } catch (X& x) {
-    SF_LOG(3, "HTTP - forwarding to %s failed - %s", server.c_str(), x.str().c_str());
+    SF_LOG(3, "HTTP - forwarding to %s failed - %s", serverName.c_str(), x.str().c_str());
     status = -1;
   }
   end(k, status, answer);

@@ -149,7 +149,7 @@ void HttpAdaptor::deliverResponse(Connection* c, Buffer& body) {
   std::string& got = p.body();
   body.append(got.data(), got.size());
   // A kept connection holds no large body's room while it waits.
-  if (got.capacity() > 4 * kReadBlock)
+  if (got.capacity() > size_t{4} * kReadBlock)
     std::string().swap(got);
   else
     got.clear();

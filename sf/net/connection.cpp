@@ -37,9 +37,9 @@ typedef unsigned long long ull;
 // The registry of live records by id, and the id counter, under one lock.
 struct Registry {
   Mx lock;
-  std::map<int, i_Connection*> byId;
-  bool seeded = false;
-  std::int64_t counter = 0;
+  std::map<int, i_Connection*> byId SF_GUARDED_BY(lock);
+  bool seeded SF_GUARDED_BY(lock) = false;
+  std::int64_t counter SF_GUARDED_BY(lock) = 0;
 };
 
 Registry& registry() {
@@ -54,14 +54,13 @@ int readTimeoutDefault() {
 
 }  // namespace
 
-Mx& sfi_registryLock() {
+Mx& sfi_registryLock() SF_RETURN_CAPABILITY(registry().lock) {
   return registry().lock;
 }
 
 i_Connection* sfi_findConnection(int id) {
-  auto& r = registry();
-  auto it = r.byId.find(id);
-  return it == r.byId.end() ? nullptr : it->second;
+  auto it = registry().byId.find(id);
+  return it == registry().byId.end() ? nullptr : it->second;
 }
 
 size_t sfi_connectionCount() {
@@ -152,6 +151,7 @@ Connection::Connection(const Connection& o) : rec_(o.rec_) {
   }
 }
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): the same record covers the same object.
 Connection& Connection::operator=(const Connection& o) {
   if (rec_ == o.rec_) return *this;
   i_Connection* taken = o.rec_;

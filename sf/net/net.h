@@ -72,7 +72,7 @@ class i_Port {
 
   std::string name;
   std::atomic<socket_t> fd;
-  Mx lock;                   // guards mailboxes
+  Mx lock;
   std::string acceptAction;  // under actionLock: set from scripts while the reader runs
   Event closed;
   std::atomic<std::int32_t> idleTimeout_s;
@@ -86,7 +86,7 @@ class i_Port {
   std::atomic<std::size_t> open{0};
   // One per reader thread that ever served the port; never shrinks, so a
   // connection's pointer to its reader's mailbox stays valid.
-  std::deque<ReaderMailbox> mailboxes;
+  std::deque<ReaderMailbox> mailboxes SF_GUARDED_BY(lock);
   // When a full queue was last reported for this port, seconds since the
   // epoch.
   std::atomic<std::int64_t> overloadLoggedAt{0};
@@ -160,7 +160,7 @@ class i_Connection {
 // The registry lock and the record of id, if registered. Callers hold
 // sfi_registryLock() while they use the pointer.
 Mx& sfi_registryLock();
-i_Connection* sfi_findConnection(int id);
+i_Connection* sfi_findConnection(int id) SF_REQUIRES(sfi_registryLock());
 // Removes rec from the registry (idempotent).
 void sfi_unregister(i_Connection* rec);
 

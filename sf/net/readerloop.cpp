@@ -42,7 +42,7 @@ typedef unsigned long long ull;
 const int kPassMs = 10000;
 // The most a connection holds beyond an unfinished message (the framing
 // step bounds the message itself).
-const size_t kReadAhead = 64 * 1024;
+const size_t kReadAhead = size_t{64} * 1024;
 // Messages served from one connection before the others get their turn.
 const int kBurst = 16;
 // After an accept failed for lack of descriptors or memory.

@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+#include "sf/base/threadsafety.h"
+
 namespace sf {
 namespace platform {
 
@@ -14,11 +16,14 @@ namespace platform {
 // hold it fails (returns a non-zero system error code) instead of corrupting
 // the lock. Returns null when the system cannot create one (last_error() tells
 // why).
-struct RecursiveMutex;
+struct SF_CAPABILITY("mutex") RecursiveMutex;
 RecursiveMutex* mutex_create();
 void mutex_destroy(RecursiveMutex* m);
-int mutex_lock(RecursiveMutex* m);    // 0 or a system error code
-int mutex_unlock(RecursiveMutex* m);  // 0 or a system error code (EPERM: not owner)
+// 0 or a system error code. The lock annotations take a call as taking or
+// releasing the lock: a failure is a broken system, which callers throw on
+// or end the process for.
+int mutex_lock(RecursiveMutex* m) SF_ACQUIRE(m);
+int mutex_unlock(RecursiveMutex* m) SF_RELEASE(m);  // EPERM: not the owner
 // True when the calling thread holds m (at any depth).
 bool mutex_owned_by_caller(const RecursiveMutex* m);
 // Opaque value that identifies the mutex in trace records.

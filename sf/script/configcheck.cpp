@@ -45,7 +45,7 @@ const Key kKeys[] = {
     {"sf.maxbuf", Kind::Integer, 4096, kGiB},
     {"sf.log.dir", Kind::Directory, 0, 0},
     {"sf.log.filename", Kind::FileName, 0, 0},
-    {"sf.log.filemax", Kind::Integer, 1, 1024 * 1024},
+    {"sf.log.filemax", Kind::Integer, 1, 1024LL * 1024},
     {"sf.log.numfiles", Kind::Integer, 1, 1000},
     {"sf.log.level", Kind::Integer, 0, 255},
     {"sf.log.useevorsyslog", Kind::Integer, 0, 1},
@@ -68,7 +68,7 @@ const Key kKeys[] = {
     {"sf.ber.logerrorlevel", Kind::Integer, 0, 255},
     {"sf.ber.loginfolevel", Kind::Integer, 0, 255},
     {"proxy.*.maxlength", Kind::Integer, INT_MIN, kGiB},  // below 1: no BER item limit
-    {"sf.http.header.maxlength", Kind::Integer, 64, 64 * 1024 * 1024},
+    {"sf.http.header.maxlength", Kind::Integer, 64, 64LL * 1024 * 1024},
     {"sf.http.body.maxlength", Kind::Integer, 0, kGiB},
     {"sf.http.statusResult", Kind::Integer, 100, 599},
     {"sf.http.statusReason", Kind::HeaderText, 0, 0},

@@ -26,8 +26,13 @@ namespace sf {
 
 namespace {
 
-Tcl_Interp* g_interp = nullptr;
 Mx* g_tclLock = nullptr;
+Tcl_Interp* g_interp SF_GUARDED_BY(*g_tclLock) = nullptr;
+// The interpreter is made once, by the starting thread; whether it exists is
+// read without the lock (which exists as soon as it does), using it is not.
+bool interpCreated() SF_NO_THREAD_SAFETY_ANALYSIS {
+  return g_interp != nullptr;
+}
 std::map<std::string, TclProc>& commandTable() {
   static std::map<std::string, TclProc> table;
   return table;
@@ -35,12 +40,12 @@ std::map<std::string, TclProc>& commandTable() {
 std::string g_dataDir;
 std::string g_rootDir;
 
+#ifndef NDEBUG
 // The thread inside the outermost unfinished evaluation, and how deeply it
 // is nested. Changed only under the lock; read by the entry check.
 std::atomic<std::thread::id> g_evalThread{};
 std::atomic<int> g_evalDepth{0};
 
-#ifndef NDEBUG
 [[noreturn]] void misuse(const char* entry, const char* why) {
   fprintf(stderr, "sf: Tcl interpreter entered through %s %s; called from:\n", entry, why);
   platform::print_stack_trace();
@@ -143,7 +148,7 @@ Xtcl::Xtcl() : X(2, 8) {
 }
 
 void sfi_tclCreate() {
-  if (g_interp) return;
+  if (interpCreated()) return;
   Tcl_FindExecutable(platform::executable_path().c_str());
   // The lock exists before the interpreter is published: code that finds the
   // interpreter may take the lock at once.
@@ -159,7 +164,7 @@ bool sfi_tclInitLibrary() {
 }
 
 bool sfi_tclReady() {
-  return g_interp != nullptr;
+  return interpCreated();
 }
 
 bool sfi_tclHeldByCaller() {
@@ -167,7 +172,7 @@ bool sfi_tclHeldByCaller() {
 }
 
 void sfi_tclThreadDone() {
-  if (!g_interp) return;
+  if (!interpCreated()) return;
   // What Tcl keeps for this thread may refer to the shared interpreter.
   MxLock guard(*g_tclLock);
   checkEntry("sfi_tclThreadDone");
@@ -232,7 +237,7 @@ std::string sfi_quietEval(const char* script) {
 
 namespace {
 
-bool isBuiltIn(const char* name, TclProc proc) {
+bool isBuiltIn(const char* name, TclProc proc) SF_REQUIRES(*g_tclLock) {
   Tcl_CmdInfo info;
   return Tcl_GetCommandInfo(g_interp, name, &info) && info.proc == dispatch &&
          info.clientData == reinterpret_cast<ClientData>(proc);
@@ -299,7 +304,7 @@ char* tracedIntChanged(ClientData data, Tcl_Interp* interp, const char*, const c
 
 void sfi_traceVarInt(const char* name, int dflt, std::atomic<int>& cell) {
   cell.store(getVarInt(name, dflt));
-  if (!g_interp) return;
+  if (!interpCreated()) return;
   MxLock guard(*g_tclLock);
   checkEntry("sfi_traceVarInt");
   TracedInt* traced = new TracedInt{name, dflt, &cell, nullptr};  // lives as long as the trace
@@ -307,7 +312,7 @@ void sfi_traceVarInt(const char* name, int dflt, std::atomic<int>& cell) {
 }
 
 void sfi_traceVarInt(const char* name, int dflt, void (*apply)(int)) {
-  if (!g_interp) return;
+  if (!interpCreated()) return;
   MxLock guard(*g_tclLock);
   checkEntry("sfi_traceVarInt");
   Tcl_Obj* value = Tcl_GetVar2Ex(g_interp, name, nullptr, TCL_GLOBAL_ONLY);
@@ -358,27 +363,31 @@ namespace {
 // A command procedure that a script thread calls directly (spinThread) runs
 // outside any evaluation, without the lock: it has nobody to give a result
 // to, and must not write into what another thread is evaluating.
-bool resultWanted(const char* entry) {
-  if (!g_tclLock->ownedByCaller()) return false;
+// Whether the caller holds the lock is known only at run time, so the
+// analysis is told nothing here.
+Tcl_Interp* resultInterp(const char* entry) SF_NO_THREAD_SAFETY_ANALYSIS {
+  if (!g_tclLock->ownedByCaller()) return nullptr;
   checkEntry(entry);
-  return true;
+  return g_interp;
 }
 }  // namespace
 
 void setRes(const char* s) {
-  if (resultWanted("setRes")) Tcl_SetResult(g_interp, const_cast<char*>(s), TCL_VOLATILE);
+  if (Tcl_Interp* interp = resultInterp("setRes"))
+    Tcl_SetResult(interp, const_cast<char*>(s), TCL_VOLATILE);
 }
 
 void appRes(const char* s) {
-  if (resultWanted("appRes")) Tcl_AppendResult(g_interp, s, static_cast<char*>(nullptr));
+  if (Tcl_Interp* interp = resultInterp("appRes"))
+    Tcl_AppendResult(interp, s, static_cast<char*>(nullptr));
 }
 
 void appResElem(const char* s) {
-  if (resultWanted("appResElem")) Tcl_AppendElement(g_interp, s);
+  if (Tcl_Interp* interp = resultInterp("appResElem")) Tcl_AppendElement(interp, s);
 }
 
 int getVarInt(const char* name, int dflt) {
-  if (!g_interp) return dflt;
+  if (!interpCreated()) return dflt;
   MxLock guard(*g_tclLock);
   checkEntry("getVarInt");
   Tcl_Obj* value = Tcl_GetVar2Ex(g_interp, name, nullptr, TCL_GLOBAL_ONLY);
@@ -389,7 +398,7 @@ int getVarInt(const char* name, int dflt) {
 }
 
 std::string getVarStr(const char* name, const char* dflt) {
-  if (!g_interp) return dflt;
+  if (!interpCreated()) return dflt;
   MxLock guard(*g_tclLock);
   checkEntry("getVarStr");
   const char* value = Tcl_GetVar(g_interp, name, TCL_GLOBAL_ONLY);

@@ -47,13 +47,12 @@ struct QueueState {
   // before it takes mx, read them without a data race.
   std::atomic<std::int32_t> head;  // next message to take
   std::atomic<std::int32_t> tail;  // next free slot
-  Message** ring;
+  Message** ring SF_PT_GUARDED_BY(mx);
   platform::CountingSemaphore* count;  // queued messages; consumers wait here
-  platform::RecursiveMutex* mx;        // guards head, tail and ring
+  platform::RecursiveMutex* mx;        // guards head, tail, ring and watchers
   platform::AutoEvent* emptied;        // a quiescing queue became empty
-  // Consumers waiting elsewhere for the next enQ (watch), oldest first;
-  // guarded by mx.
-  std::vector<platform::Wakeup*> watchers;
+  // Consumers waiting elsewhere for the next enQ (watch), oldest first.
+  std::vector<platform::Wakeup*> watchers SF_GUARDED_BY(mx);
 };
 
 namespace {
@@ -77,7 +76,7 @@ std::map<std::string, MessageQ*>& registry() {
 int traceEnQ = 0, traceEnQfull = 0, traceDeQ = 0;
 
 // A release that fails means the lock discipline is broken.
-void release(platform::RecursiveMutex* mx) {
+void release(platform::RecursiveMutex* mx) SF_RELEASE(mx) {
   if (platform::mutex_unlock(mx) != 0) sf_fatal("ReleaseMutex");
 }
 

@@ -44,18 +44,18 @@ struct Entry {
 };
 
 struct TimerState {
-  Mx mx;                      // guards everything below
-  std::list<Entry> pending;   // sorted by expiry; equal expiries in making order
-  std::uint32_t counter = 0;  // last id given out
+  Mx mx;
+  std::list<Entry> pending SF_GUARDED_BY(mx);   // sorted by expiry; equal expiries in making order
+  std::uint32_t counter SF_GUARDED_BY(mx) = 0;  // last id given out
   Event wake;
   // The expiry the thread sleeps until; (0, 0) while it is awake, when it
   // looks at the list again before it sleeps.
-  TimeVal sleepUntil{0, 0};
+  TimeVal sleepUntil SF_GUARDED_BY(mx){0, 0};
   // The system tick count is 32 bits of milliseconds and wraps after about
   // 49.7 days. The timer extends it to 64 bits (the thread looks at it at
   // least every 10 seconds), so that seconds stay monotonic for far longer
   // than any process lives and pending timers survive the wrap.
-  TickExtender clock;
+  TickExtender clock SF_GUARDED_BY(mx);
 };
 
 TimerState* g_timer = nullptr;
@@ -67,8 +67,8 @@ TimerState& timer() {
   return *g_timer;
 }
 
-// Now, from the tick count. Called with the timer mutex held.
-TimeVal now(TimerState& t) {
+// Now, from the tick count.
+TimeVal now(TimerState& t) SF_REQUIRES(t.mx) {
   std::uint64_t ms = t.clock.extend(platform::tick_count_ms());
   return TimeVal{static_cast<std::uint32_t>(ms / 1000),
                  static_cast<std::uint32_t>((ms % 1000) * 1000)};
@@ -147,7 +147,7 @@ void timerThread(void*) {
   auto note = [&](std::string line) {
     if (sfi_on(8)) chatter.push_back(std::move(line));
   };
-  auto unlock = [&] {
+  auto unlock = [&]() SF_RELEASE(t.mx) {
     t.mx.unlock();
     for (const std::string& line : chatter) SF_LOG(8, "%s", line.c_str());
     chatter.clear();

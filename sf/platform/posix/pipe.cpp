@@ -10,7 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
+// POSIX requires the declaration; glibc makes it too, but only with _GNU_SOURCE.
+extern char** environ;  // NOLINT(readability-redundant-declaration)
 
 namespace sf {
 namespace platform {
@@ -52,6 +53,7 @@ long spawn(const std::string& program, const std::vector<std::string>& argv,
   // Everything the child needs is prepared before fork: after it, only
   // async-signal-safe calls.
   std::vector<char*> args;
+  args.reserve(argv.size() + 1);
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
   std::vector<std::string> merged;
@@ -65,6 +67,7 @@ long spawn(const std::string& program, const std::vector<std::string>& argv,
   }
   for (const std::string& x : env) merged.push_back(x);
   std::vector<char*> envp;
+  envp.reserve(merged.size() + 1);
   for (const std::string& e : merged) envp.push_back(const_cast<char*>(e.c_str()));
   envp.push_back(nullptr);
 

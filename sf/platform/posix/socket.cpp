@@ -93,14 +93,14 @@ int get_sndbuf(sock_t s, int* bytes) {
 int set_rcvtimeo_ms(sock_t s, unsigned ms) {
   timeval tv;
   tv.tv_sec = ms / 1000;
-  tv.tv_usec = (ms % 1000) * 1000;
+  tv.tv_usec = static_cast<suseconds_t>(ms % 1000) * 1000;
   return setsockopt(fdof(s), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 }
 
 int set_sndtimeo_ms(sock_t s, unsigned ms) {
   timeval tv;
   tv.tv_sec = ms / 1000;
-  tv.tv_usec = (ms % 1000) * 1000;
+  tv.tv_usec = static_cast<suseconds_t>(ms % 1000) * 1000;
   return setsockopt(fdof(s), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
 }
 
