@@ -29,21 +29,18 @@ class EchoTest(SiteTest):
         b.close()
         waiting.close()
 
-    def test_idle_client_is_closed_with_event(self):
-        s = self.site(echo_config(bindextra="-idletimeout 1"), level=1)
+    def test_idle_client_and_silent_server_time_out(self):
+        silent = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(silent.close)
+        start = ("set r [catch {sf_ping 127.0.0.1 %d hello} e]\n"
+                 "sf_log 0 \"ping result $r\"\n" % silent.getsockname()[1])
+        s = self.site(echo_config("set sf.readtimeout 1", "-idletimeout 1"), start, level=1)
         with connect(s.port) as idle, connect(s.port) as busy:
             self.assertTrue(echoes(busy, b"ok"))
             self.assertEqual(idle.recv(10), b"")  # the server closed it
         s.wait_log("10_sf_idletimeout_s_s")
         self.assertIn("closing idle connection", s.text())
-
-    def test_read_timeout_of_an_outgoing_connection(self):
-        silent = socket.create_server(("127.0.0.1", 0))
-        self.addCleanup(silent.close)
-        start = ("set r [catch {sf_ping 127.0.0.1 %d hello} e]\n"
-                 "sf_log 0 \"ping result $r\"\n" % silent.getsockname()[1])
-        s = self.site(echo_config("set sf.readtimeout 1"), start=start)
-        peer, _ = silent.accept()
+        peer, _ = silent.accept()  # the outgoing sf_ping, never answered
         self.addCleanup(peer.close)
         self.assertEqual(recv_exactly(peer, 5), b"hello")
         s.wait_log("ping result 1")
