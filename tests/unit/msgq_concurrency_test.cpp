@@ -215,6 +215,9 @@ int quiesceChild() {
   // The consumer needs the interpreter lock per message, as a dummy worker
   // does. A caller holding it, as a nested script command does, must not
   // wait (nor drop it); a caller without it waits until the queue is empty.
+  // Taken before the consumer starts, so it cannot drain the queue first.
+  sf::sfi_tclLock().lock();
+  sf::sfi_tclLock().lock();
   std::atomic<int> drained{0};
   std::thread consumer([&] {
     for (;;) {
@@ -224,8 +227,6 @@ int quiesceChild() {
     }
   });
   consumer.detach();
-  sf::sfi_tclLock().lock();
-  sf::sfi_tclLock().lock();
   sf::MessageQ::quiesceAll();
   sf::sfi_tclLock().unlock();
   if (!sf::sfi_tclHeldByCaller()) return 6;
