@@ -23,10 +23,11 @@ fail() {
   kill -9 "$pid" $cpid $ppid 2>/dev/null
   exit 1
 }
-# Ctrl-C to $1, then its exit status; 124 when it still runs a minute later.
+# Ctrl-C to $1, then its exit status (124: still running a minute later; 127:
+# not our child, the handed-over one).
 stop() {
   kill -INT "$1"
-  for _ in $(seq 60); do kill -0 "$1" 2>/dev/null || { wait "$1"; return; }; sleep 1; done
+  for _ in $(seq 60); do kill -0 "$1" 2>/dev/null || { wait "$1" 2>/dev/null; return; }; sleep 1; done
   return 124
 }
 
