@@ -4,9 +4,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
 #include <thread>
 
 #include "sf/base/logcontrol.h"
@@ -23,25 +20,9 @@ void startWith(int timeoutSeconds) {
   sf::watchdog_init();
 }
 
-// Runs child in a child process: it returns 0 when all is well, else the
-// number of the failed check.
-void expectChildPasses(int (*child)()) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(std::_Exit(child()), ::testing::ExitedWithCode(0), "");
-}
-
 TEST(Watchdog, ExpiryDumpsAndExitsWithStatusOne) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  // The child runs this test again from the start: it learns the dump
-  // directory from the environment.
-  std::unique_ptr<sftest::TempDir> dir;
-  if (!std::getenv("SF_TEST_DUMP_DIR")) {
-    dir = std::make_unique<sftest::TempDir>();
-    setenv("SF_TEST_DUMP_DIR", dir->str().c_str(), 1);
-  }
-  EXPECT_EXIT(
-      {
-        std::filesystem::current_path(std::getenv("SF_TEST_DUMP_DIR"));
+  std::vector<std::string> dumped = sftest::runInChild(
+      [] {
         sf::sfi_logToStderr();
         sf::sfi_setLogLevel(1);
         startWith(1);
@@ -49,11 +30,9 @@ TEST(Watchdog, ExpiryDumpsAndExitsWithStatusOne) {
         // Hang holding the interpreter lock, as a stuck script would.
         sf::sfi_tclLock().lock();
         std::this_thread::sleep_for(std::chrono::seconds(60));
-        std::_Exit(0);
+        return 0;
       },
-      ::testing::ExitedWithCode(1), "06_sf_watchdog_s");
-  unsetenv("SF_TEST_DUMP_DIR");
-  std::vector<std::string> dumped = sftest::dumps(dir->path());
+      1, "06_sf_watchdog_s");
   ASSERT_EQ(dumped.size(), 1u);
   EXPECT_NE(dumped[0].find("Reason for dump: watchdog shutdown"), std::string::npos);
 }
@@ -112,7 +91,7 @@ int armingChild() {
 }
 
 TEST(Watchdog, ProgressKeepsATaskAliveAndArmingTwiceKeepsTheFirstDeadline) {
-  expectChildPasses(armingChild);
+  sftest::runInChild(armingChild);
 }
 
 int disabledChild() {
@@ -128,7 +107,7 @@ int disabledChild() {
 }
 
 TEST(Watchdog, ZeroTimeoutAtStartUpDisablesIt) {
-  expectChildPasses(disabledChild);
+  sftest::runInChild(disabledChild);
 }
 
 }  // namespace
