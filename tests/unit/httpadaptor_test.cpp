@@ -2,11 +2,10 @@
 // roles with its rejects, and the exact bytes it writes.
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <deque>
+#include <list>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "sf/http/base64.h"
 #include "sf/http/httpadaptor.h"
