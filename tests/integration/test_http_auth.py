@@ -10,7 +10,6 @@ import tempfile
 
 from sfnet_support import Backend, SiteTest, Squid, curl, free_port, read, stop, wait_port, write
 
-HELPERS = "/usr/lib/squid"
 HERE = os.path.dirname(os.path.abspath(__file__))
 WEB = "Basic " + base64.b64encode(b"webuser:webpw").decode()
 
@@ -73,8 +72,8 @@ class HttpAuth(SiteTest):
         cls.addClassCleanup(cls.backend.shutdown)
         hashed = subprocess.run(["openssl", "passwd", "-apr1", "sfpass"], check=True,
                                 capture_output=True, text=True).stdout.strip()
-        cls.squid = Squid(auth="auth_param basic program %s/basic_ncsa_auth @PASSWD@\n"
-                               "auth_param basic realm sfrealm" % HELPERS, passwd="sfuser:" + hashed)
+        cls.squid = Squid(auth="auth_param basic program /usr/lib/squid/basic_ncsa_auth @PASSWD@\n"
+                               "auth_param basic realm sfrealm", passwd="sfuser:" + hashed)
         cls.addClassCleanup(cls.squid.close)
         good, cls.good = cls.ntlm_peer("ntlmpw")
         bad, cls.bad = cls.ntlm_peer("otherpw")

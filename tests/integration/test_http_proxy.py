@@ -6,7 +6,6 @@ import os
 import socket
 import subprocess
 import time
-import unittest
 
 from sfnet_support import (SFHOST, SOURCE, Backend, Nginx, SiteTest, clean_env, curl, free_port,
                           recv_all, remove_shm, stop, wait_port)
@@ -56,16 +55,13 @@ def odd_answer(path, fields, request):
 
 
 def raw(port, request):
-    """Sends request on its own connection; the status, headers and body of
-    the answer (read until the server closes)."""
+    """Sends request on its own connection; the status, head and body of the
+    answer (read until the server closes)."""
     with socket.create_connection(("127.0.0.1", port), timeout=20) as s:
         s.sendall(request)
         data = recv_all(s, timeout=20)
     head, _, body = data.partition(b"\r\n\r\n")
-    lines = head.split(b"\r\n")
-    status = int(lines[0].split()[1]) if lines[0] else 0
-    fields = dict((l.split(b":")[0].lower(), l.split(b":", 1)[1].strip()) for l in lines[1:])
-    return status, fields, body
+    return int(head.split()[1]) if head else 0, head, body
 
 
 def req(method, path, *fields, body=b""):
@@ -106,7 +102,6 @@ class HttpProxy(SiteTest):
             (odd, req("GET", "/chunked"), 200, [b"this body goes out chunked\n" * 40]),
             (odd, req("GET", "/two"), 502, []),
             (odd, req("GET", "/badlength"), 502, []),
-            (odd, req("GET", "/x", "X-A: a\rInjected: 1"), 400, []),
             # backend errors are the default rejection: a 404, nobody behind deadport
             (odd, req("GET", "/missing"), 500, []),
             (self.deadport, req("GET", "/hello"), 500, []),
@@ -127,8 +122,9 @@ class HttpProxy(SiteTest):
                 after = raw(odd, req("GET", "/after-%d" % i))[2]
                 self.assertTrue(after.startswith(b"GET /after-%d " % i), after)
         # HEAD: the headers a GET would get, and no body
-        status, fields, body = raw(odd, req("HEAD", "/len", *spoof))
-        self.assertEqual((status, fields[b"content-length"], body), (200, b"%d" % get_len, b""))
+        status, head, body = raw(odd, req("HEAD", "/len", *spoof))
+        self.assertEqual((status, body), (200, b""))
+        self.assertIn(b"\r\nContent-Length: %d\r\n" % get_len, head)
         # a silent backend holds up no other exchange of the worker, and a
         # client that leaves meanwhile ends its own exchange long before the
         # backend's read time-out (60 s)
@@ -147,15 +143,11 @@ class HttpProxy(SiteTest):
         connects = log.count("] to 127.0.0.1+%d" % self.short.port)
         self.assertTrue(3 <= connects <= 4, log[-3000:])
 
-
-class ProxyExample(unittest.TestCase):
     def test_example_site_as_documented(self):
-        nginx = Nginx()
-        self.addCleanup(nginx.close)
-        port, data = free_port(), os.path.join(nginx.dir, "proxydata")
+        port, data = free_port(), self.site.path("proxydata")
         os.makedirs(data)
         self.addCleanup(remove_shm, data)
-        env = clean_env(SF_PROXY_PORT=str(port), SF_BACKEND_PORT=str(nginx.port),
+        env = clean_env(SF_PROXY_PORT=str(port), SF_BACKEND_PORT=str(self.short.port),
                         SF_PROXY_WORKERS="2", TAVODATDIR=data)
         site = subprocess.Popen([SFHOST, "-rootdir", os.path.join(SOURCE, "examples", "http-proxy"),
                                  "-datdir", data], cwd=data, env=env,

@@ -1,11 +1,9 @@
 """The HTTP server role end to end: httpReader queues every request for
 workers that echo its body (a GET's body is its URL); driven by raw sockets."""
 
-import os
 import socket
-import unittest
 
-from sfnet_support import Nginx, SiteTest, free_port, recv_all
+from sfnet_support import SiteTest, free_port, recv_all
 
 CONFIG = """
 set sf.log.level 3
@@ -76,23 +74,3 @@ class HttpServer(SiteTest):
         ]
         for port, requests, answers in cases:
             self.assertEqual(self.raw(requests, port), answers, requests[:60])
-
-
-class NginxAsReference(unittest.TestCase):
-    """The parser's table of requests and their statuses, against nginx: a
-    request that nginx refuses is never served by sf."""
-
-    def test_nothing_nginx_refuses_is_served(self):
-        nginx = Nginx('location / { return 200 "ok"; }')
-        self.addCleanup(nginx.close)
-        table = os.path.join(os.path.dirname(__file__), "..", "data", "http", "requests.txt")
-        for line in open(table, encoding="latin-1"):
-            if not line.strip() or line.startswith("#"):
-                continue
-            status, _, text = line.rstrip("\n").partition(" ")
-            request = text.encode("latin-1").decode("unicode_escape").encode("latin-1")
-            with socket.create_connection(("127.0.0.1", nginx.port)) as s:
-                s.sendall(request)
-                s.shutdown(socket.SHUT_WR)
-                served = recv_all(s, 10).startswith((b"HTTP/1.1 2", b"HTTP/1.0 2"))
-            self.assertTrue(served or status != "200", text)
