@@ -39,7 +39,8 @@ std::string recvN(pf::sock_t s, size_t n) {
   char buf[4096];
   while (out.size() < n) {
     long r = pf::sock_recv(s, buf, sizeof buf);
-    if (r <= 0) break;
+    if (r == 0) break;
+    if (r < 0) return out + "<not closed>";
     out.append(buf, static_cast<size_t>(r));
   }
   return out;
@@ -47,17 +48,6 @@ std::string recvN(pf::sock_t s, size_t n) {
 
 bool echoes(pf::sock_t s, const std::string& text) {
   return sendAll(s, text) && recvN(s, text.size()) == text;
-}
-
-std::string recvToClose(pf::sock_t s) {
-  std::string out;
-  char buf[4096];
-  for (;;) {
-    long r = pf::sock_recv(s, buf, sizeof buf);
-    if (r == 0) return out;
-    if (r < 0) return out + "<not closed>";
-    out.append(buf, static_cast<size_t>(r));
-  }
 }
 
 AcceptedPair::AcceptedPair() : client(connectTo(listener.portno)) {
