@@ -52,7 +52,7 @@ TEST(Connection, IdsReservationIoLogAndLastRelease) {
   }
   // The handle went out of scope: record destroyed and socket closed.
   EXPECT_EQ(sf::sfi_connectionCount(), before);
-  EXPECT_EQ(sftest::recvToClose(client), "");
+  EXPECT_EQ(sftest::recvUpTo(client), "");
   pf::sock_close(client);
 
   client = sftest::connectTo(l.portno);
@@ -87,7 +87,7 @@ TEST(Connection, IdsReservationIoLogAndLastRelease) {
   sf::tcp_close(copy);  // closes for every handle; the record stays
   EXPECT_EQ(c.socketNo(), sf::INVALID_SOCK);
   EXPECT_FALSE(c.check());
-  EXPECT_EQ(sftest::recvToClose(client), "payload");
+  EXPECT_EQ(sftest::recvUpTo(client), "payload");
   EXPECT_THROW(sf::tcp_recv(c, b, sf::RecvUptoNB, 10), sf::Xsys);
   pf::sock_close(client);
 
