@@ -33,16 +33,13 @@ def read_body(s):
 
 
 class ReaderLimits(SiteTest):
-    def test_unfinished_header_block_gets_408(self):
+    def test_unfinished_header_block_gets_408_and_stop_answers_requests_in_flight(self):
         s = self.site(HTTP_CONFIG, HTTP_START, level=1)
         with connect(s.port) as slow:
             slow.sendall(b"GET /never HTTP/1.1\r\nHost: x\r\n")
             data = recv_all(slow)
         self.assertTrue(data.startswith(b"HTTP/1.1 408 "), data)
         self.assertIn(b"\r\nConnection: Close\r\n", data)
-
-    def test_stop_answers_requests_in_flight(self):
-        s = self.site(HTTP_CONFIG, HTTP_START, level=1)
         clients = [connect(s.port) for _ in range(21)]
         req = b"GET /%d HTTP/1.1\r\nHost: x\r\n\r\n"
         for i, c in enumerate(clients):  # accepted and served once

@@ -10,8 +10,7 @@ namespace sftest {
 
 Listener::Listener() {
   ensureInterp();
-  sf::PortAddr a("127.0.0.1", "0");
-  port = sf::bindPort(a);
+  port = sf::bindPort(sf::PortAddr("127.0.0.1", "0"));
   portno = pf::bound_port(port.socketNo());
 }
 Listener::~Listener() {
@@ -34,7 +33,7 @@ bool sendAll(pf::sock_t s, const std::string& text) {
   return pf::sock_send(s, text.data(), text.size()) == static_cast<long>(text.size());
 }
 
-std::string recvN(pf::sock_t s, size_t n) {
+std::string recvUpTo(pf::sock_t s, size_t n) {
   std::string out;
   char buf[4096];
   while (out.size() < n) {
@@ -47,7 +46,7 @@ std::string recvN(pf::sock_t s, size_t n) {
 }
 
 bool echoes(pf::sock_t s, const std::string& text) {
-  return sendAll(s, text) && recvN(s, text.size()) == text;
+  return sendAll(s, text) && recvUpTo(s, text.size()) == text;
 }
 
 AcceptedPair::AcceptedPair() : client(connectTo(listener.portno)) {
@@ -56,7 +55,6 @@ AcceptedPair::AcceptedPair() : client(connectTo(listener.portno)) {
 }
 AcceptedPair::~AcceptedPair() {
   closeClient();
-  conn = sf::Connection();
 }
 void AcceptedPair::closeClient() {
   if (client != pf::kNoSock) pf::sock_close(client);

@@ -21,8 +21,7 @@
 namespace pf = sf::platform;
 using sftest::connectTo;
 using sftest::echoes;
-using sftest::recvN;
-using sftest::recvToClose;
+using sftest::recvUpTo;
 using sftest::sendAll;
 
 namespace {
@@ -113,21 +112,21 @@ TEST(Reader, ServesClientsThroughTheirLimitsAndMisuseUntilShutdown) {
   ASSERT_TRUE(sendAll(slow, "part"));
   EXPECT_TRUE(echoes(good, "one\ntwo\n"));  // pipelined, served from what arrived
   ASSERT_TRUE(sendAll(slow, "ly\n"));
-  EXPECT_EQ(recvN(slow, 7), "partly\n");
+  EXPECT_EQ(recvUpTo(slow, 7), "partly\n");
   ASSERT_TRUE(sendAll(slow, "never finished"));
-  EXPECT_EQ(recvToClose(slow), "");  // closed at the deadline
+  EXPECT_EQ(recvUpTo(slow), "");  // closed at the deadline
   EXPECT_TRUE(echoes(good, "still served\n"));
 
   // Refusals from the adaptor chain answer and may close; a failed
   // validation gets the default reject, which closes.
   pf::sock_t closed = connectTo(portno), boom = connectTo(portno);
   ASSERT_TRUE(sendAll(good, "quiet please\n"));
-  EXPECT_EQ(recvN(good, 3), "NO\n");
+  EXPECT_EQ(recvUpTo(good, 3), "NO\n");
   EXPECT_TRUE(echoes(good, "fine\n"));
   ASSERT_TRUE(sendAll(closed, "bad request\n"));
-  EXPECT_EQ(recvToClose(closed), "NO\n");  // the reply, then the end
+  EXPECT_EQ(recvUpTo(closed), "NO\n");  // the reply, then the end
   ASSERT_TRUE(sendAll(boom, "boom\n"));
-  EXPECT_EQ(recvToClose(boom), "");
+  EXPECT_EQ(recvUpTo(boom), "");
   for (pf::sock_t s : {slow, closed, boom}) pf::sock_close(s);
 
   // Every connection the server closed has posted its notice; so do a
