@@ -4,12 +4,14 @@
 // event-driven reader does, (client role) a strict client. Byte 1: the
 // largest segment one lower read delivers (each read a random size up to
 // it), and the seed of the random splits. The rest is the peer's stream,
-// read until it ends or a message is refused; a server-side refusal is
-// answered through reject(). Framed, the stream is fed to frame() in random
-// splits and each Whole message read with readPdu; the requests and verdicts
-// must be those of the blocking path over the same stream.
+// read until it ends or a message is refused (at most 64 messages); the
+// server role answers each request, a refusal through reject(). Framed, the
+// stream is also fed to frame() in random splits and each Whole message read
+// with readPdu; the requests, answers and verdicts must be those of the
+// blocking path over the same stream.
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <random>
 #include <string>
 
@@ -27,7 +29,6 @@ class Feed : public sf::Adaptor {
   const std::uint8_t* p = nullptr;
   size_t left = 0;
   size_t segment = 1;
-  size_t written = 0;
   std::mt19937 rng;
 
   void take(sf::Buffer& b, size_t n) {
@@ -43,7 +44,7 @@ class Feed : public sf::Adaptor {
   void readTillEof(sf::Connection*, sf::Buffer& b, int n) override {
     take(b, n > 0 ? static_cast<size_t>(n) : left);
   }
-  void write(sf::Connection*, const sf::Buffer& b) override { written += b.size(); }
+  void write(sf::Connection*, const sf::Buffer&) override {}
 };
 
 // An adaptor in the role and with the limits of byte 0 over the whole stream.
@@ -65,32 +66,37 @@ struct Peer {
     conn.push(http);
   }
   ~Peer() { sf::setContext(nullptr); }
-  // One request read with readPdu: its body, or the refusal's status.
-  bool read(std::string& outcome) {
+
+  // Reads the next message (once whole() says it has arrived, if given) and
+  // in the server role answers it; adds its body or its refusal to outcome.
+  // False once no message follows.
+  bool read(std::string& outcome, bool fragments, const std::function<bool()>& whole = nullptr) {
     sf::Buffer body;
     try {
-      http->readPdu(&conn, body);
+      if (whole && !whole()) return false;
+      if (fragments) {
+        http->readPduFirst(&conn, body);
+        while (http->readPduIsMore(&conn)) http->readPduNext(&conn, body);
+      } else {
+        http->readPdu(&conn, body);
+      }
+      if (body.size() > static_cast<size_t>(http->settings().maxBody) + 4096) __builtin_trap();
+      outcome += "body " + std::string(body.data ? body.data : "", body.size()) + "\n";
+      if (!http->isClient()) conn.write(body);
     } catch (sf::Xreject& x) {
-      outcome += "refused " + std::string(x.reply->data, x.reply->size());
+      outcome += "refused " + (x.reply ? std::string(x.reply->data, x.reply->size()) : "");
+      try {
+        if (!http->isClient() && x.reply) http->reject(&conn, *x.reply);
+      } catch (sf::X&) {
+      }
       delete x.reply;
       return false;
+    } catch (sf::X&) {
+      return false;
     }
-    outcome += "body " + std::string(body.data ? body.data : "", body.size()) + "\n";
-    return true;
+    return conn.socketNo() != sf::INVALID_SOCK;
   }
 };
-
-// The outcomes of the blocking path: readPdu until the stream ends.
-std::string blocking(std::uint8_t control, const std::uint8_t* p, size_t n) {
-  Peer s(control, p, n, 4096);
-  std::string outcome;
-  try {
-    while (s.read(outcome)) {
-    }
-  } catch (const sf::Xclosed&) {
-  }
-  return outcome;
-}
 
 // The outcomes of the framed path: frame() on what has arrived, grown in
 // random splits, and readPdu once it answers Whole.
@@ -98,24 +104,20 @@ std::string framed(std::uint8_t control, const std::uint8_t* p, size_t n, unsign
   Peer s(control, p, n, 4096);
   auto* below = static_cast<sf::PushbackSandwich*>(s.http->next);
   std::mt19937 rng(seed);
-  std::string outcome;
   size_t arrived = 0;
-  for (;;) {
+  auto whole = [&] {
     size_t consumed = static_cast<size_t>(s.feed->p - p) - below->pending();
-    sf::Framing f = sf::Framing::Header;
-    try {
-      while ((f = s.http->frame(&s.conn, reinterpret_cast<const char*>(p) + consumed,
-                                arrived - consumed)) != sf::Framing::Whole) {
-        if (arrived == n) return outcome;
-        arrived = std::min(n, arrived + 1 + rng() % 64);
-      }
-    } catch (sf::Xreject& x) {
-      outcome += "refused " + std::string(x.reply->data, x.reply->size());
-      delete x.reply;
-      return outcome;
+    while (s.http->frame(&s.conn, reinterpret_cast<const char*>(p) + consumed,
+                         arrived - consumed) != sf::Framing::Whole) {
+      if (arrived == n) return false;
+      arrived = std::min(n, arrived + 1 + rng() % 64);
     }
-    if (!s.read(outcome)) return outcome;
+    return true;
+  };
+  std::string outcome;
+  for (int messages = 0; messages < 64 && s.read(outcome, false, whole); ++messages) {
   }
+  return outcome;
 }
 
 }  // namespace
@@ -127,41 +129,17 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
   if (size < 2) return 0;
-  bool client = data[0] & 1;
-  if (!client && (data[0] & 32)) {
-    std::string want = blocking(data[0], data + 2, size - 2);
-    if (framed(data[0], data + 2, size - 2, data[1]) != want) __builtin_trap();
-    return 0;
-  }
-  Peer s(data[0], data + 2, size - 2, 1 + data[1]);
-  sf::HttpAdaptor* http = s.http;
-  if (client && (data[0] & 8)) http->head(&s.conn, "/", {});
-  http->setStrictResponse(client && (data[0] & 32));
-  bool fragments = data[0] & 16;
-  for (int messages = 0; messages < 64; ++messages) {
-    sf::Buffer body;
-    try {
-      if (fragments) {
-        http->readPduFirst(&s.conn, body);
-        while (http->readPduIsMore(&s.conn)) http->readPduNext(&s.conn, body);
-      } else {
-        http->readPdu(&s.conn, body);
-      }
-      if (body.size() > static_cast<size_t>(http->settings().maxBody) + 4096) __builtin_trap();
-      if (!client) s.conn.write(body);
-    } catch (sf::Xreject& x) {
-      if (!client && x.reply) {
-        try {
-          http->reject(&s.conn, *x.reply);
-        } catch (sf::X&) {
-        }
-      }
-      delete x.reply;
-      break;
-    } catch (sf::X&) {
-      break;
+  const bool client = data[0] & 1;
+  const bool compared = !client && (data[0] & 32);
+  std::string outcome;
+  {
+    Peer s(data[0], data + 2, size - 2, 1 + data[1]);
+    if (client && (data[0] & 8)) s.http->head(&s.conn, "/", {});
+    s.http->setStrictResponse(client && (data[0] & 32));
+    const bool fragments = (data[0] & 16) && !compared;
+    for (int messages = 0; messages < 64 && s.read(outcome, fragments); ++messages) {
     }
-    if (s.conn.socketNo() == sf::INVALID_SOCK) break;
   }
+  if (compared && framed(data[0], data + 2, size - 2, data[1]) != outcome) __builtin_trap();
   return 0;
 }

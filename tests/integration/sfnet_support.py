@@ -251,7 +251,6 @@ class Backend(socketserver.ThreadingTCPServer):
     HTTP response is sent and the connection closed. heads records every
     request head."""
     daemon_threads = True
-    allow_reuse_address = True
 
     def __init__(self, answer):
         super().__init__(("127.0.0.1", 0), _BackendHandler)
@@ -329,16 +328,15 @@ http {{
 
 
 class Squid:
-    """squid as a forward proxy; auth holds auth_param lines, and then only
-    clients that authenticate are served. @PASSWD@ in them names a file that
-    holds passwd."""
+    """squid as a forward proxy that serves only the clients that
+    authenticate by auth's auth_param lines. @PASSWD@ in them names a file
+    that holds passwd."""
 
-    def __init__(self, auth="", passwd=""):
+    def __init__(self, auth, passwd=""):
         self.dir = d = tempfile.mkdtemp(prefix="sf-squid-")
         os.chmod(d, 0o777)  # squid drops to its own user when started as root
         self.port = free_port()
         write(os.path.join(d, "passwd"), passwd + "\n")
-        authed = "acl authed proxy_auth REQUIRED" if auth else ""
         write(os.path.join(d, "squid.conf"), f"""
 http_port 127.0.0.1:{self.port}
 pid_filename {d}/squid.pid
@@ -348,8 +346,8 @@ cache deny all
 coredump_dir {d}
 netdb_filename none
 {auth.replace("@PASSWD@", os.path.join(d, "passwd"))}
-{authed}
-http_access allow localhost {"authed" if auth else ""}
+acl authed proxy_auth REQUIRED
+http_access allow localhost authed
 http_access deny all
 shutdown_lifetime 0 seconds
 """)

@@ -1,4 +1,4 @@
-"""The proxy path: curl -> sfhost (httpReader + httpWorker) -> nginx or a
+"""The proxy path: a client -> sfhost (httpReader + httpWorker) -> nginx or a
 backend that misbehaves on purpose, backend errors, and the examples/http-proxy
 site run as its README says."""
 
@@ -6,15 +6,13 @@ import os
 import socket
 import subprocess
 import time
-import unittest
 
-from sfnet_support import (ECHO_MODULE, SFHOST, SOURCE, Backend, Nginx, SiteTest, clean_env, curl,
-                          free_port, recv_all, remove_shm, stop, wait_port)
+from sfnet_support import (SFHOST, SOURCE, Backend, Nginx, SiteTest, clean_env, curl, free_port,
+                          recv_all, remove_shm, stop, wait_port)
 
 CONFIG = """
 set sf.log.level 3
 set sf.http.contentType text/plain
-mkQ proxy
 mkQ dead
 mkQ short
 mkQ odd
@@ -22,15 +20,11 @@ mkQ tunnel
 set sf.http.requestURL /tunnel-in
 bind 127.0.0.1 {oddport}
 bind 127.0.0.1 {tunnelport}
-bind 127.0.0.1 {port}
 bind 127.0.0.1 {deadport}
 bind 127.0.0.1 {shortport}
 """
 
 START = """
-spinThread httpReader 127.0.0.1 {port} {{enQ proxy}}
-spinThread httpWorker proxy 127.0.0.1 {backend} -forward
-spinThread httpWorker proxy 127.0.0.1 {backend} -forward
 spinThread httpReader 127.0.0.1 {deadport} {{enQ dead}}
 spinThread httpWorker dead 127.0.0.1 {nobody} -forward
 spinThread httpReader 127.0.0.1 {shortport} {{enQ short}}
@@ -47,6 +41,9 @@ ODD_ANSWERS = {
     "/two": b"HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\none"
             b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nstray",
     "/badlength": b"HTTP/1.1 200 OK\r\nContent-Length: 3x\r\n\r\nabc",
+    "/missing": b"HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n",
+    "/chunked": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                + b"1b\r\nthis body goes out chunked\n\r\n" * 40 + b"0\r\n\r\n",
 }
 
 
@@ -58,16 +55,13 @@ def odd_answer(path, fields, request):
 
 
 def raw(port, request):
-    """Sends request on its own connection; the status, headers and body of
-    the answer (read until the server closes)."""
+    """Sends request on its own connection; the status, head and body of the
+    answer (read until the server closes)."""
     with socket.create_connection(("127.0.0.1", port), timeout=20) as s:
         s.sendall(request)
         data = recv_all(s, timeout=20)
     head, _, body = data.partition(b"\r\n\r\n")
-    lines = head.split(b"\r\n")
-    status = int(lines[0].split()[1]) if lines[0] else 0
-    fields = dict((l.split(b":")[0].lower(), l.split(b":", 1)[1].strip()) for l in lines[1:])
-    return status, fields, body
+    return int(head.split()[1]) if head else 0, head, body
 
 
 def req(method, path, *fields, body=b""):
@@ -80,33 +74,18 @@ def req(method, path, *fields, body=b""):
 class HttpProxy(SiteTest):
     @classmethod
     def setUpClass(cls):
-        cls.nginx = Nginx()
-        cls.addClassCleanup(cls.nginx.close)
         # a backend that drops kept connections soon, and after two requests
         cls.short = Nginx(extra="keepalive_timeout 1s; keepalive_requests 2;")
         cls.addClassCleanup(cls.short.close)
         cls.odd = Backend(odd_answer)
         cls.addClassCleanup(cls.odd.shutdown)
-        cls.port, cls.deadport, cls.shortport = free_port(), free_port(), free_port()
+        cls.deadport, cls.shortport = free_port(), free_port()
         cls.oddport, cls.tunnelport = free_port(), free_port()
-        fmt = dict(port=cls.port, deadport=cls.deadport, backend=cls.nginx.port,
-                   nobody=free_port(), shortport=cls.shortport, shortbackend=cls.short.port,
-                   oddport=cls.oddport, tunnelport=cls.tunnelport, oddbackend=cls.odd.port)
+        fmt = dict(deadport=cls.deadport, nobody=free_port(), shortport=cls.shortport,
+                   shortbackend=cls.short.port, oddport=cls.oddport, tunnelport=cls.tunnelport,
+                   oddbackend=cls.odd.port)
         cls.site = cls.class_site(CONFIG.format(**fmt), START.format(**fmt),
-                                  ports=(cls.port, cls.deadport, cls.shortport, cls.oddport,
-                                         cls.tunnelport))
-
-    def test_forwards_method_url_and_body(self):
-        base = "http://127.0.0.1:%d" % self.port
-        self.assertEqual(curl(base + "/static/page.txt"), (200, b"static page\n"))
-        if os.path.exists(ECHO_MODULE):
-            self.assertEqual(curl("--data-binary", "to the backend", base + "/echo"),
-                             (200, b"to the backend"))
-            big = "q" * 30000
-            self.assertEqual(curl("-H", "Transfer-Encoding: chunked", "--data-binary", big,
-                                  base + "/echo"), (200, big.encode()))
-        # a chunked backend answer is relayed whole, with a length
-        self.assertEqual(curl(base + "/chunked"), (200, b"this body goes out chunked\n" * 40))
+                                  ports=(cls.deadport, cls.shortport, cls.oddport, cls.tunnelport))
 
     def test_forwarding_integrity(self):
         spoof = ("HttpRequestURL: /admin/secret", "HttpRequestMethod: POST", "Keep-Alive: 5",
@@ -119,11 +98,12 @@ class HttpProxy(SiteTest):
               b"X-Keep: yes\r\n"]),
             (odd, req("POST", "/submit", "Content-Type: text/x", body=b"payload"), 200,
              [b"POST /submit HTTP/1.1\r\n", b"Content-Type: text/x\r\n", b"\r\n\r\npayload"]),
+            # a chunked answer is relayed whole, with a length
+            (odd, req("GET", "/chunked"), 200, [b"this body goes out chunked\n" * 40]),
             (odd, req("GET", "/two"), 502, []),
             (odd, req("GET", "/badlength"), 502, []),
-            (odd, req("GET", "/x", "X-A: a\rInjected: 1"), 400, []),
-            # backend errors are the default rejection: nginx's 404, nobody behind deadport
-            (self.port, req("GET", "/nothing-here"), 500, []),
+            # backend errors are the default rejection: a 404, nobody behind deadport
+            (odd, req("GET", "/missing"), 500, []),
             (self.deadport, req("GET", "/hello"), 500, []),
             (tunnel, req("POST", "/ignored", body=b"data!"), 200,
              [b"POST /tunnel-in HTTP/1.1\r\n", b"Content-Type: text/plain\r\n",
@@ -142,8 +122,9 @@ class HttpProxy(SiteTest):
                 after = raw(odd, req("GET", "/after-%d" % i))[2]
                 self.assertTrue(after.startswith(b"GET /after-%d " % i), after)
         # HEAD: the headers a GET would get, and no body
-        status, fields, body = raw(odd, req("HEAD", "/len", *spoof))
-        self.assertEqual((status, fields[b"content-length"], body), (200, b"%d" % get_len, b""))
+        status, head, body = raw(odd, req("HEAD", "/len", *spoof))
+        self.assertEqual((status, body), (200, b""))
+        self.assertIn(b"\r\nContent-Length: %d\r\n" % get_len, head)
         # a silent backend holds up no other exchange of the worker, and a
         # client that leaves meanwhile ends its own exchange long before the
         # backend's read time-out (60 s)
@@ -162,15 +143,11 @@ class HttpProxy(SiteTest):
         connects = log.count("] to 127.0.0.1+%d" % self.short.port)
         self.assertTrue(3 <= connects <= 4, log[-3000:])
 
-
-class ProxyExample(unittest.TestCase):
     def test_example_site_as_documented(self):
-        nginx = Nginx()
-        self.addCleanup(nginx.close)
-        port, data = free_port(), os.path.join(nginx.dir, "proxydata")
+        port, data = free_port(), self.site.path("proxydata")
         os.makedirs(data)
         self.addCleanup(remove_shm, data)
-        env = clean_env(SF_PROXY_PORT=str(port), SF_BACKEND_PORT=str(nginx.port),
+        env = clean_env(SF_PROXY_PORT=str(port), SF_BACKEND_PORT=str(self.short.port),
                         SF_PROXY_WORKERS="2", TAVODATDIR=data)
         site = subprocess.Popen([SFHOST, "-rootdir", os.path.join(SOURCE, "examples", "http-proxy"),
                                  "-datdir", data], cwd=data, env=env,

@@ -61,11 +61,13 @@ for use in "find_package(sf CONFIG REQUIRED)|sf::sf" \
   test "$out" = "hello, consumer 2-2 range=15; index=99" || { echo "consumer said: $out"; exit 1; }
 done
 
-# The installed sfhost finds its site without options.
+# The installed sfhost finds its site without options: the root two levels
+# above the program, the data directory the current one.
 port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
-(cd "$prefix" && exec env -u SFROOTDIR -u SFDATDIR TAVODATDIR="$prefix" SF_HTTP_PORT="$port" \
-  bin/sfhost -l 2>"$tmp/sfhost.err") &
-for _ in $(seq 600); do grep -q "started: root $prefix," "$tmp/sfhost.err" && break; sleep 0.1; done
+(cd "$tmp" && exec env -u SFROOTDIR -u SFDATDIR TAVODATDIR="$prefix" SF_HTTP_PORT="$port" \
+  "$prefix/bin/sfhost" -l 2>"$tmp/sfhost.err") &
+started="started: root $prefix, data $tmp\$"
+for _ in $(seq 600); do grep -q "$started" "$tmp/sfhost.err" && break; sleep 0.1; done
 kill -TERM $!
 wait $! || { echo "sfhost exited with $?"; cat "$tmp/sfhost.err"; exit 1; }
-grep -q "started: root $prefix," "$tmp/sfhost.err" || { cat "$tmp/sfhost.err"; exit 1; }
+grep -q "$started" "$tmp/sfhost.err" || { cat "$tmp/sfhost.err"; exit 1; }

@@ -35,9 +35,6 @@ def blocks_sigterm(pid):
 
 
 class StartStopTest(SiteTest):
-    def run_site(self, config_extra="", start=None):
-        return self.site(CONFIG % config_extra, start, level=1, ports=())
-
     def assert_stopped(self, site, status, why):
         self.assertEqual(status, 0, "%s:\n%s" % (why, site.text()[-3000:]))
         self.assertIn(STOPPED, site.text())
@@ -45,7 +42,7 @@ class StartStopTest(SiteTest):
     def test_sigterm_at_random_moments_of_start_up(self):
         rng = random.Random(os.getpid())
         for _ in range(12):
-            site = self.run_site()
+            site = self.site(CONFIG % "", level=1, ports=())
             while not blocks_sigterm(site.proc.pid):
                 time.sleep(0.001)
             time.sleep(rng.uniform(0, 0.08))
@@ -64,7 +61,7 @@ class StartStopTest(SiteTest):
         }
         for name, (extra, start) in cases.items():
             with self.subTest(name):
-                site = self.run_site(extra, start)
+                site = self.site(CONFIG % extra, start, level=1, ports=())
                 if name == "worker":
                     site.wait_listening()
                     with connect(site.port) as c:
@@ -75,8 +72,3 @@ class StartStopTest(SiteTest):
                             pass  # the server went away under the client
                 self.assert_stopped(site, site.proc.wait(60), "sf_quiesce from " + name)
                 self.assertIn("sfhost: shut down by a script", site.text())
-
-    def test_never_returning_command_inside_a_script_is_refused(self):
-        site = self.run_site(start="dummyWorker echo\n")
-        self.assertEqual(site.proc.wait(30), 2, site.text()[-3000:])
-        self.assertIn("dummyWorker never returns: start it in a thread of its own", site.text())

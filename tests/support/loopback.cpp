@@ -10,8 +10,7 @@ namespace sftest {
 
 Listener::Listener() {
   ensureInterp();
-  sf::PortAddr a("127.0.0.1", "0");
-  port = sf::bindPort(a);
+  port = sf::bindPort(sf::PortAddr("127.0.0.1", "0"));
   portno = pf::bound_port(port.socketNo());
 }
 Listener::~Listener() {
@@ -34,30 +33,20 @@ bool sendAll(pf::sock_t s, const std::string& text) {
   return pf::sock_send(s, text.data(), text.size()) == static_cast<long>(text.size());
 }
 
-std::string recvN(pf::sock_t s, size_t n) {
+std::string recvUpTo(pf::sock_t s, size_t n) {
   std::string out;
   char buf[4096];
   while (out.size() < n) {
     long r = pf::sock_recv(s, buf, sizeof buf);
-    if (r <= 0) break;
+    if (r == 0) break;
+    if (r < 0) return out + "<not closed>";
     out.append(buf, static_cast<size_t>(r));
   }
   return out;
 }
 
 bool echoes(pf::sock_t s, const std::string& text) {
-  return sendAll(s, text) && recvN(s, text.size()) == text;
-}
-
-std::string recvToClose(pf::sock_t s) {
-  std::string out;
-  char buf[4096];
-  for (;;) {
-    long r = pf::sock_recv(s, buf, sizeof buf);
-    if (r == 0) return out;
-    if (r < 0) return out + "<not closed>";
-    out.append(buf, static_cast<size_t>(r));
-  }
+  return sendAll(s, text) && recvUpTo(s, text.size()) == text;
 }
 
 AcceptedPair::AcceptedPair() : client(connectTo(listener.portno)) {
@@ -66,7 +55,6 @@ AcceptedPair::AcceptedPair() : client(connectTo(listener.portno)) {
 }
 AcceptedPair::~AcceptedPair() {
   closeClient();
-  conn = sf::Connection();
 }
 void AcceptedPair::closeClient() {
   if (client != pf::kNoSock) pf::sock_close(client);

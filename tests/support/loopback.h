@@ -22,12 +22,10 @@ struct Listener {
 // (a hung server fails the test, not the run); kNoSock if refused.
 sf::platform::sock_t connectTo(int port);
 bool sendAll(sf::platform::sock_t s, const std::string& text);
-// Reads until n bytes came, the peer closed, or the receive timed out.
-std::string recvN(sf::platform::sock_t s, size_t n);
+// Reads until n bytes came or the peer closed (by default, everything until
+// it closes); "<not closed>" is appended when the receive timed out first.
+std::string recvUpTo(sf::platform::sock_t s, size_t n = std::string::npos);
 bool echoes(sf::platform::sock_t s, const std::string& text);
-// Everything until the peer closes, with "<not closed>" appended when the
-// receive timed out first.
-std::string recvToClose(sf::platform::sock_t s);
 
 // A client and the Connection its server side accepted (no adaptor yet).
 struct AcceptedPair {

@@ -1,7 +1,11 @@
 #include "support/testsupport.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
+#include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <sstream>
 
@@ -72,6 +76,25 @@ std::vector<std::string> dumps(const std::filesystem::path& dir) {
   for (const auto& e : std::filesystem::directory_iterator(dir))
     if (e.path().filename().string().rfind("dump_", 0) == 0) out.push_back(readFile(e.path()));
   return out;
+}
+
+std::vector<std::string> runInChild(const std::function<int()>& body, int status,
+                                    const char* stderrPattern) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  std::unique_ptr<TempDir> dir;
+  if (!getenv("SF_TEST_CHILD_DIR")) {
+    dir = std::make_unique<TempDir>();
+    setenv("SF_TEST_CHILD_DIR", dir->str().c_str(), 1);
+  }
+  EXPECT_EXIT(
+      {
+        std::filesystem::current_path(getenv("SF_TEST_CHILD_DIR"));
+        std::_Exit(body());
+      },
+      ::testing::ExitedWithCode(status), stderrPattern);
+  if (!dir) return {};  // in a child, past a call that was not its own
+  unsetenv("SF_TEST_CHILD_DIR");
+  return dumps(dir->path());
 }
 
 void logToFile(const std::string& dir, int level, int filemaxKiB, const char* fmt) {

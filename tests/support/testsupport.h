@@ -44,6 +44,15 @@ void writeFile(const std::filesystem::path& p, const std::string& text);
 // The texts of the dump files (dump_<pid>) in dir.
 std::vector<std::string> dumps(const std::filesystem::path& dir);
 
+// Runs body in a child process whose working directory is a fresh temporary
+// one, and expects it to exit with `status` (body's result, should it return)
+// and standard error matching `stderrPattern`; returns the dump files the
+// child left there. The child is this test program run again up to this call
+// (the "threadsafe" death-test style), so it inherits no other thread and no
+// lock held; it learns the directory from the environment.
+std::vector<std::string> runInChild(const std::function<int()>& body, int status = 0,
+                                    const char* stderrPattern = "");
+
 // A buffer's contents (empty when nothing was ever allocated).
 std::string text(const sf::Buffer& b);
 

@@ -35,8 +35,8 @@ class Script : public sf::Adaptor {
 
 }  // namespace
 
-TEST(TcpRecv, ThreeModes) {
-  Pair exact, upto, tillEof;
+TEST(TcpRecv, ThreeModesResetAndTimeOut) {
+  Pair exact, upto, tillEof, reset, silent;
   sf::Buffer b1(0), b2(0), b3(0);
   exact.send("abcd");
   exact.closeClient();
@@ -56,22 +56,19 @@ TEST(TcpRecv, ThreeModes) {
 
   // A peer that resets (linger 0) has closed as surely as one that said so:
   // callers retry or drop on Xclosed, not on other I/O errors.
-  Pair reset;
   pf::set_linger(reset.client, 1, 0);
   reset.closeClient();
   EXPECT_THROW(sf::tcp_recv(reset.conn, b1, sf::RecvUptoNB, 10), sf::Xclosed);
-}
 
-TEST(TcpRecv, SilentPeerTimesOutWithEvent) {
-  Pair p;
-  p.conn.setReadTimeout_s(1);
+  // A silent peer times out with the event; the socket is blocking again and
+  // still usable.
+  silent.conn.setReadTimeout_s(1);
   sftest::LogCapture log(3);
   sf::Buffer b(0);
-  EXPECT_THROW(sf::tcp_recv(p.conn, b, sf::RecvExact, 4), sf::Xiotimeout);
+  EXPECT_THROW(sf::tcp_recv(silent.conn, b, sf::RecvExact, 4), sf::Xiotimeout);
   EXPECT_TRUE(log.contains("09_sf_readtimeout_s_s_d"));
-  // The socket is blocking again and still usable.
-  p.send("ping");
-  sf::tcp_recv(p.conn, b, sf::RecvExact, 4);
+  silent.send("ping");
+  sf::tcp_recv(silent.conn, b, sf::RecvExact, 4);
   EXPECT_EQ(text(b), "ping");
 }
 
@@ -85,8 +82,7 @@ TEST(Adaptor, StrictDefaultsAndTcpBottom) {
   EXPECT_THROW(bare.pushback("x", 1), sf::Xstate);
   EXPECT_THROW(p.conn.getAdaptor()->pushback("x", 1), sf::Xstate);  // bare TcpAdaptor
 
-  std::string big(10000, 'q');
-  p.send(big);
+  p.send(std::string(10000, 'q'));
   b.append("keep", 4);
   // A raw PDU is at most 4096 bytes, appended to what the buffer held.
   p.conn.read(b);
@@ -94,11 +90,9 @@ TEST(Adaptor, StrictDefaultsAndTcpBottom) {
   EXPECT_EQ(text(b).substr(0, 5), "keepq");
 
   sf::Buffer out(0);
-  out.append("reply", 5);
+  out.append("reply");
   p.conn.write(out);
-  char got[8] = {};
-  EXPECT_EQ(pf::sock_recv(p.client, got, sizeof got), 5);
-  EXPECT_STREQ(got, "reply");
+  EXPECT_EQ(sftest::recvUpTo(p.client, 5), "reply");
   // The base reject(conn, code, text) closes.
   p.conn.getAdaptor()->reject(&p.conn, 0, nullptr);
   EXPECT_EQ(p.conn.socketNo(), sf::INVALID_SOCK);

@@ -41,7 +41,6 @@ TEST(Buffer, GrowthAndTheCeiling) {
   sf::Buffer big;
   big.extend(8388608);
   EXPECT_GE(big.capacity, 8388608u);
-  sftest::LogCapture log(3);
   EXPECT_THROW(sf::Buffer(8388609), sf::Xbounds);
   b.resize(0);
   b.append("keep");
@@ -50,7 +49,6 @@ TEST(Buffer, GrowthAndTheCeiling) {
   EXPECT_THROW(b.resize(9000000), sf::Xbounds);
   EXPECT_EQ(sftest::text(b), "keep");
   EXPECT_EQ(b.capacity, capacity);
-  EXPECT_FALSE(log.contains("HINT"));  // composed and dropped, never logged
 }
 
 TEST(Buffer, InsertRemoveAndPointers) {
@@ -113,13 +111,10 @@ TEST(ExtBuffer, StaysWithinCallerMemory) {
 
 TEST(Buffer, DumpLayouts) {
   sf::Buffer b;
-  std::string row0, row1;
-  for (int i = 0; i < 30; ++i) {
-    char byte = static_cast<char>(0xe0 + i), hex[4];
-    b.append(&byte, 1);
-    std::snprintf(hex, sizeof hex, "%02x ", 0xe0 + i);
-    (i < 24 ? row0 : row1) += hex;
-  }
+  for (unsigned char byte = 0xe0; byte < 0xfe; ++byte) b.append(&byte, 1);
+  const std::string row0 =
+      "e0 e1 e2 e3 e4 e5 e6 e7 e8 e9 ea eb ec ed ee ef f0 f1 f2 f3 f4 f5 f6 f7 ";
+  const std::string row1 = "f8 f9 fa fb fc fd ";
   // Lines break before absolute multiples of 24, so a listing from 0 starts
   // with an empty line and one from 20 with a short one.
   EXPECT_EQ(written([&](FILE* f) { b.dump(f, 0); }), "\n" + row0 + "\n" + row1 + "\n");

@@ -40,16 +40,12 @@ TEST_F(HttpCommands, PushAppliesOptionsIgnoringCase) {
   ASSERT_NE(a, nullptr);
   EXPECT_TRUE(a->isClient());
   EXPECT_EQ(a->settings().stuffHeaders, (std::list<std::string>{"X-One: 1", "X-Two: 2"}));
-  EXPECT_EQ(a->settings().rejectReason + "|" + a->settings().requestURL + "|" +
-                a->settings().contentType + "|" + a->settings().userAgent + "|" +
-                a->settings().serverType + "|" + a->settings().statusReason,
-            "busy|/tunnel|text/x|agent|srv|Accepted");
-  // -maxbody abc is not a number: 0
-  EXPECT_EQ(std::to_string(a->settings().rejectStatus) + " " +
-                std::to_string(a->settings().maxHeader) + " " +
-                std::to_string(a->settings().maxBody) + " " +
-                std::to_string(a->settings().statusResult),
-            "503 2048 0 202");
+  const sf::HttpAdaptor::Settings& s = a->settings();
+  EXPECT_EQ(s.rejectReason + "|" + s.requestURL + "|" + s.contentType + "|" + s.userAgent + "|" +
+                s.serverType + "|" + s.statusReason + "|" + std::to_string(s.rejectStatus) + "|" +
+                std::to_string(s.maxHeader) + "|" + std::to_string(s.maxBody) + "|" +
+                std::to_string(s.statusResult),
+            "busy|/tunnel|text/x|agent|srv|Accepted|503|2048|0|202");  // -maxbody abc: 0
   EXPECT_TRUE(log.contains("http: unrecognised argument -bogus"));
 
   // A rejection without its reason leaves the defaults; a header name

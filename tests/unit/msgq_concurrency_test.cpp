@@ -1,11 +1,12 @@
 // Message queues: the one-empty-slot ring, refusal of a full queue, FIFO order
 // under many producers and consumers (a consumer waits in deQ, or on an event
-// set with the queue's watch), and quiescing.
-// The registry is tested through its script commands.
+// set with the queue's watch), quiescing, and the script commands for queues
+// and messages, through which the registry is tested. Script threads and
+// their listing by status run in sfhost (test_sfhost.py).
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -152,8 +153,58 @@ TEST(MessageQ, FifoUnderManyProducersAndConsumers) {
   runProducersConsumers(2, 2, 5000, 100, 2);
 }
 
-// Quiescing is for good, so it runs in a child process, which exits with the
-// number of the first failed check, 0 when all passed.
+TEST(QueueCommands, MakeQueueForwardAndShowTheCurrentMessage) {
+  sftest::ensureCommands();
+  sftest::LogCapture log(5);
+  sf::setVarInt("sf.qsize", 3);
+  sf::eval("mkQ cmd-q");
+  sf::MessageQ* q = sf::getQ("cmd-q");
+  ASSERT_EQ(q->capacity(), 3);
+  EXPECT_THROW(sf::eval("mkQ cmd-q"), sf::Xtcl);
+
+  sf::TransactionContext* ctx = sf::getContext();
+  EXPECT_THROW(sf::eval("enQ cmd-q"), sf::Xtcl);  // no current message
+
+  sf::Message* m = ctx->message = new sf::Message;
+  EXPECT_THROW(sf::eval("enQ no-such-queue"), sf::Xtcl);
+  EXPECT_EQ(ctx->message, m);
+  sf::eval("enQ cmd-q");
+  EXPECT_EQ(ctx->message, nullptr);  // the queue owns it now
+
+  // Capacity 3 holds 2: the refused message stays with us.
+  sf::Message* second = ctx->message = new sf::Message;
+  sf::eval("enQ cmd-q");
+  sf::Message* third = ctx->message = new sf::Message;
+  EXPECT_THROW(sf::eval("enQ cmd-q"), sf::Xtcl);
+  EXPECT_EQ(ctx->message, third);
+  EXPECT_TRUE(log.contains("enQ: queue cmd-q refused the current message"));
+  EXPECT_EQ(q->deQ(), m);
+  EXPECT_EQ(q->deQ(), second);
+  delete m;
+  delete second;
+  sf::setContext(nullptr);  // deletes third with the context
+
+  // The current message's environment and dump.
+  EXPECT_THROW(sf::eval("sfenv HttpRequestURL"), sf::Xtcl);  // no current message
+  EXPECT_THROW(sf::eval("sf_dumpMsg"), sf::Xtcl);
+
+  m = new sf::Message;
+  m->setenv("HttpRequestURL", "/index.html");
+  m->data = new sf::Buffer;
+  m->data->append("AB");
+  sf::getContext()->message = m;
+  EXPECT_EQ(sf::eval("sfenv HttpRequestURL"), "/index.html");
+  EXPECT_EQ(sf::eval("sfenv Missing"), "");
+  testing::internal::CaptureStderr();
+  sf::eval("sf_dumpMsg");
+  std::string dumped = testing::internal::GetCapturedStderr();
+  EXPECT_NE(dumped.find("41 42"), std::string::npos) << dumped;
+  sf::setContext(nullptr);
+  EXPECT_EQ(sf::eval("sfThreadId"), std::to_string(sf::getThreadId()));
+}
+
+// Quiescing is for good, so it runs in a child process; each check that
+// fails has its own exit status.
 int quiesceChild() {
   sftest::ensureInterp();
   sf::setVarInt("sf.qsize", 50);
@@ -164,6 +215,9 @@ int quiesceChild() {
   // The consumer needs the interpreter lock per message, as a dummy worker
   // does. A caller holding it, as a nested script command does, must not
   // wait (nor drop it); a caller without it waits until the queue is empty.
+  // Taken before the consumer starts, so it cannot drain the queue first.
+  sf::sfi_tclLock().lock();
+  sf::sfi_tclLock().lock();
   std::atomic<int> drained{0};
   std::thread consumer([&] {
     for (;;) {
@@ -173,8 +227,6 @@ int quiesceChild() {
     }
   });
   consumer.detach();
-  sf::sfi_tclLock().lock();
-  sf::sfi_tclLock().lock();
   sf::MessageQ::quiesceAll();
   sf::sfi_tclLock().unlock();
   if (!sf::sfi_tclHeldByCaller()) return 6;
@@ -195,8 +247,7 @@ int quiesceChild() {
 }
 
 TEST(MessageQ, QuiesceRefusesNewWorkAndWaitsForDrain) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(std::_Exit(quiesceChild()), ::testing::ExitedWithCode(0), "");
+  sftest::runInChild(quiesceChild);
 }
 
 }  // namespace

@@ -2,20 +2,11 @@
 // auto-reset event.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <thread>
 
 #include "sf/platform/thread.h"
 #include "sf/sflib.h"
 #include "support/testsupport.h"
-
-namespace {
-// Gives another thread the chance to run ahead; orders nothing by itself.
-void letOthersRun() {
-  sf::platform::sleep_ms(20);
-}
-}  // namespace
 
 TEST(Mx, RecursiveLockIsTheCallersUntilTheLastUnlock) {
   sf::Mx mx;
@@ -30,17 +21,12 @@ TEST(Mx, RecursiveLockIsTheCallersUntilTheLastUnlock) {
 }
 
 TEST(MxDeathTest, UnlockWithoutOwningIsFatal) {
-  // Forked children share the parent's directory name; no other thread runs.
-  GTEST_FLAG_SET(death_test_style, "fast");
-  sftest::TempDir dir;
-  EXPECT_EXIT(
-      {
-        std::filesystem::current_path(dir.path());
+  std::vector<std::string> dumped = sftest::runInChild(
+      [] {
         sf::Mx().unlock();  // never locked
-        std::exit(0);
+        return 0;
       },
-      ::testing::ExitedWithCode(3), "");
-  std::vector<std::string> dumped = sftest::dumps(dir.path());
+      3);
   ASSERT_EQ(dumped.size(), 1u);
   EXPECT_NE(dumped[0].find(" Reason for dump: ReleaseMutex\n\n"), std::string::npos);
 }
@@ -67,7 +53,7 @@ TEST(Event, AutoResetKeepsOneSignal) {
       pong.notify();
     }
   });
-  letOthersRun();
+  sf::platform::sleep_ms(20);  // lets the responder wait first; orders nothing
   for (int i = 0; i < 2000; ++i) {
     ev.notify();
     pong.wait();

@@ -14,7 +14,6 @@
 #include "sf/net/net.h"
 #include "sf/platform/socket.h"
 #include "sf/platform/thread.h"
-#include "sf/script/commands.h"
 #include "sf/sflib.h"
 #include "support/loopback.h"
 #include "support/testsupport.h"
@@ -22,8 +21,7 @@
 namespace pf = sf::platform;
 using sftest::connectTo;
 using sftest::echoes;
-using sftest::recvN;
-using sftest::recvToClose;
+using sftest::recvUpTo;
 using sftest::sendAll;
 
 namespace {
@@ -79,12 +77,6 @@ class TestReader : public sf::TclReader {
   }
 };
 
-// The next message on q, or null after a generous wait.
-sf::Message* next(sf::MessageQ* q) {
-  for (int i = 0; i < 2000 && q->size() == 0; ++i) pf::sleep_ms(10);
-  return q->size() ? q->deQ() : nullptr;
-}
-
 }  // namespace
 
 TEST(Reader, ServesClientsThroughTheirLimitsAndMisuseUntilShutdown) {
@@ -120,21 +112,21 @@ TEST(Reader, ServesClientsThroughTheirLimitsAndMisuseUntilShutdown) {
   ASSERT_TRUE(sendAll(slow, "part"));
   EXPECT_TRUE(echoes(good, "one\ntwo\n"));  // pipelined, served from what arrived
   ASSERT_TRUE(sendAll(slow, "ly\n"));
-  EXPECT_EQ(recvN(slow, 7), "partly\n");
+  EXPECT_EQ(recvUpTo(slow, 7), "partly\n");
   ASSERT_TRUE(sendAll(slow, "never finished"));
-  EXPECT_EQ(recvToClose(slow), "");  // closed at the deadline
+  EXPECT_EQ(recvUpTo(slow), "");  // closed at the deadline
   EXPECT_TRUE(echoes(good, "still served\n"));
 
   // Refusals from the adaptor chain answer and may close; a failed
   // validation gets the default reject, which closes.
   pf::sock_t closed = connectTo(portno), boom = connectTo(portno);
   ASSERT_TRUE(sendAll(good, "quiet please\n"));
-  EXPECT_EQ(recvN(good, 3), "NO\n");
+  EXPECT_EQ(recvUpTo(good, 3), "NO\n");
   EXPECT_TRUE(echoes(good, "fine\n"));
   ASSERT_TRUE(sendAll(closed, "bad request\n"));
-  EXPECT_EQ(recvToClose(closed), "NO\n");  // the reply, then the end
+  EXPECT_EQ(recvUpTo(closed), "NO\n");  // the reply, then the end
   ASSERT_TRUE(sendAll(boom, "boom\n"));
-  EXPECT_EQ(recvToClose(boom), "");
+  EXPECT_EQ(recvUpTo(boom), "");
   for (pf::sock_t s : {slow, closed, boom}) pf::sock_close(s);
 
   // Every connection the server closed has posted its notice; so do a
@@ -146,8 +138,9 @@ TEST(Reader, ServesClientsThroughTheirLimitsAndMisuseUntilShutdown) {
     ASSERT_TRUE(echoes(s, "hi\n"));
     if (reset) pf::set_linger(s, 1, 0);
     pf::sock_close(s);
-    sf::Message* m = next(reader->notices);
-    ASSERT_NE(m, nullptr) << "no close notice, reset " << reset;
+    for (int i = 0; i < 2000 && reader->notices->size() == 0; ++i) pf::sleep_ms(10);
+    ASSERT_EQ(reader->notices->size(), 1) << "reset " << reset;
+    sf::Message* m = reader->notices->deQ();
     EXPECT_TRUE(m->isCloseNotice);
     EXPECT_EQ(m->data, nullptr);
     EXPECT_FALSE(m->sessionId.empty());

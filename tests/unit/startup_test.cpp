@@ -178,17 +178,6 @@ TEST_F(Startup, ProgramsStartedByAHostThatBlocksStopSignalsCanBeStopped) {
 // --- in this process: events and the runtime's commands ---
 
 namespace {
-void prepareInterp() {
-  static bool done = false;
-  if (done) return;
-  done = true;
-  sftest::ensureInterp();
-  ASSERT_TRUE(sf::sfi_tclInitLibrary());
-  sf::sfi_registerCommands();
-  sf::eval("package require msgcat");
-  sf::eval(("source {" + (sftest::sourceDir() / "etc/sf_events.msg").string() + "}").c_str());
-}
-
 // The records at level (0: the log line, 1: the posted text) of the events
 // raised, with useevorsyslog set to post.
 template <typename Fn>
@@ -202,8 +191,11 @@ std::vector<std::string> eventRecords(int post, unsigned level, Fn raise) {
 using Texts = std::vector<std::string>;
 }  // namespace
 
-TEST(Events, LogLineAlwaysAndTranslatedTextWhenPosting) {
-  prepareInterp();
+TEST(Events, LogLineAlwaysTranslatedTextWhenPostingAndTheScriptCommands) {
+  sftest::ensureCommands();
+  ASSERT_TRUE(sf::sfi_tclInitLibrary());
+  sf::eval("package require msgcat");
+  sf::eval(("source {" + (sftest::sourceDir() / "etc/sf_events.msg").string() + "}").c_str());
   auto raise = [] {
     sf::logandreport("02_sf_bind_s", "1.2.3.4:80", __FILE__, __LINE__);
     sf::logandreport2("10_sf_idletimeout_s_s", "1.1.1.1:80", "2.2.2.2:9", __FILE__, __LINE__);
@@ -242,11 +234,9 @@ TEST(Events, LogLineAlwaysAndTranslatedTextWhenPosting) {
         "15_sf_removelog_s", "16_sf_internalError_s", "17_sf_logError_s"}) {
     EXPECT_EQ(sf::eval((std::string("::msgcat::mcexists ") + id).c_str()), "1") << id;
   }
-}
 
-TEST(Events, EventRaisedWhileReportingIsDropped) {
-  prepareInterp();
-  // A catalogue lookup that itself raises an event.
+  // An event raised while reporting one (here by a catalogue lookup) is
+  // dropped.
   sf::eval(
       "rename ::msgcat::mcexists ::msgcat::sftest_mcexists\n"
       "proc ::msgcat::mcexists {args} {sf_event 17_sf_logError_s nested; "
@@ -258,10 +248,8 @@ TEST(Events, EventRaisedWhileReportingIsDropped) {
   // The guard is cleared again: the next event is reported.
   EXPECT_EQ(eventRecords(1, 1, [] { sf::eval("sf_event 17_sf_logError_s disk full"); }),
             Texts{"[17] log error: disk "});
-}
 
-TEST(RuntimeCommands, LogEventAndDumpFromScripts) {
-  prepareInterp();
+  // sf_log, sf_event and sf_dump from scripts.
   sftest::LogCapture capture(3);
   EXPECT_EQ(sf::eval("sf_log 3 hello"), "");
   EXPECT_EQ(sf::eval("sf_log 4 quiet"), "");  // level 4 is off

@@ -52,7 +52,8 @@ OwnBlock& ownBlock() {
   return block;
 }
 
-// Runs fn in a forked child; returns its wait status.
+// Runs fn in a forked child, which exits 0 if fn returns; waitChild gives its
+// wait status.
 template <typename Fn>
 pid_t forkChild(Fn fn) {
   fflush(nullptr);
@@ -70,11 +71,10 @@ int waitChild(pid_t pid) {
   return status;
 }
 
-// Programs started by the tests below: this test program re-executed with
-// SF_STATS_CHILD set, which does its part and exits before any test runs.
-//
-// "second": attaches the block the first process made (the environment names
-// it), checks what that process left and writes one byte.
+// The second process: this test program run again with SF_STATS_SECOND set,
+// which attaches the block the first process made (the environment names
+// it), checks what that process left, writes one byte and exits before any
+// test runs.
 int secondProcess() {
   if (sf::sfi_attachStats() != 0 || sf::statsCreatedBlock()) return 1;
   unsigned char* block = static_cast<unsigned char*>(sf::statsBlock());
@@ -85,8 +85,13 @@ int secondProcess() {
   return 0;
 }
 
-// "unattached": the block cannot be had (a directory holds its name); the
-// library goes on without it and the log file still works.
+const bool kRunAsSecond = [] {
+  if (getenv("SF_STATS_SECOND")) _exit(secondProcess());
+  return false;
+}();
+
+// The block cannot be had (a directory holds its name); the library goes on
+// without it and the log file still works.
 int unattachedProcess() {
   fs::path blocker = "/dev/shm/" + sf::statsBlockName();
   fs::create_directory(blocker);
@@ -100,23 +105,6 @@ int unattachedProcess() {
   sf::sfi_log(1, 0, "written without the block", __FILE__, __LINE__, 0);
   std::string text = sftest::readFile(logs / "unit.log");
   return text.find("written without the block") == std::string::npos ? 2 : 0;
-}
-
-const bool kRunAsChild = [] {
-  const char* role = getenv("SF_STATS_CHILD");
-  if (!role) return false;
-  _exit(strcmp(role, "second") == 0 ? secondProcess() : unattachedProcess());
-}();
-
-// Runs this program again as the given child; returns its exit status.
-int runChild(const char* role) {
-  pid_t child = forkChild([role] {
-    setenv("SF_STATS_CHILD", role, 1);
-    execl("/proc/self/exe", "self", static_cast<char*>(nullptr));
-    _exit(99);
-  });
-  int status = waitChild(child);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
 }
 
 }  // namespace
@@ -174,9 +162,13 @@ TEST(StatsBlock, CreatorZeroesItAndASecondProcessFindsItAsLeft) {
   // Counters written here are seen, and kept, by another process.
   strcpy(reinterpret_cast<char*>(block + sf::kStatsSecondRegion), "left by the first");
   block[0] = 42;
-  EXPECT_EQ(runChild("second"), 0) << "the second process did not find the block as left";
+  pid_t second = forkChild([] {
+    setenv("SF_STATS_SECOND", "1", 1);
+    execl("/proc/self/exe", "self", static_cast<char*>(nullptr));
+    _exit(99);
+  });
+  EXPECT_EQ(waitChild(second), 0) << "the second process did not find the block as left";
   EXPECT_EQ(block[1], 7) << "the second process's write is not seen here";
-  EXPECT_EQ(block[0], 42);
 
   std::string notes = sftest::readFile(estat);
   EXPECT_NE(notes.find("(created)"), std::string::npos) << notes;
@@ -186,7 +178,7 @@ TEST(StatsBlock, CreatorZeroesItAndASecondProcessFindsItAsLeft) {
 
 TEST(StatsBlock, WithoutTheBlockTheLogStillWorks) {
   OwnBlock other;
-  EXPECT_EQ(runChild("unattached"), 0);
+  sftest::runInChild(unattachedProcess);
 }
 
 TEST(StatsBlock, LockOfAKilledHolderIsTakenOver) {

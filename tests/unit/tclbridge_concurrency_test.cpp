@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <map>
 #include <sstream>
 #include <string>
@@ -27,87 +26,7 @@ int addOne(int, const char**) {
   return 0;
 }
 
-void registerOnce() {
-  static bool done = false;
-  if (done) return;
-  done = true;
-  sftest::ensureInterp();
-  sf::exportProc("t_addone", addOne);
-}
-
-// Runs every body on its own thread and waits for all.
-void runTogether(std::vector<std::function<void()>> bodies) {
-  std::atomic<int> ready{0};
-  std::vector<std::thread> threads;
-  for (auto& body : bodies) {
-    threads.emplace_back([&ready, &bodies, body] {
-      ++ready;
-      while (ready.load() < static_cast<int>(bodies.size())) std::this_thread::yield();
-      body();
-      sf::sfi_tclThreadDone();
-    });
-  }
-  for (std::thread& t : threads) t.join();
-}
-
-}  // namespace
-
-// Debug builds check the lock at every entry into the interpreter, so a
-// single-threaded call finds a missing lock; what takes threads is a lock
-// released too early, seen here as a lost increment.
-TEST(TclBridgeConcurrency, OneLockSerialisesEveryUse) {
-  registerOnce();
-  const int rounds = 1000;
-  sf::setVarInt("unit.counter", 0);
-  sf::setVarInt("unit.cmdcount", 0);
-  std::vector<std::function<void()>> bodies;
-  for (int t = 0; t < 2; ++t) {
-    bodies.push_back([&] {
-      for (int i = 0; i < rounds; ++i) sf::eval("incr unit.counter");
-    });
-    bodies.push_back([&] {
-      for (int i = 0; i < rounds; ++i) sf::eval("t_addone");
-    });
-  }
-  runTogether(bodies);
-  EXPECT_EQ(sf::getVarInt("unit.counter", -1), 2 * rounds);
-  EXPECT_EQ(sf::getVarInt("unit.cmdcount", -1), 2 * rounds);
-}
-
-TEST(TclBridgeConcurrency, TemplateRecordsAndLoggingEvaluationsShareTheLocks) {
-  // Evaluations log while they hold the Tcl lock; template records need the
-  // Tcl lock too. Both at once from several threads must neither deadlock
-  // nor lose a line.
-  registerOnce();
-  sftest::TempDir dir;
-  sftest::logToFile(dir.str(), 6, 1 << 20, "%4$s %8$s\n");
-
-  const int rounds = 150;
-  std::vector<std::function<void()>> bodies;
-  for (int t = 0; t < 2; ++t) {
-    bodies.push_back([&, t] {
-      for (int i = 0; i < rounds; ++i) SF_LOG(1, "direct %d %d", t, i);
-    });
-    bodies.push_back([&] {
-      for (int i = 0; i < rounds; ++i) sf::eval("t_addone");
-    });
-  }
-  runTogether(bodies);
-  sf::sfi_setLogLevel(-1);
-
-  std::istringstream in(sftest::readFile(dir.path() / "unit.log"));
-  std::map<std::string, int> kinds;
-  for (std::string line; std::getline(in, line);) {
-    if (line != "1 explicitly setting log level to 6")  // when already initialised
-      ++kinds[line.substr(0, line.find_first_of("0123456789>", 2))];
-  }
-  EXPECT_EQ(kinds, (std::map<std::string, int>{{"1 direct ", 2 * rounds},
-                                               {"6 eval t_addone", 2 * rounds},
-                                               {"3 eval t_addone-", 2 * rounds}}));
-}
-
 #ifndef NDEBUG
-namespace {
 // A command that lets go of the lock inside its evaluation, as a careless
 // waiting command would, while another thread enters the interpreter.
 int releaseInside(int, const char**) {
@@ -116,8 +35,57 @@ int releaseInside(int, const char**) {
   sf::sfi_tclLock().lock();
   return 0;
 }
-}  // namespace
 #endif
+
+}  // namespace
+
+// Debug builds check the lock at every entry into the interpreter, so a
+// single-threaded call finds a missing lock; what takes threads is a lock
+// released too early, seen here as a lost increment. Evaluations log while
+// they hold the Tcl lock, and template records need it too: all of it at once
+// must neither deadlock nor lose a line.
+TEST(TclBridgeConcurrency, OneLockSerialisesEveryUseAndLogging) {
+  sftest::ensureInterp();
+  sf::exportProc("t_addone", addOne);
+  sf::setVarInt("unit.counter", 0);
+  sf::setVarInt("unit.cmdcount", 0);
+  sftest::TempDir dir;
+  sftest::logToFile(dir.str(), 6, 1 << 20, "%4$s %8$s\n");
+
+  // Two threads of each kind, all let go at once.
+  const int rounds = 300, threads = 6;
+  std::atomic<int> ready{0};
+  std::vector<std::thread> running;
+  for (int t = 0; t < threads; ++t) {
+    running.emplace_back([&, t] {
+      ++ready;
+      while (ready.load() < threads) std::this_thread::yield();
+      for (int i = 0; i < rounds; ++i) {
+        if (t % 3 == 0)
+          SF_LOG(1, "direct %d %d", t, i);
+        else
+          sf::eval(t % 3 == 1 ? "incr unit.counter" : "t_addone");
+      }
+      sf::sfi_tclThreadDone();
+    });
+  }
+  for (std::thread& thread : running) thread.join();
+  sf::sfi_setLogLevel(-1);
+  EXPECT_EQ(sf::getVarInt("unit.counter", -1), 2 * rounds);
+  EXPECT_EQ(sf::getVarInt("unit.cmdcount", -1), 2 * rounds);
+
+  std::istringstream in(sftest::readFile(dir.path() / "unit.log"));
+  std::map<std::string, int> kinds;
+  for (std::string line; std::getline(in, line);) {
+    if (line != "1 explicitly setting log level to 6")  // when already initialised
+      ++kinds[line.substr(0, line.find_first_of("0123456789>", 2))];
+  }
+  EXPECT_EQ(kinds, (std::map<std::string, int>{{"1 direct ", 2 * rounds},
+                                               {"6 eval incr unit.counter", 2 * rounds},
+                                               {"3 eval incr unit.counter-", 2 * rounds},
+                                               {"6 eval t_addone", 2 * rounds},
+                                               {"3 eval t_addone-", 2 * rounds}}));
+}
 
 // Debug builds turn an interleaved evaluation, which corrupts the
 // interpreter's stack at random, into a certain abort naming the entry.

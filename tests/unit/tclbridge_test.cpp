@@ -32,49 +32,7 @@ std::pair<std::string, std::string> xtcl(Fn fn) {
   return {"no exception", ""};
 }
 
-void registerOnce() {
-  static bool done = false;
-  if (done) return;
-  done = true;
-  sftest::ensureInterp();
-  sf::exportProc("t_echo", echoWords);
-  sf::exportProc("t_bounds", [](int, const char**) -> int { throw sf::Xbounds(10, 12); });
-  sf::exportProc("t_text", [](int, const char**) -> int { throw "no queue"; });
-  sf::exportProc("t_other", [](int, const char**) -> int { throw 42; });
-  sf::exportProc("t_fail", [](int, const char**) {
-    sf::setRes("plain failure");
-    return 1;
-  });
-  sf::exportProc("t_global", [](int, const char**) {
-    sf::setRes(sf::getVarStr("shadow", "absent").c_str());
-    return 0;
-  });
-  // Evaluates again under the lock its caller already holds.
-  sf::exportProc("t_nested", [](int, const char** argv) {
-    sf::setRes(("nested:" + sf::eval(argv[1])).c_str());
-    return 0;
-  });
-}
-
 }  // namespace
-
-TEST(TclBridge, VariablesAreGlobalWithDefaults) {
-  registerOnce();
-  EXPECT_EQ(sf::getVarInt("unit.unset", 7), 7);
-  EXPECT_EQ(sf::getVarStr("unit.unset", "fallback"), "fallback");
-  sf::setVarStr("unit.str", "two words");
-  EXPECT_EQ(sf::eval("set unit.str"), "two words");  // a dotted name is one global
-  sf::eval("set unit.hex 0x10");
-  EXPECT_EQ(sf::getVarInt("unit.hex", 0), 16);  // an integer as Tcl reads one
-
-  sf::setVarStr("unit.int", "abc");
-  EXPECT_THROW(sf::getVarInt("unit.int", 7), sf::Xtcl);
-
-  // Commands read globals even when called from a proc with a local of the
-  // same name.
-  sf::setVarStr("shadow", "global value");
-  EXPECT_EQ(sf::eval("proc unit_p {} { set shadow local; t_global }; unit_p"), "global value");
-}
 
 TEST(TclBridge, EvalLogsAndThrowsXtclWithThisError) {
   sftest::ensureInterp();
@@ -140,17 +98,44 @@ TEST(TclBridge, EvalFileTriesThreePlaces) {
   EXPECT_EQ(sf::getVarInt("unit.count", -1), 2);
 }
 
-TEST(TclBridge, SplitAppendsElements) {
+TEST(TclBridge, VariablesListsAndCommandsThatKeepExceptionsOutOfTcl) {
   sftest::ensureInterp();
+  EXPECT_EQ(sf::getVarInt("unit.unset", 7), 7);
+  EXPECT_EQ(sf::getVarStr("unit.unset", "fallback"), "fallback");
+  sf::setVarStr("unit.str", "two words");
+  EXPECT_EQ(sf::eval("set unit.str"), "two words");  // a dotted name is one global
+  sf::eval("set unit.hex 0x10");
+  EXPECT_EQ(sf::getVarInt("unit.hex", 0), 16);  // an integer as Tcl reads one
+  sf::setVarStr("unit.int", "abc");
+  EXPECT_THROW(sf::getVarInt("unit.int", 7), sf::Xtcl);
+
   std::list<std::string> out{"kept"};
   sf::tclsplit("a {b c} d", out);
   EXPECT_EQ(out, (std::list<std::string>{"kept", "a", "b c", "d"}));
   EXPECT_THROW(sf::tclsplit("a {b", out), sf::Xtcl);
   EXPECT_EQ(out.size(), 4u);
-}
 
-TEST(TclBridge, DispatcherKeepsExceptionsOutOfTcl) {
-  registerOnce();
+  sf::exportProc("t_echo", echoWords);
+  sf::exportProc("t_bounds", [](int, const char**) -> int { throw sf::Xbounds(10, 12); });
+  sf::exportProc("t_text", [](int, const char**) -> int { throw "no queue"; });
+  sf::exportProc("t_other", [](int, const char**) -> int { throw 42; });
+  sf::exportProc("t_fail", [](int, const char**) {
+    sf::setRes("plain failure");
+    return 1;
+  });
+  sf::exportProc("t_global", [](int, const char**) {
+    sf::setRes(sf::getVarStr("shadow", "absent").c_str());
+    return 0;
+  });
+  // Evaluates again under the lock its caller already holds.
+  sf::exportProc("t_nested", [](int, const char** argv) {
+    sf::setRes(("nested:" + sf::eval(argv[1])).c_str());
+    return 0;
+  });
+  // Commands read globals even when called from a proc with a local of the
+  // same name.
+  sf::setVarStr("shadow", "global value");
+  EXPECT_EQ(sf::eval("proc unit_p {} { set shadow local; t_global }; unit_p"), "global value");
   EXPECT_EQ(sf::findProc("t_echo"), &echoWords);
   EXPECT_EQ(sf::findProc("t_missing"), nullptr);
 

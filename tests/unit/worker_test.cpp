@@ -113,7 +113,8 @@ TEST(Message, ContextOwnsItsMessage) {
   EXPECT_EQ(sf::getContext()->user1, 0);
 }
 
-TEST(Worker, ProcessesRepliesDisposesAndSkipsCloseNotices) {
+TEST(Worker, RepliesRejectsAndDisposesEachMessage) {
+  sftest::LogCapture log(3);
   Peer peer;
   TestWorker w;
   g_destroyed = 0;
@@ -139,13 +140,8 @@ TEST(Worker, ProcessesRepliesDisposesAndSkipsCloseNotices) {
   w.skipCloseNotices = false;
   handle(w, peer.message(true));
   EXPECT_EQ(w.calls, 3);
-  EXPECT_FALSE(peer.conn.isReserved());
-}
 
-TEST(Worker, RejectExceptionSendsItsReplyAndMayClose) {
-  sftest::LogCapture log(1);
-  Peer peer;
-  TestWorker w;
+  // A reject exception sends its reply instead, and may close.
   w.body = [](sf::Message*, sf::Buffer&) {
     sf::Xreject x;
     x.reply = new sf::Buffer;
@@ -156,7 +152,6 @@ TEST(Worker, RejectExceptionSendsItsReplyAndMayClose) {
   handle(w, peer.message());
   EXPECT_EQ(peer.calls.replyRejects, std::vector<std::string>{"HTTP/1.1 413 Too Large\r\n\r\n"});
   EXPECT_EQ(peer.calls.defaultRejects, 0);
-  EXPECT_TRUE(peer.calls.written.empty());
   EXPECT_TRUE(log.contains("worker: reject exception during processing, rejecting"));
   EXPECT_EQ(peer.conn.socketNo(), sf::INVALID_SOCK);  // closed
   EXPECT_FALSE(peer.conn.isReserved());
@@ -168,33 +163,27 @@ TEST(Worker, RejectExceptionSendsItsReplyAndMayClose) {
   EXPECT_TRUE(other.calls.replyRejects.empty());
   EXPECT_EQ(other.calls.defaultRejects, 0);
   EXPECT_NE(other.conn.socketNo(), sf::INVALID_SOCK);
-}
 
-TEST(Worker, FailuresBecomeDefaultRejects) {
-  sftest::LogCapture log(3);
-  Peer peer;
+  // Other failures become default rejects. The base processMessage1 refuses
+  // everything; a worker needs its queue.
   g_destroyed = 0;
-
-  // The base processMessage1 refuses everything; a worker needs its queue.
-  testQueue();
   sf::Worker plain("worker-test");
   EXPECT_THROW(sf::Worker("no-such-queue"), sf::Xinvalid);
   EXPECT_TRUE(log.contains("no such queue no-such-queue"));
-  handle(plain, peer.message());
-  EXPECT_EQ(peer.calls.defaultRejects, 1);
-  EXPECT_TRUE(peer.calls.written.empty());
+  handle(plain, other.message());
+  EXPECT_EQ(other.calls.defaultRejects, 1);
+  EXPECT_TRUE(other.calls.written.empty());
   EXPECT_TRUE(log.contains("worker: sf exception during processing, rejecting - 2-1"));
-  EXPECT_FALSE(peer.conn.isReserved());
+  EXPECT_FALSE(other.conn.isReserved());
   EXPECT_EQ(g_destroyed.load(), 1);
 
   // A reject that itself fails is logged and the worker carries on.
-  peer.calls.throwOnReject = true;
-  TestWorker w;
+  other.calls.throwOnReject = true;
   w.body = [](sf::Message*, sf::Buffer&) { throw std::runtime_error("host bug"); };
-  Counted* second = peer.message();
+  Counted* second = other.message();
   second->keep = true;
   handle(w, second);
-  EXPECT_EQ(peer.calls.defaultRejects, 2);
+  EXPECT_EQ(other.calls.defaultRejects, 2);
   EXPECT_TRUE(log.contains("worker: exception during processing, rejecting"));
   EXPECT_TRUE(log.contains("worker: error sending reject message, continuing"));
   EXPECT_EQ(second->processedAt, 0);  // not stamped when processing threw
@@ -202,7 +191,7 @@ TEST(Worker, FailuresBecomeDefaultRejects) {
 
   // A message without a connection (a timer's) gets no reject at all.
   handle(plain, new Counted);
-  EXPECT_EQ(peer.calls.defaultRejects, 2);
+  EXPECT_EQ(other.calls.defaultRejects, 2);
   EXPECT_EQ(g_destroyed.load(), 3);
 }
 

@@ -23,6 +23,13 @@ fail() {
   kill -9 "$pid" $cpid $ppid 2>/dev/null
   exit 1
 }
+# Ctrl-C to $1, then its exit status (124: still running a minute later; 127:
+# not our child, the handed-over one).
+stop() {
+  kill -INT "$1"
+  for _ in $(seq 60); do kill -0 "$1" 2>/dev/null || { wait "$1" 2>/dev/null; return; }; sleep 1; done
+  return 124
+}
 
 (cd "$data" && SF_HTTP_PORT=$port exec wine "$out/bin/sfhost.exe" -rootdir "$root" -datdir "$data" \
    2>"$data/stderr.txt") &
@@ -44,13 +51,9 @@ printf 'spinThread httpReader 127.0.0.1 %s {enQ proxy}\nspinThread httpWorker pr
 ppid=$!
 for _ in $(seq 120); do curl -s -o /dev/null "http://127.0.0.1:$pport/" && break; sleep 1; done
 [ "$(curl -s -w ' %{http_code}' "http://127.0.0.1:$pport/via")" = "/via 200" ] || fail "not forwarded"
-kill -INT "$ppid"
-wait "$ppid" || fail "exit status $? from the forwarding site"
+stop "$ppid" || fail "exit status $? from the forwarding site"
 
-kill -INT "$pid"
-for _ in $(seq 60); do kill -0 "$pid" 2>/dev/null || break; sleep 1; done
-status=0; wait "$pid" || status=$?
-[ "$status" = 0 ] || fail "exit status $status after Ctrl-C"
+stop "$pid" || fail "exit status $? after Ctrl-C"
 grep -q "CTRL_C_EVENT received" "$data/sf.log" || fail "the log does not name the stop event"
 
 hport=$(freeport)
@@ -71,16 +74,11 @@ pid=$!
 for _ in $(seq 120); do grep -q "handed over to" "$data/parent/sf.log" 2>/dev/null && break; sleep 1; done
 cpid=$(pgrep -f -- "$data/child site" || true)
 grep -q "handed over to" "$data/parent/sf.log" || fail "the parent did not hand the port over"
-kill -INT "$pid"
-for _ in $(seq 60); do kill -0 "$pid" 2>/dev/null || break; sleep 1; done
-kill -0 "$pid" 2>/dev/null && fail "the parent did not stop after the hand-over"
-wait "$pid" || fail "exit status $? from the parent after the hand-over"
+stop "$pid" || fail "exit status $? from the parent after the hand-over"
 echoed=$(python3 -c 'import socket, sys
 c = socket.create_connection(("127.0.0.1", int(sys.argv[1])), 30)
 c.sendall(b"moved"); print(c.recv(5).decode())' "$hport") || true
 [ "$echoed" = moved ] || fail "the child does not serve the handed-over port"
-kill -INT "$cpid"
-for _ in $(seq 60); do kill -0 "$cpid" 2>/dev/null || break; sleep 1; done
-kill -9 "$cpid" 2>/dev/null || true
+stop "$cpid" || kill -9 "$cpid" 2>/dev/null || true
 rm -rf "$data"
 echo "echo_site: GET, POST, keep-alive, forwarding, Ctrl-C stop and hand-over under Wine passed"
