@@ -252,7 +252,7 @@ void HttpAdaptor::sendMessage(Connection* c, const Buffer& body, HttpDataType ty
   Buffer block(kHeaderBlock);
   bodyAllowed = buildHeaders(c, &body, type, header, block);
   // A reply to HEAD announces its body but does not send it.
-  bool sendBody = bodyAllowed && !(type == REPLY && lastMethod == METHOD_HEAD && !isClient_);
+  bool sendBody = bodyAllowed && !(type == REPLY && lastMethod == METHOD_HEAD);
   if (sendBody && body.size() > 0 && body.size() <= kCoalesce) {
     SF_LOG(8, "HTTP - Writing message body");
     block.append(body.data, body.size());
@@ -485,7 +485,6 @@ void HttpAdaptor::writePduLast(Connection* c, const Buffer& frag) {
   }
   writeTransferChunk(c, &frag);
   writeTransferChunk(c, nullptr);
-  if (!isClient_) closeAfterReply(c);
 }
 
 }  // namespace sf
