@@ -2,6 +2,7 @@
 bundle validates and dumps to the items `openssl asn1parse` finds; verdicts,
 exit statuses and partial dumps for broken, unreadable and piped input."""
 import os
+import pathlib
 import re
 import subprocess
 import tempfile
@@ -30,12 +31,6 @@ class Sfber(unittest.TestCase):
         cls.certs = sorted(os.path.join(certs, f) for f in os.listdir(certs))
         assert len(cls.certs) > 50
 
-    def file(self, name, data):
-        path = os.path.join(self.tmp.name, name)
-        with open(path, "wb") as f:
-            f.write(data)
-        return path
-
     def test_certificates_validate_and_dump_as_openssl_parses_them(self):
         status, out, _ = sfber("check", *self.certs)
         self.assertEqual((status, out.splitlines()), (0, [c + ": valid" for c in self.certs]))
@@ -51,11 +46,11 @@ class Sfber(unittest.TestCase):
 
     def test_verdicts_exit_statuses_and_partial_dumps(self):
         big = max(self.certs, key=os.path.getsize)
-        with open(big, "rb") as f:
-            data = f.read()
-        cut = self.file("cut.der", data[:len(data) // 2])
-        printable = self.file("printable.der", b"\x30\x05\x13\x03a*b")
-        missing = os.path.join(self.tmp.name, "missing.der")
+        data = pathlib.Path(big).read_bytes()
+        cut, printable, missing = (os.path.join(self.tmp.name, name)
+                                   for name in ("cut.der", "printable.der", "missing.der"))
+        pathlib.Path(cut).write_bytes(data[:len(data) // 2])
+        pathlib.Path(printable).write_bytes(b"\x30\x05\x13\x03a*b")
         status, out, _ = sfber("check", cut, printable, big)
         self.assertEqual(status, 1)
         self.assertRegex(out, r"cut.der: invalid: INSUFFICENT_DATA at offset \d+\n")
