@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "sf/base/eventreport.h"
 #include "sf/base/locks.h"
@@ -52,13 +53,17 @@ std::string builtInLine(const std::string& stamp, std::uint32_t pid, std::uint32
 std::string templateLine(const std::string& stamp, std::uint32_t pid, std::uint32_t tid, int level,
                          std::int64_t secs, int code, const std::string& msg, const char* file,
                          int line) SF_REQUIRES(*g_logLock) {
-  char command[kArea];
-  snprintf(command, sizeof command, "format {%s} {%s} {%d} {%d} {%d} {%d} {%d} {%d} {%s} {%s} {%d}",
-           g_template.c_str(), stamp.c_str(), static_cast<int>(pid), static_cast<int>(tid), level,
-           static_cast<int>(secs), 0, code, msg.c_str(), file ? file : "", line);
+  // The record's fields go to format as words of their own: a message holds
+  // peer bytes, and in a script text a brace or bracket of it would end its
+  // word and run a command.
+  std::vector<std::string> words = {"format", g_template, stamp};
+  for (int n :
+       {static_cast<int>(pid), static_cast<int>(tid), level, static_cast<int>(secs), 0, code})
+    words.push_back(std::to_string(n));
+  words.insert(words.end(), {msg, file ? file : "", std::to_string(line)});
   std::string result;
   try {
-    result = sfi_quietEval(command);
+    result = sfi_quietEval(words);
   } catch (const char*) {
     return "";  // this record falls back to the built-in layout
   }

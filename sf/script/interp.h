@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <string>
+#include <vector>
 #include "sf/base/locks.h"
 #include "sf/script/tcl.h"
 
@@ -26,8 +27,10 @@ bool sfi_tclHeldByCaller();
 // caches, thread-specific data). Call it last in a thread that used the
 // bridge and is about to end; the thread must not use the bridge afterwards.
 void sfi_tclThreadDone();
-// Evaluates without logging anything; throws the C string "tcl" on error.
-std::string sfi_quietEval(const char* script);
+// Runs one command whose words are given as they are (nothing in them is
+// substituted, so a word may hold any text), without logging anything;
+// throws the C string "tcl" on error.
+std::string sfi_quietEval(const std::vector<std::string>& words);
 // A flag that is true while the interpreter's command name is still the
 // library command proc: a script that renames, deletes or redefines the
 // command turns it false for good. Read without any lock; the flag lives for

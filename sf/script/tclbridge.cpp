@@ -227,11 +227,17 @@ std::string eval(const char* script) {
   SF_THROW("eval", Xtcl());
 }
 
-std::string sfi_quietEval(const char* script) {
-  ScriptCopy copy(script);
+std::string sfi_quietEval(const std::vector<std::string>& words) {
   MxLock guard(*g_tclLock);
   Evaluating scope("sfi_quietEval");
-  if (Tcl_Eval(g_interp, copy.get()) != TCL_OK) throw "tcl";
+  std::vector<Tcl_Obj*> objv;
+  for (const std::string& word : words) {
+    objv.push_back(Tcl_NewStringObj(word.c_str(), -1));
+    Tcl_IncrRefCount(objv.back());
+  }
+  int rc = Tcl_EvalObjv(g_interp, static_cast<int>(objv.size()), objv.data(), TCL_EVAL_GLOBAL);
+  for (Tcl_Obj* obj : objv) Tcl_DecrRefCount(obj);
+  if (rc != TCL_OK) throw "tcl";
   return Tcl_GetStringResult(g_interp);
 }
 

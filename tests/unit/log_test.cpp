@@ -199,8 +199,11 @@ TEST(LogFile, TemplateShapesTheLineAndUselessOnesAreDroppedOnce) {
   // 6 microseconds, 7 code, 8 message, 9 file, 10 line.
   sftest::TempDir dir;
   sftest::logToFile(dir.str(), 3, 1024, "L%4$s C%7$s <%8$s> %9$s:%10$s us=%6$s\n");
-  sf::sfi_log(3, 7, "hello world", "x.cpp", 12, 0);
-  EXPECT_EQ(sftest::readFile(dir.path() / "unit.log"), "L3 C7 <hello world> x.cpp:12 us=0\n");
+  // A message is one word of the format command, whatever it holds.
+  sf::sfi_log(3, 7, "hello} [set ::ran 1] {world", "x.cpp", 12, 0);
+  EXPECT_EQ(sftest::readFile(dir.path() / "unit.log"),
+            "L3 C7 <hello} [set ::ran 1] {world> x.cpp:12 us=0\n");
+  EXPECT_EQ(sf::getVarStr("ran", "no"), "no");
 
   // Failing for one record (a message that is no integer) gives that record
   // the built-in layout; the template stays.

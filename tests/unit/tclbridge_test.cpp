@@ -54,7 +54,7 @@ TEST(TclBridge, EvalLogsAndThrowsXtclWithThisError) {
   // (its failure is the template test's).
   log.clear();
   sf::g_logLevel.store(9);
-  EXPECT_EQ(sf::sfi_quietEval("format %s-%s a b"), "a-b");
+  EXPECT_EQ(sf::sfi_quietEval({"format", "%s-%s", "a", "b"}), "a-b");
   EXPECT_TRUE(log.records().empty());
 }
 
