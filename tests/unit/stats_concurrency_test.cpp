@@ -11,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <future>
-#include <map>
 #include <thread>
 
 #include "sf/base/statsattach.h"
@@ -24,14 +23,11 @@ using sftest::TempDir;
 namespace {
 
 // Names a block of its own (after a fresh temporary directory) while it
-// lives; then removes the names and restores the naming variables.
+// lives; then removes the names and unsets the naming variables.
 struct OwnBlock {
   TempDir dir;
-  std::map<std::string, std::string> saved;
   std::string blockName, mutexName;
   OwnBlock() {
-    for (const char* v : {"TAVODATDIR", "TAVO_WIN_MEM_GLOBAL"})
-      if (const char* value = getenv(v)) saved[v] = value;
     setenv("TAVO_WIN_MEM_GLOBAL", "OFF", 1);
     setenv("TAVODATDIR", dir.str().c_str(), 1);
     blockName = sf::statsBlockName();
@@ -42,7 +38,6 @@ struct OwnBlock {
     fs::remove("/dev/shm/" + mutexName);
     unsetenv("TAVODATDIR");
     unsetenv("TAVO_WIN_MEM_GLOBAL");
-    for (const auto& [name, value] : saved) setenv(name.c_str(), value.c_str(), 1);
   }
 };
 

@@ -90,13 +90,11 @@ TEST(Watchdog, ProgressKeepsATaskAliveArmingTwiceKeepsTheFirstDeadlineAndExpiryD
 }
 
 int disabledChild() {
-  sftest::LogCapture log(8);
   startWith(0);
-  if (!log.contains("not starting watchdog thread, timeout is 0.")) return 1;
   // Turned on after start-up: still off, there is no watchdog thread.
   sf::setVarInt("sf.watchdog", 1);
   sf::watchdog_set();
-  if (sf::getContext()->watchdog) return 2;
+  if (sf::getContext()->watchdog) return 1;
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
   return 0;
 }
