@@ -12,12 +12,10 @@ prefix=$tmp/prefix
 cmake --install "$build" --prefix "$prefix" >/dev/null
 libdir=$(dirname "$(dirname "$(find "$prefix" -name sf.pc)")")
 
-# Installed headers include only each other and the standard library.
+# Internal headers and Tcl's stay out of the installed ones; that these include
+# only each other the program below shows, its <sf/sflib.h> reaching them all.
 test ! -e "$prefix/include/sf/platform" -a ! -e "$prefix/include/sf/net/net.h"
 ! grep -rqE '#\s*include\s*<tcl\.h>' "$prefix/include"
-for h in $(grep -rhoE '#\s*include\s+"[^"]+"' "$prefix/include" | cut -d'"' -f2); do
-  test -f "$prefix/include/$h" || { echo "$h is included but not installed"; exit 1; }
-done
 
 cat >"$tmp/main.cpp" <<'CPP'
 #include <sf/sflib.h>
