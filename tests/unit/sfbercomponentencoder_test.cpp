@@ -61,24 +61,18 @@ TEST(BerEncoder, IntegerLengthAndTagEncodings) {
 }
 
 TEST(BerEncoder, WrappingAComponent) {
-  // Two items re-encoded under a new SEQUENCE, with the total in front;
-  // without encodeLength no outer length is written.
-  SfBerComponentEncoder two, e, raw;
-  two.InsertInteger(5, 0x02);
-  two.InsertOctetString("hi", 0x04);
-  e.InsertChunk(0x30, two, true);
-  EXPECT_EQ(bytesOf(e), (Bytes{0x30, 0x07, 0x02, 0x01, 0x05, 0x04, 0x02, 'h', 'i'}));
-  EXPECT_EQ(e.GetItemOffset(), 9u);
-  raw.InsertChunk(0x30, two, false);
-  EXPECT_EQ(bytesOf(raw), (Bytes{0x30, 0x02, 0x01, 0x05, 0x04, 0x02, 'h', 'i'}));
-
-  // The encoder's own length form replaces the source's (written here as
-  // raw octets after the tags); nested content is copied as it stands.
-  SfBerComponentEncoder longForm, w;
-  longForm.InsertChunk(0x04, "\x81\x01z", 3, false);
-  longForm.InsertChunk(0x30, "\x82\x00\x04\x02\x81\x01\x09", 7, false);
-  w.InsertSet(longForm, 0x31);
-  EXPECT_EQ(bytesOf(w), (Bytes{0x31, 0x09, 0x04, 0x01, 'z', 0x30, 0x04, 0x02, 0x81, 0x01, 0x09}));
+  // The items re-encoded under a new SET, the total in front, every length
+  // in the encoder's own form (the source's are written here as raw octets
+  // after the tags); nested content is copied as it stands. Without
+  // encodeLength no outer length is written.
+  SfBerComponentEncoder source, set, raw;
+  source.InsertChunk(0x04, "\x81\x01z", 3, false);
+  source.InsertChunk(0x30, "\x82\x00\x04\x02\x81\x01\x09", 7, false);
+  set.InsertSet(source, 0x31);
+  EXPECT_EQ(bytesOf(set), (Bytes{0x31, 0x09, 0x04, 0x01, 'z', 0x30, 0x04, 0x02, 0x81, 0x01, 0x09}));
+  EXPECT_EQ(set.GetItemOffset(), 11u);
+  raw.InsertChunk(0x30, source, false);
+  EXPECT_EQ(bytesOf(raw), (Bytes{0x30, 0x04, 0x01, 'z', 0x30, 0x04, 0x02, 0x81, 0x01, 0x09}));
 
   // Wrapping the encoder's own items; lengths of two octets.
   SfBerComponentEncoder self;
