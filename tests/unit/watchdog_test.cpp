@@ -78,9 +78,10 @@ int lifeChild() {
   sf::sfi_setLogLevel(1);
   sf::setVarInt("sf.watchdog", 1);
   sf::watchdog_set();
+  // Hang holding the interpreter lock, as a stuck script would.
   sf::sfi_tclLock().lock();
   std::this_thread::sleep_for(std::chrono::seconds(60));
-  return 0;
+  std::_Exit(0);
 }
 
 TEST(Watchdog, ProgressKeepsATaskAliveArmingTwiceKeepsTheFirstDeadlineAndExpiryDumps) {
