@@ -243,4 +243,10 @@ TEST(Log, TraceRecordsAtLevelTenWithTagAndTextCut) {
   EXPECT_EQ(log.messages(10),
             (std::vector<std::string>{"DEF trace_site.cpp 5 1 2 3",
                                       "abcdefg " + std::string(31, 't') + " 5 1 2 3"}));
+  // In a file each record takes the log lock, which traces; those traces
+  // are not traced in turn.
+  sftest::TempDir dir;
+  sftest::logToFile(dir.str(), 10);
+  sf::sfi_log(1, 0, "under a traced lock", "x.cpp", 1, 0);
+  EXPECT_NE(sftest::readFile(dir.path() / "unit.log").find("lock  "), std::string::npos);
 }
