@@ -84,7 +84,7 @@ TEST(Reader, ServesClientsThroughTheirLimitsAndMisuseUntilShutdown) {
   sf::initTimer();
   sf::setVarInt("sf.reader.threads", 3);  // more than one, whatever the machine
   sf::setVarInt("sf.reader.readtimeout", 1);
-  sf::setVarInt("sf.tcp.backlog", 128);  // the default 5 drops SYNs of a crowd
+  sf::setVarInt("sf.tcp.backlog", 128);  // no connection here waits on a dropped SYN
   sf::setVarInt("sf.qsize", 100);
   sf::mkQ("echo-q");
   // A port put in the shared table and taken back, as a script's bind does,
