@@ -47,7 +47,8 @@ class MessageQ {
   // (tryDeQ takes it, or takes it a moment later, once its producer has
   // finished releasing it). Watchers are woken one per enQ, oldest first;
   // one that was woken and unwatches while messages remain passes its
-  // wake-up on to the next watcher.
+  // wake-up on to the next watcher. An enQ that took w off just before
+  // unwatch may still ring it after unwatch returns: w must stay valid.
   bool watch(platform::Wakeup* w);
   void unwatch(platform::Wakeup* w);
 
