@@ -71,6 +71,7 @@ TEST(MessageQ, RingKeepsOneSlotEmptyAndRefusesWhenFull) {
   q.unwatch(&first);
   EXPECT_EQ(set.wait(&ready, 1, 0), 1);
   q.unwatch(&second);
+  EXPECT_FALSE(q.watch(&first));  // a message is there: nothing to wait for
   EXPECT_EQ(q.deQ(), &a);
 
   sf::MessageQ one(1, "one");  // holds nothing
