@@ -195,6 +195,8 @@ TEST(BerNavigation, ItemsCursorAndIndexes) {
   Pdu p(octets("02 01 FF 30 07 02 01 07 04 02 \"ab\" 84 03 \"xyz\""));
   EXPECT_EQ(berCode([&] { p.comp.NextItem(1); }), BER_NOT_VALIDATED);
   EXPECT_EQ(berCode([&] { p.comp.GetInteger(); }), BER_NOT_VALIDATED);
+  sf::Buffer unread;
+  EXPECT_EQ(berCode([&] { p.comp.GetConstructedData(unread); }), BER_NOT_VALIDATED);
   p.comp.ValidateStructure();
 
   EXPECT_EQ(berCode([&] { p.comp.SetItem(0); }), INVALID_INDEX);
