@@ -84,9 +84,9 @@ TEST(MessageQ, RingKeepsOneSlotEmptyAndRefusesWhenFull) {
 
 // Takes a message as an event-driven consumer does: tryDeQ, else hang a bell
 // on the queue, look once more, and wait for the bell. The wait has no time
-// limit, which a stalled machine would pass with nothing lost: an enQ that
-// goes unannounced leaves the last consumers waiting for good, and the test
-// run's time-out reports it.
+// limit (a limit fails on a machine that merely stalls): an enQ that goes
+// unannounced leaves the last consumers waiting for good, and the test run's
+// time-out reports it.
 sf::Message* takeWatching(sf::MessageQ& q, sf::platform::Wakeup& bell,
                           sf::platform::EventSet& set) {
   for (;;) {
