@@ -6,9 +6,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <vector>
-
 #include <mutex>
+#include <vector>
 
 #include "sf/base/buffer.h"
 #include "sf/base/log.h"
